@@ -1,0 +1,188 @@
+#include "platform/run_loop.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace zonara {
+namespace {
+
+class RunLoopTest : public ::testing::Test {
+ protected:
+  VirtualClock clock_;
+  ScopedClock installed_{clock_};
+  RunLoop& loop_ = RunLoop::current();
+};
+
+TEST_F(RunLoopTest, TimersFireInDueOrderAtTheirVirtualTimes) {
+  std::vector<std::pair<std::string, long>> fired;
+  auto record = [&](std::string name) {
+    return [&, name] { fired.emplace_back(name, static_cast<long>(clock_.elapsed().count())); };
+  };
+  (void)loop_.addTimer(3000ms, false, record("c"));
+  loop_.performAfterDelay(500ms, record("b"));
+  loop_.performAfterDelay(0ms, record("a"));
+  EXPECT_TRUE(loop_.runUntilNoTimers());
+  EXPECT_EQ(fired, (std::vector<std::pair<std::string, long>>{{"a", 0}, {"b", 500}, {"c", 3000}}));
+}
+
+TEST_F(RunLoopTest, RepeatingTimerFiresEveryIntervalUntilCancelled) {
+  std::vector<long> at;
+  RunLoop::TimerId id = 0;
+  id = loop_.addTimer(30s, true, [&] {
+    at.push_back(static_cast<long>(clock_.elapsed().count() / 1000));
+    if (at.size() == 4) {
+      EXPECT_TRUE(loop_.cancelTimer(id));  // cancels itself
+    }
+  });
+  EXPECT_TRUE(loop_.runUntilNoTimers());
+  EXPECT_EQ(at, (std::vector<long>{30, 60, 90, 120}));
+  EXPECT_FALSE(loop_.cancelTimer(id));
+}
+
+TEST_F(RunLoopTest, RepeatingTimerSkipsMissedFiringsAndVirtualLimitStopsTheRun) {
+  int count = 0;
+  auto id = loop_.addTimer(10s, true, [&] { ++count; });
+  clock_.advance(35s);  // three firings missed: only one catches up
+  loop_.runOnce();
+  EXPECT_EQ(count, 1);
+  EXPECT_FALSE(loop_.runUntilNoTimers(100s));  // forever otherwise
+  EXPECT_EQ(loop_.timerCount(), 1u);
+  EXPECT_GE(count, 10);
+  EXPECT_LE(count, 12);
+  EXPECT_TRUE(loop_.cancelTimer(id));
+}
+
+TEST_F(RunLoopTest, CallbackCanCancelALaterDueTimerAndAddNewOnes) {
+  std::vector<int> fired;
+  RunLoop::TimerId second = 0;
+  loop_.performAfterDelay(1s, [&] {
+    fired.push_back(1);
+    loop_.cancelTimer(second);
+    loop_.performAfterDelay(1s, [&] { fired.push_back(3); });
+  });
+  second = loop_.performAfterDelay(1s, [&] { fired.push_back(2); });
+  EXPECT_TRUE(loop_.runUntilNoTimers());
+  EXPECT_EQ(fired, (std::vector<int>{1, 3}));
+  EXPECT_EQ(clock_.elapsed(), 2s);
+}
+
+TEST_F(RunLoopTest, TimerIsNotDueBeforeItsTime) {
+  bool fired = false;
+  loop_.performAfterDelay(2s, [&] { fired = true; });
+  clock_.advance(1999ms);
+  loop_.runOnce();
+  EXPECT_FALSE(fired);
+  clock_.advance(1ms);
+  loop_.runOnce();
+  EXPECT_TRUE(fired);
+}
+
+TEST_F(RunLoopTest, StopEndsRunFromATimerAndFromAnotherThread) {
+  loop_.performAfterDelay(5s, [&] { loop_.stop(); });
+  std::thread advancer([&] {
+    std::this_thread::sleep_for(20ms);
+    clock_.advance(5s);
+  });
+  loop_.run();  // returns only through the timer's stop
+  advancer.join();
+  EXPECT_EQ(clock_.elapsed(), 5s);
+
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(20ms);
+    loop_.stop();
+  });
+  loop_.run();
+  stopper.join();
+}
+
+TEST_F(RunLoopTest, NestedRunIsStoppedInnermostFirst) {
+  std::vector<std::string> order;
+  loop_.performAfterDelay(1s, [&] {
+    loop_.performAfterDelay(1s, [&] { loop_.stop(); });
+    loop_.run();
+    order.push_back("inner returned");
+    loop_.stop();
+  });
+  std::thread advancer([&] {
+    for (int i = 0; i < 2; ++i) {
+      std::this_thread::sleep_for(20ms);
+      clock_.advance(1s);
+    }
+  });
+  loop_.run();
+  advancer.join();
+  order.push_back("outer returned");
+  EXPECT_EQ(order, (std::vector<std::string>{"inner returned", "outer returned"}));
+}
+
+TEST_F(RunLoopTest, TimerOfAThreadFiresOnlyWhileThatThreadRunsItsLoop) {
+  std::atomic<bool> fired{false};
+  std::atomic<bool> added{false};
+  std::atomic<bool> release{false};
+  std::thread worker([&] {
+    RunLoop& mine = RunLoop::current();
+    EXPECT_NE(&mine, &RunLoop::main());
+    mine.performAfterDelay(1s, [&] { fired = true; });
+    added = true;
+    while (!release) std::this_thread::sleep_for(1ms);  // not running its loop
+    EXPECT_FALSE(fired);
+    mine.runOnce();
+    EXPECT_TRUE(fired);
+  });
+  while (!added) std::this_thread::sleep_for(1ms);
+  clock_.advance(2s);
+  loop_.runOnce();  // the main loop running does not fire the worker's timer
+  std::this_thread::sleep_for(10ms);
+  EXPECT_FALSE(fired);
+  release = true;
+  worker.join();
+}
+
+TEST_F(RunLoopTest, PerformOnMainThreadWaitingAndNot) {
+  std::vector<std::string> order;
+  bool ranInline = false;
+  RunLoop::performOnMainThread([&] { ranInline = true; }, true);  // on main: at once
+  EXPECT_TRUE(ranInline);
+
+  std::atomic<bool> waitedCallDone{false};
+  std::thread worker([&] {
+    RunLoop::performOnMainThread([&] { order.push_back("queued"); }, false);
+    RunLoop::performOnMainThread([&] { order.push_back("waited"); }, true);
+    EXPECT_EQ(order.size(), 2u);  // the waiting call returned after running
+    waitedCallDone = true;
+  });
+  EXPECT_TRUE(loop_.runUntil([&] { return waitedCallDone.load(); }, 2s));
+  worker.join();
+  EXPECT_EQ(order, (std::vector<std::string>{"queued", "waited"}));
+}
+
+TEST_F(RunLoopTest, RunUntilGivesUpAfterItsRealLimit) {
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(loop_.runUntil([] { return false; }, 50ms));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+}
+
+TEST(RunLoopRealClockTest, TimerWaitsForRealTime) {
+  RunLoop& loop = RunLoop::current();
+  auto start = std::chrono::steady_clock::now();
+  bool fired = false;
+  loop.performAfterDelay(30ms, [&] { fired = true; });
+  EXPECT_TRUE(loop.runUntilNoTimers());
+  EXPECT_TRUE(fired);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
+}
+
+TEST(VirtualClockTest, SleepAdvancesAndWallTimeFollows) {
+  VirtualClock clock(Clock::WallTime(std::chrono::hours(24 * 365)));
+  clock.sleepFor(1500ms);
+  clock.advanceTo(Clock::TimePoint(1000ms));  // in the past: no change
+  EXPECT_EQ(clock.now(), Clock::TimePoint(1500ms));
+  EXPECT_EQ(clock.wallNow(), Clock::WallTime(std::chrono::hours(24 * 365) + 1500ms));
+}
+
+}  // namespace
+}  // namespace zonara
