@@ -1,0 +1,143 @@
+// The helper's central controller: sets up the support folders, the bus
+// name "org.quillon.ZonaraHelper" and the observers at start, and turns each
+// location trigger into a system time-zone change.
+//
+// Start-up (`create`): makes "$XDG_DATA_HOME/Zonara" and its "Telluro Cache"
+// folder when absent, takes the bus name (failure: "unable to start
+// ZonaraHelper server" is logged and no controller is made, leaving an inert
+// process), observes the distributed notification "ZonaraShutdown" (ends the
+// application) and the local notification "TelluroSensorNotification"
+// (`telluroLocationChanged`), and schedules `setupNotificationController` for
+// the first run-loop pass and `setupSensor` 0.5 s later.
+//
+// Thread safety: main thread only. Every operation may block the main thread
+// (network look-ups, the set-time-zone command, a 1 s wait for the calendar
+// to quit), by design.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/geolocation_helper.h"
+#include "app/location_source.h"
+#include "platform/command_runner.h"
+#include "platform/dbus.h"
+#include "platform/desktop_notifier.h"
+#include "platform/http_fetcher.h"
+#include "platform/notification_center.h"
+#include "platform/preferences_store.h"
+#include "platform/run_loop.h"
+#include "platform/time_zone_database.h"
+#include "platform/workspace.h"
+
+namespace zonara {
+
+class NotificationController;
+class ZonaraApplication;
+
+class AppController {
+ public:
+  static constexpr const char* kServerName = "org.quillon.ZonaraHelper";
+  static constexpr const char* kShutdownNotification = "ZonaraShutdown";
+  static constexpr const char* kSensorNotification = "TelluroSensorNotification";
+  static constexpr const char* kClockNotification = "com.apple.MenuBarClock.ClockNotification";
+  static constexpr const char* kCalendarDomain = "com.apple.iCal";
+
+  // What the controller works with. Everything is borrowed and must outlive
+  // the controller; `location` may be null (no position known yet).
+  struct Services {
+    ZonaraApplication* application = nullptr;
+    RunLoop* runLoop = nullptr;
+    NotificationCenter* notificationCenter = nullptr;
+    DistributedNotificationCenter* distributedCenter = nullptr;
+    BusNameServer* server = nullptr;
+    CommandRunner* commandRunner = nullptr;
+    Workspace* workspace = nullptr;
+    DesktopNotifier* notifier = nullptr;
+    TimeZoneDatabase* zones = nullptr;
+    HttpFetcher* fetcher = nullptr;
+    // The helper's own preferences domain ("org.quillon.ZonaraHelper").
+    PreferencesDomain* preferences = nullptr;
+    // Folder of other applications' preference domains ("" = the XDG one).
+    std::string preferencesDirectory;
+    // The XDG data folder that holds "Zonara" ("" = $XDG_DATA_HOME, else
+    // ~/.local/share).
+    std::string dataHome;
+    // Image shown with user notifications; may be empty.
+    std::string iconPath;
+    LocationSource* location = nullptr;
+    // Makes the sensor aggregator when `setupSensor` runs; null, or returning
+    // null, leaves the helper without one.
+    std::function<LocationTrigger*()> sensorAggregator;
+  };
+
+  // The default command that sets the system zone; the zone's name is
+  // appended as the last argument.
+  static const std::vector<std::string>& defaultSetTimezoneCommand();
+
+  // Starts the controller (see above). nullptr when the bus name cannot be
+  // taken.
+  [[nodiscard]] static std::unique_ptr<AppController> create(Services services);
+  // The process's controller, once main has made one (else null).
+  [[nodiscard]] static AppController* appController();
+  static void setAppController(AppController* controller);
+
+  ~AppController();
+  AppController(const AppController&) = delete;
+  AppController& operator=(const AppController&) = delete;
+
+  // Asks the application to end.
+  void zonaraHelperShouldShutdown();
+  // Makes the notification controller and announces the start to the user.
+  void setupNotificationController();
+  // Obtains the sensor aggregator and asks it for a first check 3.0 s later.
+  void setupSensor();
+
+  // Resolves the zone at the current position and applies it.
+  void telluroLocationChanged();
+  // Applies `name` when it differs from the system's zone; otherwise only
+  // remembers it (without a change notification). nullopt does nothing.
+  void foundTimezone(const std::optional<std::string>& name);
+  // Sets the system zone with the configured command, posts the clock
+  // notification, brings the calendar over when its time-zone support is on,
+  // stores the name and tells the change observers.
+  void setDetectedTimezone(const std::string& name);
+  // The zone last applied or confirmed (nullopt at start). Logs the read.
+  [[nodiscard]] std::optional<std::string> detectedTimezone();
+  // "N48.8566, E2.3522 (Europe/Paris)" style description (see the .cpp), or
+  // "Unknown" without a position. Does its own look-up (blocking).
+  [[nodiscard]] std::string currentLocation();
+  // Quits the running calendar application, if any, and waits 1 s for it.
+  // True when one was found.
+  bool killiCalIfRunning();
+
+  // Called after every `setDetectedTimezone` (not for confirmations).
+  using ChangeObserver = std::function<void()>;
+  void addDetectedTimezoneObserver(ChangeObserver observer);
+
+  // The set-time-zone command: the preference "SetTimezoneCommand" (an array
+  // of strings, program first) or the default.
+  [[nodiscard]] std::vector<std::string> setTimezoneCommand();
+
+  [[nodiscard]] NotificationController* notificationController() const { return notificationController_.get(); }
+  [[nodiscard]] LocationTrigger* sensorAggregator() const { return sensorAggregator_; }
+
+ private:
+  explicit AppController(Services services);
+  [[nodiscard]] GeolocationHelper geolocationHelper() const;
+  void createSupportFolders();
+
+  Services services_;
+  std::unique_ptr<NotificationController> notificationController_;
+  std::optional<std::string> detectedTimezone_;
+  LocationTrigger* sensorAggregator_ = nullptr;  // not owned
+  std::vector<ChangeObserver> changeObservers_;
+  DistributedNotificationCenter::ObserverId shutdownObserver_ = 0;
+  NotificationCenter::ObserverId sensorObserver_ = 0;
+  std::vector<RunLoop::TimerId> timers_;
+};
+
+}  // namespace zonara

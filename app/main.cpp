@@ -1,0 +1,83 @@
+// ZonaraHelper: the background helper that keeps the system time zone equal
+// to the zone of where the computer is.
+#include <limits.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "app/app_controller.h"
+#include "app/zonara_application.h"
+#include "platform/system_log.h"
+
+using namespace zonara;
+
+namespace {
+
+// The icon is installed beside the program: <prefix>/share/zonara/Zonara.png
+// for <prefix>/bin/ZonaraHelper.
+std::string iconPath() {
+  char exe[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return "";
+  exe[n] = '\0';
+  std::string dir(exe);
+  dir = dir.substr(0, dir.rfind('/'));
+  return dir.substr(0, dir.rfind('/')) + "/share/zonara/Zonara.png";
+}
+
+// Refuses every name: used when there is no session bus at all, so the
+// helper ends up inert as it does when another copy holds the name.
+class NoBusServer final : public BusNameServer {
+ public:
+  bool start(const std::map<std::string, PropertyGetter>&) override { return false; }
+  void propertiesChanged(const std::map<std::string, std::string>&, const std::vector<std::string>&) override {}
+};
+
+}  // namespace
+
+int main() {
+  ZonaraApplication& application = ZonaraApplication::sharedApplication();
+
+  PreferencesDomain preferences(AppController::kServerName);
+  std::string error;
+  std::unique_ptr<DBusConnection> bus = DBusConnection::openSession(&error);
+  if (!bus) SystemLogAt(LogPriority::Error, "no session bus: %s", error.c_str());
+
+  std::unique_ptr<DistributedNotificationCenter> distributed;
+  std::unique_ptr<BusNameServer> server;
+  std::unique_ptr<DesktopNotifier> notifier;
+  if (bus) {
+    distributed = std::make_unique<DBusDistributedNotificationCenter>(*bus);
+    server = std::make_unique<DBusNameServer>(*bus, AppController::kServerName);
+    notifier = std::make_unique<FreedesktopNotifier>(*bus, "Zonara");
+  } else {
+    server = std::make_unique<NoBusServer>();
+  }
+  SubprocessCommandRunner commandRunner;
+  LinuxWorkspace workspace;
+  DateTzDatabase zones;
+  CurlHttpFetcher fetcher;
+
+  AppController::Services services;
+  services.application = &application;
+  services.runLoop = &RunLoop::main();
+  services.notificationCenter = &NotificationCenter::defaultCenter();
+  services.distributedCenter = distributed.get();
+  services.server = server.get();
+  services.commandRunner = &commandRunner;
+  services.workspace = &workspace;
+  services.notifier = notifier.get();
+  services.zones = &zones;
+  services.fetcher = &fetcher;
+  services.preferences = &preferences;
+  services.iconPath = iconPath();
+  // Location sensing plugs in here (services.location, services.sensorAggregator).
+
+  std::unique_ptr<AppController> controller = AppController::create(std::move(services));
+  AppController::setAppController(controller.get());
+  application.setDelegate(controller.get());
+
+  application.run();
+  return 0;
+}

@@ -1,0 +1,27 @@
+#include "app/notification_controller.h"
+
+#include <unistd.h>
+
+#include "app/app_controller.h"
+
+namespace zonara {
+
+NotificationController::NotificationController(AppController& controller, DesktopNotifier& notifier,
+                                               std::string iconPath)
+    : controller_(controller), notifier_(notifier), iconPath_(std::move(iconPath)) {
+  controller_.addDetectedTimezoneObserver([this] { timezoneDidChange(); });
+}
+
+void NotificationController::timezoneDidChange() {
+  std::string zone = controller_.detectedTimezone().value_or("(null)");
+  notifyWithTitle(kApplicationName, "Timezone changed to: " + zone, kTimezoneChanged);
+}
+
+void NotificationController::notifyWithTitle(const std::string& title, const std::string& message,
+                                             const std::string& notificationName) {
+  // A missing icon file means no icon, not a broken one.
+  std::string icon = (!iconPath_.empty() && access(iconPath_.c_str(), R_OK) == 0) ? iconPath_ : "";
+  notifier_.notify(title, message, notificationName, icon);
+}
+
+}  // namespace zonara

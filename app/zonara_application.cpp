@@ -1,0 +1,37 @@
+#include "app/zonara_application.h"
+
+#include <malloc.h>
+
+#include <cmath>
+
+#include "app/location_source.h"
+
+namespace zonara {
+
+bool isUsablePosition(double longitude, double latitude) {
+  if (!std::isfinite(longitude) || !std::isfinite(latitude)) return false;
+  return !(std::trunc(longitude) == 0.0 && std::trunc(latitude) == 0.0);
+}
+
+ZonaraApplication& ZonaraApplication::sharedApplication() {
+  static ZonaraApplication* app = new ZonaraApplication(RunLoop::main());
+  return *app;
+}
+
+void ZonaraApplication::run() {
+  RunLoop::TimerId timer = loop_.addTimer(kMemoryResetInterval, true, [this] { resetAutoreleasePool(); });
+  loop_.run();
+  loop_.cancelTimer(timer);
+}
+
+void ZonaraApplication::terminate() { loop_.stop(); }
+
+void ZonaraApplication::resetAutoreleasePool() {
+  if (reset_) {
+    reset_();
+  } else {
+    malloc_trim(0);
+  }
+}
+
+}  // namespace zonara
