@@ -1,0 +1,597 @@
+#include "app/app_controller.h"
+
+#include <date/date.h>
+#include <gio/gio.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "app/notification_controller.h"
+#include "app/zonara_application.h"
+#include "platform/system_log.h"
+#include "platform/testing/http_test_server.h"
+#include "platform/testing/test_bus.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace zonara {
+namespace {
+
+using testing::HttpRequest;
+using testing::HttpResponse;
+using testing::HttpTestServer;
+
+std::string readFile(const fs::path& p) {
+  std::ifstream in(p);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+std::string zoneReply(const std::string& id, const std::string& gmt, const std::string& dst) {
+  return "<geonames><timezone><timezoneId>" + id + "</timezoneId><gmtOffset>" + gmt + "</gmtOffset><dstOffset>" +
+         dst + "</dstOffset></timezone></geonames>";
+}
+
+// ---------------------------------------------------------------------------
+// Doubles for the services that cannot be real here.
+
+class FakeLocation final : public LocationSource {
+ public:
+  std::optional<double> currentLongitude() const override { return longitude; }
+  std::optional<double> currentLatitude() const override { return latitude; }
+  void set(double lat, double lon) {
+    latitude = lat;
+    longitude = lon;
+  }
+  std::optional<double> longitude, latitude;
+};
+
+class FakeTrigger final : public LocationTrigger {
+ public:
+  void triggerNotification() override { triggeredAt.push_back(Clock::get().now().time_since_epoch()); }
+  std::vector<Clock::Duration> triggeredAt;
+};
+
+class RecordingServer final : public BusNameServer {
+ public:
+  bool start(const std::map<std::string, PropertyGetter>& properties) override {
+    if (refuse) return false;
+    this->properties = properties;
+    return true;
+  }
+  void propertiesChanged(const std::map<std::string, std::string>& changed,
+                         const std::vector<std::string>& invalidated) override {
+    for (const auto& [k, v] : changed) events.push_back(k + "=" + v);
+    for (const auto& k : invalidated) events.push_back(k + "?");
+  }
+  bool refuse = false;
+  std::map<std::string, PropertyGetter> properties;
+  std::vector<std::string> events;
+};
+
+class RecordingDistributedCenter final : public DistributedNotificationCenter {
+ public:
+  void post(const DistributedNotification& n) override { posted.push_back(n.name); }
+  ObserverId addObserver(const std::string& name, Observer observer) override {
+    observers[++lastId] = {name, std::move(observer)};
+    return lastId;
+  }
+  void removeObserver(ObserverId id) override { observers.erase(id); }
+  void deliver(const std::string& name) {
+    auto copy = observers;
+    for (auto& [id, entry] : copy) {
+      if (entry.first == name) entry.second(DistributedNotification{name, "", {}});
+    }
+  }
+  std::vector<std::string> posted;
+  std::map<ObserverId, std::pair<std::string, Observer>> observers;
+  ObserverId lastId = 0;
+};
+
+class FakeWorkspace final : public Workspace {
+ public:
+  std::vector<RunningApplication> launchedApplications() override { return apps; }
+  bool quitApplication(pid_t pid) override {
+    events.push_back("quit " + std::to_string(pid) + (onEvent ? onEvent() : ""));
+    return true;
+  }
+  bool launchApplication(const std::string& name) override {
+    events.push_back("launch " + name + (onEvent ? onEvent() : ""));
+    return true;
+  }
+  std::vector<RunningApplication> apps;
+  std::vector<std::string> events;
+  std::function<std::string()> onEvent;  // appends what a test wants to see at that moment
+};
+
+class RecordingNotifier final : public DesktopNotifier {
+ public:
+  void notify(const std::string& title, const std::string& message, const std::string& name,
+              const std::string& icon) override {
+    shown.push_back(title + "|" + message + "|" + name + "|" + (icon.empty() ? "" : fs::path(icon).filename().string()));
+  }
+  std::vector<std::string> shown;
+};
+
+// ---------------------------------------------------------------------------
+// A helper wired to real files, a real command, a real zone database and a
+// loopback time-zone service; the present is 15 January 2026, the system zone
+// is UTC and the set-time-zone command really changes it.
+
+class AppControllerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "config");
+    tzFile_ = root_ / "timezone";
+    std::ofstream(tzFile_) << "UTC\n";
+    zones_ = std::make_unique<DateTzDatabase>(tzFile_.string());
+    prefs_ = std::make_unique<PreferencesDomain>(AppController::kServerName, (root_ / "config").string());
+    prefs_->setValue("TimezoneServiceURL", PrefValue::string(http_.url()));
+    const std::string script = "printf '%s\\n' \"$1\" >> '" + (root_ / "commands").string() + "' && printf '%s\\n' \"$1\" > '" +
+                               tzFile_.string() + "'";
+    prefs_->setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/sh"), PrefValue::string("-c"),
+                                                             PrefValue::string(script),
+                                                             PrefValue::string("set-timezone")}));
+    ASSERT_TRUE(prefs_->synchronize());
+    http_.setHandler([](const HttpRequest& r) {
+      if (r.query().find("lat=-33.9&") != std::string::npos) return HttpResponse(200, zoneReply("Australia/Sydney", "10", "11"));
+      if (r.query().find("lat=35.7&") != std::string::npos) return HttpResponse(200, zoneReply("Asia/Tokyo", "9", "9"));
+      return HttpResponse(200, zoneReply("Europe/Paris", "1", "2"));
+    });
+    SetSystemLogSinkForTesting([this](LogPriority, const std::string& m) { log_.push_back(m); });
+  }
+  void TearDown() override { SetSystemLogSinkForTesting(nullptr); }
+
+  AppController::Services services() {
+    AppController::Services s;
+    s.application = &application_;
+    s.runLoop = &RunLoop::main();
+    s.notificationCenter = &center_;
+    s.distributedCenter = &distributed_;
+    s.server = &server_;
+    s.commandRunner = &runner_;
+    s.workspace = &workspace_;
+    s.notifier = &notifier_;
+    s.zones = zones_.get();
+    s.fetcher = &fetcher_;
+    s.preferences = prefs_.get();
+    s.preferencesDirectory = (root_ / "config").string();
+    s.dataHome = (root_ / "data").string();
+    s.iconPath = std::string(std::getenv("ZONARA_SOURCE_DIR")) + "/app/resources/Zonara.png";
+    s.location = &location_;
+    s.sensorAggregator = [this] { return &trigger_; };
+    return s;
+  }
+  std::unique_ptr<AppController> start() {
+    auto c = AppController::create(services());
+    EXPECT_TRUE(c);
+    return c;
+  }
+  std::vector<std::string> commands() { return lines(readFile(root_ / "commands")); }
+  bool logged(const std::string& m) { return std::find(log_.begin(), log_.end(), m) != log_.end(); }
+  void setCalendar(std::optional<bool> support) {
+    PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
+    if (support) ical.setValue("TimeZone support enabled", PrefValue::boolean(*support));
+    ical.setValue("Other", PrefValue::string("kept"));
+    ASSERT_TRUE(ical.synchronize());
+  }
+  std::optional<std::string> calendarZone() {
+    PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
+    auto v = ical.copyValue("lastViewsTimeZone");
+    return v ? std::optional(v->asString()) : std::nullopt;
+  }
+
+  VirtualClock clock_{Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch())};
+  ScopedClock installed_{clock_};
+  fs::path root_, tzFile_;
+  std::unique_ptr<DateTzDatabase> zones_;
+  std::unique_ptr<PreferencesDomain> prefs_;
+  HttpTestServer http_;
+  ZonaraApplication application_{RunLoop::main()};
+  NotificationCenter center_;
+  RecordingDistributedCenter distributed_;
+  RecordingServer server_;
+  SubprocessCommandRunner runner_;
+  FakeWorkspace workspace_;
+  RecordingNotifier notifier_;
+  CurlHttpFetcher fetcher_;
+  FakeLocation location_;
+  FakeTrigger trigger_;
+  std::vector<std::string> log_;
+};
+
+TEST_F(AppControllerTest, StartUpMakesFoldersObservesAndSchedulesItsSteps) {
+  auto controller = start();
+  EXPECT_TRUE(fs::is_directory(root_ / "data/Zonara/Telluro Cache"));
+  EXPECT_EQ(distributed_.observers.size(), 1u);
+  EXPECT_TRUE(server_.properties.count("DetectedTimezone") && server_.properties.count("CurrentLocation"));
+  EXPECT_EQ(notifier_.shown, std::vector<std::string>{});  // not inside start-up itself
+
+  RunLoop::main().runOnce();  // first pass
+  EXPECT_TRUE(controller->notificationController());
+  EXPECT_EQ(notifier_.shown, std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png"});
+  EXPECT_EQ(controller->sensorAggregator(), nullptr);
+
+  RunLoop::main().runUntilNoTimers();
+  EXPECT_EQ(controller->sensorAggregator(), &trigger_);
+  EXPECT_EQ(trigger_.triggeredAt, std::vector<Clock::Duration>{3500ms});
+
+  // Existing folders are left alone, quietly.
+  log_.clear();
+  auto again = std::make_unique<RecordingServer>();
+  auto s = services();
+  s.server = again.get();
+  EXPECT_TRUE(AppController::create(s));
+  EXPECT_TRUE(log_.empty());
+}
+
+TEST_F(AppControllerTest, WithoutTheBusNameTheHelperIsInert) {
+  server_.refuse = true;
+  EXPECT_EQ(AppController::create(services()), nullptr);
+  EXPECT_TRUE(logged("unable to start ZonaraHelper server"));
+  EXPECT_TRUE(distributed_.observers.empty());
+  center_.post(AppController::kSensorNotification);
+  RunLoop::main().runUntilNoTimers();
+  EXPECT_TRUE(notifier_.shown.empty());
+  EXPECT_EQ(http_.requestCount(), 0u);
+}
+
+TEST_F(AppControllerTest, ShutdownEndsTheApplicationBeforeTheFirstCheck) {
+  auto controller = start();
+  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.deliver(AppController::kShutdownNotification); });
+  application_.run();  // returns only through terminate
+  EXPECT_TRUE(trigger_.triggeredAt.empty());
+  EXPECT_LT(clock_.elapsed(), 500ms);
+}
+
+TEST_F(AppControllerTest, FoundTimezoneAppliesOnlyRealChanges) {
+  auto controller = start();
+  int changes = 0;
+  controller->addDetectedTimezoneObserver([&] { ++changes; });
+  struct Case {
+    std::optional<std::string> found;
+    std::vector<std::string> commandsAfter;  // the set-time-zone command's arguments so far
+    int changesAfter;
+    std::optional<std::string> detectedAfter;
+  };
+  const std::vector<Case> cases = {
+      {std::nullopt, {}, 0, std::nullopt},
+      {"UTC", {}, 0, "UTC"},  // equal to the system zone: remembered only
+      {"Europe/Paris", {"Europe/Paris"}, 1, "Europe/Paris"},
+      {"Europe/Paris", {"Europe/Paris"}, 1, "Europe/Paris"},  // the system is on Paris now
+      {"Mars/Olympus", {"Europe/Paris", "Mars/Olympus"}, 2, "Mars/Olympus"},  // unknown: never equal
+  };
+  for (const Case& c : cases) {
+    controller->foundTimezone(c.found);
+    EXPECT_EQ(commands(), c.commandsAfter) << c.found.value_or("nil");
+    EXPECT_EQ(changes, c.changesAfter) << c.found.value_or("nil");
+    EXPECT_EQ(controller->detectedTimezone(), c.detectedAfter) << c.found.value_or("nil");
+  }
+  EXPECT_EQ(distributed_.posted, std::vector<std::string>(2, AppController::kClockNotification));
+  EXPECT_EQ(server_.events, (std::vector<std::string>{"DetectedTimezone=Europe/Paris", "DetectedTimezone=Mars/Olympus"}));
+  EXPECT_TRUE(logged("called foundTimezone: (null)"));
+  EXPECT_TRUE(logged("just going to set the ivar to UTC"));
+  EXPECT_TRUE(logged("reading ivar as UTC"));
+  EXPECT_TRUE(logged("setDetectedTimezone: Mars/Olympus"));
+  EXPECT_TRUE(logged("timezone = (null)"));
+  EXPECT_TRUE(logged("requesting detectedTimezone... returning Europe/Paris"));
+}
+
+TEST_F(AppControllerTest, SetTimezoneCommandComesFromPreferencesOrDefault) {
+  auto controller = start();
+  EXPECT_EQ(controller->setTimezoneCommand().front(), "/bin/sh");
+  for (const PrefValue& bad : {PrefValue::string("/bin/true"), PrefValue::array({}),
+                               PrefValue::array({PrefValue::string("/bin/echo"), PrefValue::integer(3)})}) {
+    prefs_->setValue("SetTimezoneCommand", bad);
+    EXPECT_EQ(controller->setTimezoneCommand(), AppController::defaultSetTimezoneCommand());
+  }
+  prefs_->removeValue("SetTimezoneCommand");
+  EXPECT_EQ(controller->setTimezoneCommand(),
+            (std::vector<std::string>{"/usr/bin/timedatectl", "--no-ask-password", "set-timezone"}));
+}
+
+TEST_F(AppControllerTest, CalendarIsBroughtOverOnlyWhenItsTimeZoneSupportIsOn) {
+  auto controller = start();
+  workspace_.apps = {{100, "com.apple.iCal", "iCal"}, {150, "org.other", "other"}, {200, "com.apple.iCal", "iCal"}};
+  workspace_.onEvent = [&] { return " at " + std::to_string(clock_.elapsed().count()) + " zone " + calendarZone().value_or("-"); };
+
+  // Absent, then off: nothing touched.
+  controller->setDetectedTimezone("Europe/Paris");
+  EXPECT_FALSE(fs::exists(root_ / "config/com.apple.iCal.plist"));
+  setCalendar(false);
+  controller->setDetectedTimezone("Europe/Berlin");
+  EXPECT_EQ(calendarZone(), std::nullopt);
+  EXPECT_TRUE(workspace_.events.empty());
+
+  // On and running: the last matching one quits, 1 s passes, the preference
+  // is written, the calendar comes back.
+  setCalendar(true);
+  controller->setDetectedTimezone("Asia/Tokyo");
+  EXPECT_EQ(workspace_.events, (std::vector<std::string>{"quit 200 at 0 zone -", "launch iCal at 1000 zone Asia/Tokyo"}));
+  EXPECT_EQ(calendarZone(), "Asia/Tokyo");
+  PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
+  EXPECT_EQ(ical.copyValue("Other")->asString(), "kept");
+
+  // On and not running: written, nothing launched, no wait.
+  workspace_.apps.clear();
+  workspace_.events.clear();
+  controller->setDetectedTimezone("America/Lima");
+  EXPECT_EQ(calendarZone(), "America/Lima");
+  EXPECT_TRUE(workspace_.events.empty());
+  EXPECT_EQ(clock_.elapsed(), 1000ms);
+  EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "Europe/Berlin", "Asia/Tokyo", "America/Lima"}));
+}
+
+TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
+  auto controller = start();
+  struct Case {
+    std::optional<double> lat, lon;
+    bool lookedUp;
+  };
+  const std::vector<Case> cases = {{0.4, 0.7, false},    {0.4, 12.0, true},     {-0.9, -0.99, false}, {12.0, 0.4, true},
+                                   {std::nullopt, 5, false}, {5, std::nullopt, false}, {-1.0, 0.0, true}};
+  for (const Case& c : cases) {
+    http_.clearRequests();
+    server_.events.clear();
+    location_.latitude = c.lat;
+    location_.longitude = c.lon;
+    center_.post(AppController::kSensorNotification);
+    EXPECT_EQ(http_.requestCount(), c.lookedUp ? 1u : 0u) << c.lat.value_or(-99) << "," << c.lon.value_or(-99);
+    // Every look-up announces that the location description changed.
+    EXPECT_EQ(std::count(server_.events.begin(), server_.events.end(), "CurrentLocation?"), c.lookedUp ? 1 : 0);
+  }
+  EXPECT_EQ(http_.requests().front().query(), "lat=-1&lng=0&style=full");
+  EXPECT_TRUE(logged("foundtimezone for (0.4, 12) = Europe/Paris"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});  // applied once, confirmed after
+}
+
+TEST_F(AppControllerTest, NoZoneFoundChangesNothingButTheLocation) {
+  auto controller = start();
+  http_.setHandler([](const HttpRequest&) { return HttpResponse(200, "<geonames><status value=\"10\"/></geonames>"); });
+  location_.set(48.85, 2.35);
+  controller->telluroLocationChanged();
+  EXPECT_TRUE(logged("foundtimezone for (48.85, 2.35) = (null)"));
+  EXPECT_EQ(server_.events, std::vector<std::string>{"CurrentLocation?"});
+  EXPECT_FALSE(fs::exists(root_ / "commands"));
+}
+
+TEST_F(AppControllerTest, CurrentLocationDescribesThePositionWithItsZone) {
+  auto controller = start();
+  EXPECT_EQ(controller->currentLocation(), "Unknown");
+  struct Case {
+    double lat, lon;
+    const char* expected;
+  };
+  for (const Case& c : std::vector<Case>{{-33.9, 151.2, "S33.9000, W151.2000 (Australia/Sydney)"},
+                                         {35.7, 139.7, "N35.7000, W139.7000 (Asia/Tokyo)"},
+                                         {48.8566, -2.3522, "N48.8566, E2.3522 (Europe/Paris)"},
+                                         {0.0, 0.0, "S0.0000, E0.0000 (Europe/Paris)"}}) {
+    location_.set(c.lat, c.lon);
+    EXPECT_EQ(controller->currentLocation(), c.expected);
+  }
+  EXPECT_EQ(server_.properties.at("CurrentLocation")(), "S0.0000, E0.0000 (Europe/Paris)");
+}
+
+TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
+  auto controller = start();
+  RunLoop::main().runOnce();
+  location_.set(48.8566, 2.3522);
+  center_.post(AppController::kSensorNotification);
+  center_.post(AppController::kSensorNotification);  // same zone again: the system is there now
+  location_.set(35.7, 139.7);
+  center_.post(AppController::kSensorNotification);
+  EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png",
+                                                       "Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png",
+                                                       "Zonara|Timezone changed to: Asia/Tokyo|Timezone changed|Zonara.png"}));
+}
+
+TEST_F(AppControllerTest, MissingIconIsLeftOut) {
+  auto s = services();
+  s.iconPath = (root_ / "no-such.png").string();
+  auto controller = AppController::create(s);
+  RunLoop::main().runOnce();
+  EXPECT_EQ(notifier_.shown, std::vector<std::string>{"Zonara|Launched|Zonara Launched|"});
+}
+
+TEST_F(AppControllerTest, MemoryIsResetEveryThirtySecondsWhileTheApplicationRuns) {
+  std::vector<long> resets;
+  application_.setMemoryResetForTesting([&] {
+    resets.push_back(static_cast<long>(clock_.elapsed().count() / 1000));
+    if (resets.size() == 3) application_.terminate();
+  });
+  std::thread driver([&] {
+    for (int i = 0; i < 3; ++i) {
+      std::this_thread::sleep_for(10ms);
+      clock_.advance(30s);
+    }
+  });
+  application_.run();
+  driver.join();
+  EXPECT_EQ(resets, (std::vector<long>{30, 60, 90}));
+  EXPECT_EQ(RunLoop::main().timerCount(), 0u);  // the timer goes with the run
+}
+
+// ---------------------------------------------------------------------------
+// On a private session bus: the real name server, distributed notifications
+// and a fake desktop notification service.
+
+class FakeNotificationService {
+ public:
+  explicit FakeNotificationService(DBusConnection& bus) : bus_(bus) {
+    static const char* xml =
+        "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
+        "<arg type='s' direction='in'/><arg type='u' direction='in'/><arg type='s' direction='in'/>"
+        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
+        "<arg type='a{sv}' direction='in'/><arg type='i' direction='in'/><arg type='u' direction='out'/>"
+        "</method></interface></node>";
+    node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
+    static const GDBusInterfaceVTable vtable = {
+        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
+           GDBusMethodInvocation* invocation, gpointer data) {
+          auto* self = static_cast<FakeNotificationService*>(data);
+          const gchar *app, *icon, *summary, *body;
+          guint32 replaces;
+          GVariant* hints;
+          gint32 timeout;
+          g_variant_get(p, "(&su&s&s&s^a&s@a{sv}i)", &app, &replaces, &icon, &summary, &body, nullptr, &hints, &timeout);
+          std::string name;
+          if (GVariant* v = g_variant_lookup_value(hints, "x-zonara-notification-name", G_VARIANT_TYPE_STRING)) {
+            name = g_variant_get_string(v, nullptr);
+            g_variant_unref(v);
+          }
+          g_variant_unref(hints);
+          self->received.push_back(std::string(app) + "|" + summary + "|" + body + "|" + name + "|" +
+                                   fs::path(icon).filename().string());
+          g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 1u));
+        },
+        nullptr, nullptr, {nullptr}};
+    g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications", node_->interfaces[0], &vtable,
+                                      this, nullptr, nullptr);
+    GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                              "org.freedesktop.DBus", "RequestName",
+                                              g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
+                                              G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    if (r) g_variant_unref(r);
+  }
+  ~FakeNotificationService() { g_dbus_node_info_unref(node_); }
+  std::vector<std::string> received;
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+};
+
+std::string readProperty(const std::string& address, const std::string& property) {
+  auto c = DBusConnection::openAddress(address, nullptr);
+  if (!c) return "<no connection>";
+  GError* err = nullptr;
+  GVariant* r = g_dbus_connection_call_sync(
+      c->get(), AppController::kServerName, "/", "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", AppController::kServerName, property.c_str()), G_VARIANT_TYPE("(v)"),
+      G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &err);
+  if (!r) {
+    std::string m = err->message;
+    g_error_free(err);
+    return "<error " + m + ">";
+  }
+  GVariant* v = nullptr;
+  g_variant_get(r, "(v)", &v);
+  std::string value = g_variant_get_string(v, nullptr);
+  g_variant_unref(v);
+  g_variant_unref(r);
+  return value;
+}
+
+class AppControllerBusTest : public AppControllerTest {
+ protected:
+  void SetUp() override {
+    AppControllerTest::SetUp();
+    ASSERT_TRUE(bus_.ok());
+    first_ = DBusConnection::openAddress(bus_.address(), nullptr);
+    second_ = DBusConnection::openAddress(bus_.address(), nullptr);
+    other_ = DBusConnection::openAddress(bus_.address(), nullptr);
+    ASSERT_TRUE(first_ && second_ && other_);
+  }
+  AppController::Services busServices(DBusConnection& c, DBusNameServer& server,
+                                      DBusDistributedNotificationCenter& center, FreedesktopNotifier& notifier) {
+    auto s = services();
+    s.server = &server;
+    s.distributedCenter = &center;
+    s.notifier = &notifier;
+    (void)c;
+    return s;
+  }
+  // Runs the application; a watchdog ends it after `limit` of real time.
+  bool runApplication(std::chrono::milliseconds limit) {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool finished = false, watchdogFired = false;
+    std::thread watchdog([&] {
+      std::unique_lock<std::mutex> lock(mu);
+      if (!cv.wait_for(lock, limit, [&] { return finished; })) {
+        watchdogFired = true;
+        application_.terminate();
+      }
+    });
+    application_.run();
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      finished = true;
+    }
+    cv.notify_all();
+    watchdog.join();
+    return !watchdogFired;
+  }
+
+  testing::TestBus bus_;
+  std::unique_ptr<DBusConnection> first_, second_, other_;
+};
+
+TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
+  DBusNameServer server1(*first_, AppController::kServerName), server2(*second_, AppController::kServerName);
+  DBusDistributedNotificationCenter center1(*first_), center2(*second_), poster(*other_);
+  FreedesktopNotifier notifier1(*first_, "Zonara"), notifier2(*second_, "Zonara");
+  auto first = AppController::create(busServices(*first_, server1, center1, notifier1));
+  ASSERT_TRUE(first);
+  log_.clear();
+  auto second = AppController::create(busServices(*second_, server2, center2, notifier2));
+  EXPECT_EQ(second, nullptr);
+  EXPECT_EQ(log_, std::vector<std::string>{"unable to start ZonaraHelper server"});
+
+  // Posted from another process-like connection while the first check is
+  // still 3.5 s away.
+  RunLoop::main().performAfterDelay(0ms, [&] { poster.post({AppController::kShutdownNotification, "", {}}); });
+  EXPECT_TRUE(runApplication(5s));
+  EXPECT_TRUE(trigger_.triggeredAt.empty());
+}
+
+TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties) {
+  DBusNameServer server(*first_, AppController::kServerName);
+  DBusDistributedNotificationCenter center(*first_);
+  FreedesktopNotifier notifier(*first_, "Zonara");
+  FakeNotificationService service(*other_);
+  auto controller = AppController::create(busServices(*first_, server, center, notifier));
+  ASSERT_TRUE(controller);
+  RunLoop& loop = RunLoop::main();
+  ASSERT_TRUE(loop.runUntil([&] { return service.received.size() == 1; }, 5s));
+
+  location_.set(48.8566, 2.3522);
+  center_.post(AppController::kSensorNotification);  // applied
+  center_.post(AppController::kSensorNotification);  // confirmed
+  ASSERT_TRUE(loop.runUntil([&] { return service.received.size() >= 2; }, 5s));
+  loop.runUntil([] { return false; }, 200ms);  // a wrong third message would arrive by now
+  EXPECT_EQ(service.received, (std::vector<std::string>{"Zonara|Zonara|Launched|Zonara Launched|Zonara.png",
+                                                        "Zonara|Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png"}));
+
+  std::string zone, where;
+  std::atomic<bool> done{false};
+  std::thread client([&] {
+    zone = readProperty(bus_.address(), "DetectedTimezone");
+    where = readProperty(bus_.address(), "CurrentLocation");
+    done = true;
+  });
+  EXPECT_TRUE(loop.runUntil([&] { return done.load(); }, 10s));
+  client.join();
+  EXPECT_EQ(zone, "Europe/Paris");
+  EXPECT_EQ(where, "N48.8566, W2.3522 (Europe/Paris)");
+}
+
+}  // namespace
+}  // namespace zonara
