@@ -1,0 +1,172 @@
+// The installed programs, started as processes the way a user starts them,
+// against a loopback time-zone service and a private session bus.
+#include <fcntl.h>
+#include <gio/gio.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "platform/dbus.h"
+#include "platform/preferences_store.h"
+#include "platform/run_loop.h"
+#include "platform/testing/http_test_server.h"
+#include "platform/testing/test_bus.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace zonara {
+namespace {
+
+using testing::HttpRequest;
+using testing::HttpResponse;
+
+fs::path binDir() { return fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin"; }
+
+struct Child {
+  pid_t pid = -1;
+  int out = -1;
+};
+
+// Starts `argv` with `env` added to this process's environment; standard
+// output goes to a pipe.
+Child spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env) {
+  int fds[2];
+  if (pipe(fds) != 0) return {};
+  pid_t pid = fork();
+  if (pid == 0) {
+    for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+    dup2(fds[1], STDOUT_FILENO);
+    close(fds[0]);
+    close(fds[1]);
+    int devnull = open("/dev/null", O_RDWR);
+    dup2(devnull, STDIN_FILENO);
+    dup2(devnull, STDERR_FILENO);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  return {pid, fds[0]};
+}
+
+// Waits up to `limit` for the child to end; its exit status, or -1 if it is
+// still running.
+int waitFor(const Child& c, std::chrono::milliseconds limit) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  int status = 0;
+  while (true) {
+    pid_t r = waitpid(c.pid, &status, WNOHANG);
+    if (r == c.pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (std::chrono::steady_clock::now() >= end) return -1;
+    std::this_thread::sleep_for(10ms);
+  }
+}
+
+std::string readAll(int fd) {
+  std::string s;
+  char buf[256];
+  ssize_t n;
+  while ((n = read(fd, buf, sizeof buf)) > 0) s.append(buf, n);
+  close(fd);
+  return s;
+}
+
+class ProgramsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "config");
+    fs::create_directories(root_ / "data");
+    PreferencesDomain prefs("org.quillon.ZonaraHelper", (root_ / "config").string());
+    prefs.setValue("TimezoneServiceURL", PrefValue::string(http_.url()));
+    prefs.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+    // A helper under test must never touch the machine's real zone.
+    prefs.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/true")}));
+    ASSERT_TRUE(prefs.synchronize());
+    env_ = {{"XDG_CONFIG_HOME", (root_ / "config").string()}, {"XDG_DATA_HOME", (root_ / "data").string()}};
+  }
+  fs::path root_;
+  testing::HttpTestServer http_;
+  std::map<std::string, std::string> env_;
+};
+
+TEST_F(ProgramsTest, ZonaraTimezonePrintsTheZoneTheHelperWouldChoose) {
+  http_.setHandler([](const HttpRequest& r) {
+    if (r.query().rfind("lat=48.8566&lng=2.3522&style=full&username=zonara-test", 0) == 0) {
+      return HttpResponse(200, "<geonames><timezone><timezoneId>Europe/Paris</timezoneId></timezone></geonames>");
+    }
+    return HttpResponse(200, "<geonames><status message=\"no result\" value=\"15\"/></geonames>");
+  });
+  struct Case {
+    std::vector<std::string> args;
+    std::string out;
+    int status;
+  };
+  for (const Case& c : std::vector<Case>{{{"timezone", "48.8566", "2.3522"}, "Europe/Paris\n", 0},
+                                         {{"timezone", "10", "20"}, "", 1},   // the service knows nothing
+                                         {{"timezone", "0.4", "0.7"}, "", 1},  // no position
+                                         {{"timezone", "95", "2"}, "", 2},
+                                         {{"timezone", "north", "2"}, "", 2},
+                                         {{"timezone", "48"}, "", 2},
+                                         {{"frobnicate"}, "", 2}}) {
+    std::vector<std::string> argv{(binDir() / "zonara").string()};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    Child child = spawn(argv, env_);
+    std::string out = readAll(child.out);
+    EXPECT_EQ(waitFor(child, 10s), c.status) << c.args.back();
+    EXPECT_EQ(out, c.out) << c.args.back();
+  }
+  EXPECT_EQ(http_.requestCount(), 2u);
+}
+
+bool nameHasOwner(DBusConnection& c, const char* name) {
+  GVariant* r = g_dbus_connection_call_sync(c.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                            "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", name),
+                                            G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  gboolean owned = FALSE;
+  if (r) {
+    g_variant_get(r, "(b)", &owned);
+    g_variant_unref(r);
+  }
+  return owned;
+}
+
+TEST_F(ProgramsTest, HelperRegistersItsNameASecondCopyStaysInertAndShutdownEndsIt) {
+  testing::TestBus bus;
+  ASSERT_TRUE(bus.ok());
+  auto client = DBusConnection::openAddress(bus.address(), nullptr);
+  ASSERT_TRUE(client);
+  env_["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
+  const std::string helper = (binDir() / "ZonaraHelper").string();
+
+  Child first = spawn({helper}, env_);
+  RunLoop& loop = RunLoop::current();
+  ASSERT_TRUE(loop.runUntil([&] { return nameHasOwner(*client, "org.quillon.ZonaraHelper"); }, 5s));
+  EXPECT_TRUE(fs::is_directory(root_ / "data/Zonara/Telluro Cache"));
+
+  Child second = spawn({helper}, env_);
+  EXPECT_EQ(waitFor(second, 300ms), -1);  // stays, inert
+
+  DBusDistributedNotificationCenter center(*client);
+  center.post({"ZonaraShutdown", "", {}});
+  EXPECT_EQ(waitFor(first, 5s), 0);
+  EXPECT_EQ(waitFor(second, 200ms), -1);  // the inert copy does not listen
+  EXPECT_FALSE(nameHasOwner(*client, "org.quillon.ZonaraHelper"));
+
+  kill(second.pid, SIGTERM);
+  EXPECT_EQ(waitFor(second, 5s), 128 + SIGTERM);
+  close(first.out);
+  close(second.out);
+}
+
+}  // namespace
+}  // namespace zonara
