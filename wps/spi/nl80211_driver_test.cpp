@@ -26,9 +26,10 @@ TEST(Nl80211ChannelTest, FromFrequency) {
 }
 
 std::vector<unsigned char> element(unsigned char id, const std::string& body) {
-  std::vector<unsigned char> out = {id, static_cast<unsigned char>(body.size())};
-  out.insert(out.end(), body.begin(), body.end());
-  return out;
+  std::string raw(1, static_cast<char>(id));
+  raw += static_cast<char>(body.size());
+  raw += body;
+  return std::vector<unsigned char>(raw.begin(), raw.end());
 }
 
 std::vector<unsigned char> concat(std::initializer_list<std::vector<unsigned char>> parts) {
@@ -73,9 +74,11 @@ struct MessageFree {
 };
 using Message = std::unique_ptr<struct nl_msg, MessageFree>;
 
+const unsigned char kBssid[6] = {0x00, 0x12, 0xA3, 0xB4, 0xC5, 0xD6};
+
 // A scan-result message as the kernel sends one per BSS.
 struct Bss {
-  std::optional<std::vector<unsigned char>> bssid = std::vector<unsigned char>{0x00, 0x12, 0xA3, 0xB4, 0xC5, 0xD6};
+  std::optional<std::vector<unsigned char>> bssid{std::in_place, std::begin(kBssid), std::end(kBssid)};
   std::optional<int32_t> mbm;
   std::optional<uint8_t> unspec;
   std::optional<std::vector<unsigned char>> elements;
@@ -117,7 +120,7 @@ TEST(Nl80211ScanResultTest, ReadsEveryField) {
   Message message = build(bss);
   ScanDictionary d;
   ASSERT_TRUE(nl80211::parseScanResult(message.get(), nl80211::kMaxAgeMilliseconds, d));
-  EXPECT_EQ(d.bssid, (std::vector<unsigned char>{0x00, 0x12, 0xA3, 0xB4, 0xC5, 0xD6}));
+  EXPECT_EQ(d.bssid, (std::vector<unsigned char>(std::begin(kBssid), std::end(kBssid))));
   EXPECT_EQ(d.signal, -65);
   EXPECT_EQ(d.ssid, "Home Net");
   EXPECT_EQ(d.channel, 6);
