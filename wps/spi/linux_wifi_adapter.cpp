@@ -235,6 +235,7 @@ int LinuxWifiAdapter::open() {
   status_ = 0;
   attachStatus_ = 0;
   results_.clear();
+  description_.clear();
   scannerRunning_ = true;
   int rc = pthread_create(&thread_, nullptr, &ScannerThread::start, this);
   if (rc != 0) {
@@ -307,7 +308,9 @@ void LinuxWifiAdapter::close() {
 }
 
 std::string LinuxWifiAdapter::description() const {
-  MutexLock lock(mutex_);
+  // Written only by the scanner thread while open() waits for it, so it is
+  // stable afterwards; reading without the mutex keeps this from waiting
+  // for a running scan.
   return description_;
 }
 

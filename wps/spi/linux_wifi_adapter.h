@@ -61,16 +61,17 @@ class LinuxWifiAdapter final : public WifiAdapter {
   Logger& logger_;
   std::unique_ptr<WirelessDriver> driver_;
 
-  // Guards everything below except thread_/hasThread_, which only the caller
-  // of open/close touches.
-  mutable PthreadMutex mutex_;
+  // Guards the event word, the status and the results. description_ is
+  // written by the scanner thread only while open() waits for it; thread_ and
+  // hasThread_ belong to the caller of open/close.
+  PthreadMutex mutex_;
   PthreadCond cond_;
   int events_ = 0;
   int status_ = 0;          // last scan's code (0 = good)
   int attachStatus_ = 0;    // the driver's attach code, for open()
   bool scannerRunning_ = false;
   AccessPointList results_;
-  std::string description_;
+  std::string description_;  // written by the scanner thread during open()
 
   pthread_t thread_{};
   bool hasThread_ = false;
