@@ -180,8 +180,6 @@ TEST_F(LinuxWifiAdapterTest, DriverThatCannotAttachFailsOpenAndLeavesTheAdapterC
   EXPECT_EQ(state_.attaches, 2);
 }
 
-TEST_F(LinuxWifiAdapterTest, StartScanOnAClosedAdapterFails) { EXPECT_EQ(adapter_.startScan(), EBADF); }
-
 // Raw driver signal to RSSI, through the scan path.
 TEST_F(LinuxWifiAdapterTest, SplitScanConvertsEveryRecord) {
   struct Case {

@@ -62,13 +62,6 @@ TEST(Nl80211InformationElementsTest, Ssid) {
   EXPECT_EQ(nl80211::ssidFromInformationElements(nullptr, 0), std::nullopt);
 }
 
-TEST(Nl80211SignalTest, MbmToDbm) {
-  EXPECT_EQ(nl80211::rawSignalFromMbm(-6550), -65);
-  EXPECT_EQ(nl80211::rawSignalFromMbm(-7000), -70);
-  EXPECT_EQ(nl80211::rawSignalFromMbm(-99), 0);
-  EXPECT_EQ(nl80211::rawSignalFromMbm(0), 0);
-}
-
 struct MessageFree {
   void operator()(struct nl_msg* m) const { nlmsg_free(m); }
 };

@@ -159,13 +159,6 @@ TEST_F(ScanFileDriverTest, MissingFileIsUnavailableAndFailsAttach) {
   EXPECT_EQ(driver.scanSplit(block), ENODEV);
 }
 
-TEST_F(ScanFileDriverTest, CardAddressIsLocallyAdministered) {
-  ScanFileDriver driver("/nonexistent/zonara.scan");
-  unsigned char mac[6] = {9, 9, 9, 9, 9, 9};
-  ASSERT_EQ(driver.getCardInfo(mac), 0);
-  EXPECT_EQ(std::vector<unsigned char>(mac, mac + 6), (std::vector<unsigned char>{2, 0, 0, 0, 0, 0}));
-}
-
 }  // namespace
 }  // namespace SPI
 }  // namespace WPS
