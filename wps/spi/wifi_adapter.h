@@ -56,11 +56,12 @@ class WifiAdapter {
   // "scanner thread failed: %x" and returns its code, leaving `out` unchanged.
   [[nodiscard]] virtual int getScannedAccessPoints(AccessPointList& out) = 0;
 
-  // Stops and joins the scanner thread. Harmless when closed.
+  // Stops and joins the scanner thread, after a running scan has finished.
+  // Harmless when closed. Results not yet collected are dropped.
   virtual void close() = 0;
 
   // The card's MAC address as "00:1a:2b:3c:4d:5e" once open; empty before,
-  // or when the card could not tell.
+  // or when the card could not tell. Never waits for a scan.
   [[nodiscard]] virtual std::string description() const = 0;
 };
 
