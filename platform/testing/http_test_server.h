@@ -42,7 +42,10 @@
 // while the server runs. The handler is called on the server's connection
 // threads, one call at a time (calls are serialized), never while the server
 // holds a lock the accessors need; it may therefore call `requests()` etc.
-// It must not destroy the server.
+// It must return promptly (use `HttpResponse::delay` for slow answers: a
+// handler that blocks also blocks the destructor) and must not destroy the
+// server. Declare the server after whatever its handler captures, so it is
+// destroyed first.
 //
 // Failure: the constructor throws std::runtime_error when it cannot create,
 // bind or listen on the socket (tests want that loud); nothing else throws
