@@ -16,6 +16,7 @@
 #include "app/zonara_application.h"
 #include "platform/system_log.h"
 #include "platform/testing/http_test_server.h"
+#include "platform/testing/fakes.h"
 #include "platform/testing/test_bus.h"
 
 using namespace std::chrono_literals;
@@ -27,6 +28,7 @@ namespace {
 using testing::HttpRequest;
 using testing::HttpResponse;
 using testing::HttpTestServer;
+using testing::FakeWorkspace;
 
 std::string readFile(const fs::path& p) {
   std::ifstream in(p);
@@ -65,67 +67,6 @@ class FakeTrigger final : public LocationTrigger {
  public:
   void triggerNotification() override { triggeredAt.push_back(Clock::get().now().time_since_epoch()); }
   std::vector<Clock::Duration> triggeredAt;
-};
-
-class RecordingServer final : public BusNameServer {
- public:
-  bool start(const std::map<std::string, PropertyGetter>& properties) override {
-    if (refuse) return false;
-    this->properties = properties;
-    return true;
-  }
-  void propertiesChanged(const std::map<std::string, std::string>& changed,
-                         const std::vector<std::string>& invalidated) override {
-    for (const auto& [k, v] : changed) events.push_back(k + "=" + v);
-    for (const auto& k : invalidated) events.push_back(k + "?");
-  }
-  bool refuse = false;
-  std::map<std::string, PropertyGetter> properties;
-  std::vector<std::string> events;
-};
-
-class RecordingDistributedCenter final : public DistributedNotificationCenter {
- public:
-  void post(const DistributedNotification& n) override { posted.push_back(n.name); }
-  ObserverId addObserver(const std::string& name, Observer observer) override {
-    observers[++lastId] = {name, std::move(observer)};
-    return lastId;
-  }
-  void removeObserver(ObserverId id) override { observers.erase(id); }
-  void deliver(const std::string& name) {
-    auto copy = observers;
-    for (auto& [id, entry] : copy) {
-      if (entry.first == name) entry.second(DistributedNotification{name, "", {}});
-    }
-  }
-  std::vector<std::string> posted;
-  std::map<ObserverId, std::pair<std::string, Observer>> observers;
-  ObserverId lastId = 0;
-};
-
-class FakeWorkspace final : public Workspace {
- public:
-  std::vector<RunningApplication> launchedApplications() override { return apps; }
-  bool quitApplication(pid_t pid) override {
-    events.push_back("quit " + std::to_string(pid) + (onEvent ? onEvent() : ""));
-    return true;
-  }
-  bool launchApplication(const std::string& name) override {
-    events.push_back("launch " + name + (onEvent ? onEvent() : ""));
-    return true;
-  }
-  std::vector<RunningApplication> apps;
-  std::vector<std::string> events;
-  std::function<std::string()> onEvent;  // appends what a test wants to see at that moment
-};
-
-class RecordingNotifier final : public DesktopNotifier {
- public:
-  void notify(const std::string& title, const std::string& message, const std::string& name,
-              const std::string& icon) override {
-    shown.push_back(title + "|" + message + "|" + name + "|" + (icon.empty() ? "" : fs::path(icon).filename().string()));
-  }
-  std::vector<std::string> shown;
 };
 
 // ---------------------------------------------------------------------------
@@ -206,11 +147,11 @@ class AppControllerTest : public ::testing::Test {
   HttpTestServer http_;
   ZonaraApplication application_{RunLoop::main()};
   NotificationCenter center_;
-  RecordingDistributedCenter distributed_;
-  RecordingServer server_;
+  testing::InProcessDistributedNotificationCenter distributed_;
+  testing::FakeBusNameServer server_;
   SubprocessCommandRunner runner_;
   FakeWorkspace workspace_;
-  RecordingNotifier notifier_;
+  testing::RecordingDesktopNotifier notifier_;
   CurlHttpFetcher fetcher_;
   FakeLocation location_;
   FakeTrigger trigger_;
@@ -220,7 +161,7 @@ class AppControllerTest : public ::testing::Test {
 TEST_F(AppControllerTest, StartUpMakesFoldersObservesAndSchedulesItsSteps) {
   auto controller = start();
   EXPECT_TRUE(fs::is_directory(root_ / "data/Zonara/Telluro Cache"));
-  EXPECT_EQ(distributed_.observers.size(), 1u);
+  EXPECT_EQ(distributed_.observerCount(), 1u);
   EXPECT_TRUE(server_.properties.count("DetectedTimezone") && server_.properties.count("CurrentLocation"));
   EXPECT_EQ(notifier_.shown, std::vector<std::string>{});  // not inside start-up itself
 
@@ -235,7 +176,7 @@ TEST_F(AppControllerTest, StartUpMakesFoldersObservesAndSchedulesItsSteps) {
 
   // Existing folders are left alone, quietly.
   log_.clear();
-  auto again = std::make_unique<RecordingServer>();
+  auto again = std::make_unique<testing::FakeBusNameServer>();
   auto s = services();
   s.server = again.get();
   EXPECT_TRUE(AppController::create(s));
@@ -246,7 +187,7 @@ TEST_F(AppControllerTest, WithoutTheBusNameTheHelperIsInert) {
   server_.refuse = true;
   EXPECT_EQ(AppController::create(services()), nullptr);
   EXPECT_TRUE(logged("unable to start ZonaraHelper server"));
-  EXPECT_TRUE(distributed_.observers.empty());
+  EXPECT_EQ(distributed_.observerCount(), 0u);
   center_.post(AppController::kSensorNotification);
   RunLoop::main().runUntilNoTimers();
   EXPECT_TRUE(notifier_.shown.empty());
@@ -255,7 +196,7 @@ TEST_F(AppControllerTest, WithoutTheBusNameTheHelperIsInert) {
 
 TEST_F(AppControllerTest, ShutdownEndsTheApplicationBeforeTheFirstCheck) {
   auto controller = start();
-  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.deliver(AppController::kShutdownNotification); });
+  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({AppController::kShutdownNotification, "", {}}); });
   application_.run();  // returns only through terminate
   EXPECT_TRUE(trigger_.triggeredAt.empty());
   EXPECT_LT(clock_.elapsed(), 500ms);

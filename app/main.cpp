@@ -9,6 +9,7 @@
 #include "app/app_controller.h"
 #include "app/zonara_application.h"
 #include "platform/system_log.h"
+#include "wps/spi/logger.h"
 
 using namespace zonara;
 
@@ -37,6 +38,9 @@ class NoBusServer final : public BusNameServer {
 }  // namespace
 
 int main() {
+  // The positioning library looks for its logging configuration in the
+  // running program's preferences domain: ours.
+  WPS::SPI::Logger::setApplicationDomain(AppController::kServerName);
   ZonaraApplication& application = ZonaraApplication::sharedApplication();
 
   PreferencesDomain preferences(AppController::kServerName);

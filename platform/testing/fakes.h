@@ -1,0 +1,102 @@
+// Test doubles for the helper's platform services that cannot run for real
+// in tests (a desktop, other applications, the system's time zone) or that a
+// test wants to watch. Each records what it was asked to do.
+//
+// Thread safety: like the services they stand for, main thread only.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/command_runner.h"
+#include "platform/dbus.h"
+#include "platform/desktop_notifier.h"
+#include "platform/run_loop.h"
+#include "platform/workspace.h"
+
+namespace zonara::testing {
+
+// Records every command line; returns `status` without running anything.
+class RecordingCommandRunner final : public CommandRunner {
+ public:
+  int run(const std::vector<std::string>& argv) override {
+    commands.push_back(argv);
+    return status;
+  }
+  std::vector<std::vector<std::string>> commands;
+  int status = 0;
+};
+
+// Running applications as a test lists them. `events` records "quit PID" and
+// "launch NAME", each followed by what `onEvent` returns at that moment (so a
+// test can see the state of the world when it happened).
+class FakeWorkspace final : public Workspace {
+ public:
+  std::vector<RunningApplication> launchedApplications() override { return apps; }
+  bool quitApplication(pid_t pid) override {
+    events.push_back("quit " + std::to_string(pid) + (onEvent ? onEvent() : ""));
+    return true;
+  }
+  bool launchApplication(const std::string& name) override {
+    events.push_back("launch " + name + (onEvent ? onEvent() : ""));
+    return true;
+  }
+  std::vector<RunningApplication> apps;
+  std::vector<std::string> events;
+  std::function<std::string()> onEvent;
+};
+
+// Records "title|message|name|icon file name" for each message.
+class RecordingDesktopNotifier final : public DesktopNotifier {
+ public:
+  void notify(const std::string& title, const std::string& message, const std::string& notificationName,
+              const std::string& iconPath) override;
+  std::vector<std::string> shown;
+};
+
+// Distributed notifications within the process: `post` records the name and
+// delivers to the observers of that name on the next pass of the calling
+// thread's run loop, as notifications from the bus arrive. `deliver` calls
+// them at once, as if another process had posted.
+class InProcessDistributedNotificationCenter final : public DistributedNotificationCenter {
+ public:
+  InProcessDistributedNotificationCenter() = default;
+  // Cancels deliveries still pending.
+  ~InProcessDistributedNotificationCenter() override;
+  void post(const DistributedNotification& notification) override;
+  ObserverId addObserver(const std::string& name, Observer observer) override;
+  void removeObserver(ObserverId id) override { observers_.erase(id); }
+  void deliver(const DistributedNotification& notification);
+
+  [[nodiscard]] size_t observerCount() const { return observers_.size(); }
+  std::vector<std::string> posted;
+
+ private:
+  std::map<ObserverId, std::pair<std::string, Observer>> observers_;
+  ObserverId lastId_ = 0;
+  std::vector<std::pair<RunLoop*, RunLoop::TimerId>> pending_;
+};
+
+// A bus name that is free unless `refuse` is set. Keeps the property getters
+// for tests to call and records announcements as "Name=value" (changed) and
+// "Name?" (invalidated).
+class FakeBusNameServer final : public BusNameServer {
+ public:
+  bool start(const std::map<std::string, PropertyGetter>& properties) override {
+    if (refuse) return false;
+    this->properties = properties;
+    return true;
+  }
+  void propertiesChanged(const std::map<std::string, std::string>& changed,
+                         const std::vector<std::string>& invalidated) override {
+    for (const auto& [name, value] : changed) events.push_back(name + "=" + value);
+    for (const auto& name : invalidated) events.push_back(name + "?");
+  }
+  bool refuse = false;
+  std::map<std::string, PropertyGetter> properties;
+  std::vector<std::string> events;
+};
+
+}  // namespace zonara::testing
