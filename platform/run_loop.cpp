@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <set>
 
@@ -31,10 +32,6 @@ struct RunLoop::TimerSource {
   RunLoop* loop;
 };
 
-namespace {
-GSourceFuncs g_timerFuncs = {};
-}  // namespace
-
 bool RunLoop::isMainThread() { return getpid() == static_cast<pid_t>(syscall(SYS_gettid)); }
 
 RunLoop& RunLoop::current() {
@@ -57,10 +54,8 @@ RunLoop::RunLoop(bool isMain) {
     g_main_context_push_thread_default(context_);
     pushedThreadDefault_ = true;
   }
-  g_timerFuncs.prepare = &RunLoop::prepare;
-  g_timerFuncs.check = &RunLoop::check;
-  g_timerFuncs.dispatch = &RunLoop::dispatch;
-  timerSource_ = g_source_new(&g_timerFuncs, sizeof(TimerSource));
+  static GSourceFuncs timerFuncs = {&RunLoop::prepare, &RunLoop::check, &RunLoop::dispatch, nullptr, nullptr, nullptr};
+  timerSource_ = g_source_new(&timerFuncs, sizeof(TimerSource));
   reinterpret_cast<TimerSource*>(timerSource_)->loop = this;
   g_source_set_can_recurse(timerSource_, TRUE);
   g_source_set_name(timerSource_, "zonara-run-loop-timers");
