@@ -256,10 +256,9 @@ bool RunLoop::runUntilNoTimers(Duration virtualLimit) {
     auto next = nextTimerDue();
     if (!next) break;
     if (g_main_context_iteration(context_, FALSE)) continue;
-    Clock& clock = Clock::get();
-    if (clock.isVirtual()) {
+    if (auto* virtualClock = dynamic_cast<VirtualClock*>(&Clock::get())) {
       if (*next - start > virtualLimit) break;
-      static_cast<VirtualClock&>(clock).advanceTo(*next);
+      virtualClock->advanceTo(*next);
     } else {
       g_main_context_iteration(context_, TRUE);
     }

@@ -79,7 +79,7 @@ class RunLoop {
   // and the same real limit applies. Returns `done()`.
   bool runUntil(const std::function<bool()>& done,
                 std::chrono::milliseconds realLimit = std::chrono::seconds(5));
-  // Runs until no timers are left or `stop` is called. With a virtual clock,
+  // Runs until no timers are left or `stop` is called. With a `VirtualClock`,
   // whenever no event is ready the clock jumps to the next timer's time, so
   // repeating timers would run forever: `virtualLimit` bounds the virtual time
   // spent. Returns true when no timers are left.
