@@ -1,6 +1,8 @@
 // ZonaraHelper: the background helper that keeps the system time zone equal
 // to the zone of where the computer is.
+#include <glib-unix.h>
 #include <limits.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <memory>
@@ -81,6 +83,19 @@ int main() {
   std::unique_ptr<AppController> controller = AppController::create(std::move(services));
   AppController::setAppController(controller.get());
   application.setDelegate(controller.get());
+
+  // SIGTERM (session end, systemd, kill) and SIGINT (Ctrl-C in a terminal)
+  // end the helper like "ZonaraShutdown": the loop returns and everything is
+  // released in order.
+  for (int signal : {SIGTERM, SIGINT}) {
+    g_unix_signal_add(
+        signal,
+        [](gpointer data) -> gboolean {
+          static_cast<ZonaraApplication*>(data)->terminate();
+          return G_SOURCE_CONTINUE;
+        },
+        &application);
+  }
 
   application.run();
   return 0;
