@@ -44,6 +44,19 @@ int main() {
   // running program's preferences domain: ours.
   WPS::SPI::Logger::setApplicationDomain(AppController::kServerName);
   ZonaraApplication& application = ZonaraApplication::sharedApplication();
+  // SIGTERM (session end, systemd, kill) and SIGINT (Ctrl-C in a terminal)
+  // end the helper like "ZonaraShutdown": the loop returns and everything is
+  // released in order.
+  for (int signal : {SIGTERM, SIGINT}) {
+    g_unix_signal_add(
+        signal,
+        [](gpointer data) -> gboolean {
+          static_cast<ZonaraApplication*>(data)->terminate();
+          return G_SOURCE_CONTINUE;
+        },
+        &application);
+  }
+
 
   PreferencesDomain preferences(AppController::kServerName);
   std::string error;
@@ -83,19 +96,6 @@ int main() {
   std::unique_ptr<AppController> controller = AppController::create(std::move(services));
   AppController::setAppController(controller.get());
   application.setDelegate(controller.get());
-
-  // SIGTERM (session end, systemd, kill) and SIGINT (Ctrl-C in a terminal)
-  // end the helper like "ZonaraShutdown": the loop returns and everything is
-  // released in order.
-  for (int signal : {SIGTERM, SIGINT}) {
-    g_unix_signal_add(
-        signal,
-        [](gpointer data) -> gboolean {
-          static_cast<ZonaraApplication*>(data)->terminate();
-          return G_SOURCE_CONTINUE;
-        },
-        &application);
-  }
 
   application.run();
   return 0;
