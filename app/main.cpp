@@ -57,7 +57,6 @@ int main() {
         &application);
   }
 
-
   PreferencesDomain preferences(AppController::kServerName);
   std::string error;
   std::unique_ptr<DBusConnection> bus = DBusConnection::openSession(&error);
