@@ -320,6 +320,47 @@ TEST(TileFileTest, OpenLogsWhyAFileIsNotUsed) {
   EXPECT_TRUE(reader->get(aps[3].mac).empty());
 }
 
+// The worked example of docs/tile-format.md, decoded there field by field:
+// the writer must produce exactly these bytes and the reader must decode them.
+TEST(TileFileTest, WorkedExample) {
+  const std::vector<unsigned char> expected = {
+      0x57, 0x50, 0x53, 0x32, 0x20, 0x20, 0x00, 0x02, 0x00, 0x01, 0x91, 0x10, 0x03, 0x02, 0x10,
+      0x00, 0x00, 0x00, 0x00, 0x00, 0x30, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01,
+      0x40, 0x15, 0x90, 0x00, 0x00, 0x41, 0xc0, 0x00, 0x00, 0x00, 0x21, 0x00, 0x01, 0xa8, 0xc6,
+      0x14, 0x77, 0x87, 0x3a, 0x0f, 0x9d, 0x3f, 0x8f, 0xfb, 0x96, 0xef, 0x9b, 0xfc, 0x1c};
+  std::istringstream csv(
+      "00:00:00:00:00:10,1.0,2.0,20,0.5\n"
+      "00:00:00:00:00:25,1.001,2.002,18,0.16666666666666666\n"
+      "00:00:00:00:01:00,1.0005,2.0,21,0.5\n");
+  std::vector<LocatedAccessPoint> aps;
+  std::string error;
+  ASSERT_TRUE(parseAccessPointsCSV(csv, aps, error)) << error;
+  TileWriterOptions options;
+  options.precisionCode = 1;
+  options.blockRecords = 2;
+  EXPECT_EQ(build(aps, options), expected);
+
+  auto reader = openMemory(expected, "");
+  const struct {
+    uint64_t mac;
+    double latitude, longitude;
+    uint32_t count;
+    double exponent;
+  } records[] = {{0x10, 1.0, 2.0, 20, 0.5},
+                 {0x25, 4100 / 4096.0, 8200 / 4096.0, 18, 1.0 / 6},
+                 {0x100, 4098 / 4096.0, 2.0, 21, 0.5}};
+  for (const auto& r : records) {
+    const auto got = reader->get(SPI::MAC::fromValue(r.mac));
+    EXPECT_EQ(got.mac.value(), r.mac);
+    EXPECT_DOUBLE_EQ(got.latitude, r.latitude);
+    EXPECT_DOUBLE_EQ(got.longitude, r.longitude);
+    EXPECT_EQ(got.reliabilityCount, r.count);
+    EXPECT_DOUBLE_EQ(got.signalExponent, r.exponent);
+  }
+  EXPECT_TRUE(reader->get(SPI::MAC::fromValue(0x101)).empty());
+  EXPECT_EQ(reader->tiles()[0]->recordsReadByLastSearch(), 0u);
+}
+
 TEST(TileWriterTest, ParsesCSV) {
   std::istringstream in(
       "MAC,LATITUDE,LONGITUDE,RELIABILITY_COUNT,SIGNAL_EXPONENT\n"
