@@ -62,9 +62,8 @@ int build(const Parsed& p) {
   WPS::API::TileWriterOptions options;
   options.realm = p.realm;
   if (!parseUnsigned(p.precision, options.precisionCode) || options.precisionCode < 1 || options.precisionCode > 7 ||
-      !parseUnsigned(p.blockRecords, options.blockRecords) || options.blockRecords < 1 ||
-      options.blockRecords > 256) {
-    std::fprintf(stderr, "wps-tool: --precision takes 1..7 and --block-records 1..256\n");
+      !parseUnsigned(p.blockRecords, options.blockRecords) || options.blockRecords > 256) {
+    std::fprintf(stderr, "wps-tool: --precision takes 1..7 and --block-records 1..256 (0: automatic)\n");
     return 2;
   }
   if (!p.tileSize.empty()) {

@@ -44,26 +44,6 @@ int64_t BitInputStream::readBitSLong(unsigned bits) {
   return static_cast<int64_t>(value);
 }
 
-uint64_t BitInputStream::readAlignedLE(unsigned bytes) {
-  readAlign();
-  if (bytes > 8 || remaining() < uint64_t{bytes} * 8) {
-    fail();
-    return 0;
-  }
-  const unsigned char* p = data_ + (pos_ >> 3);
-  uint64_t value = 0;
-  for (unsigned i = bytes; i > 0; --i) value = (value << 8) | p[i - 1];
-  pos_ += uint64_t{bytes} * 8;
-  return value;
-}
-
-void BitInputStream::readAlign() {
-  if (pos_ < limit_) {
-    const uint64_t aligned = (pos_ + 7) & ~uint64_t{7};
-    pos_ = aligned < limit_ ? aligned : limit_;
-  }
-}
-
 bool BitInputStream::read(unsigned char* dst, size_t bytes) {
   readAlign();
   if (remaining() / 8 < bytes) {
@@ -84,36 +64,22 @@ void BitInputStream::skip(uint64_t bits) {
   pos_ += bits;
 }
 
-int getVLELength(unsigned char firstByte) {
-  int k = 0;
-  while (k < kMaxVLELength && (firstByte & (0x80u >> k))) ++k;
-  return k;
-}
-
-uint64_t getValueBase(unsigned char firstByte, int k) {
-  if (k < 0 || k > kMaxVLELength) return 0;
-  return (uint64_t{static_cast<unsigned char>(firstByte & vleValueBaseMasks[k])} << (8 * k)) + vleDeltas[k];
-}
-
 uint64_t readVLEU(BitInputStream& in) {
-  in.readAlign();
-  if (in.remaining() < 8) {
-    in.skip(8);  // marks the overrun
-    return 0;
-  }
-  const auto first = static_cast<unsigned char>(in.readBitUInt(8));
-  const int k = getVLELength(first);
-  if (k == 0) return first;
-  if (in.remaining() < uint64_t(k) * 8) {
-    in.skip(uint64_t(k) * 8);
-    return 0;
-  }
+  const unsigned char* first = in.readAlignedBytes(1);
+  if (first == nullptr) return 0;
+  const int k = getVLELength(*first);
+  if (k == 0) return *first;
+  const unsigned char* rest = in.readAlignedBytes(static_cast<size_t>(k));
+  if (rest == nullptr) return 0;
   if (k <= 3) {
     // Up to three following bytes: the whole value fits 32 bits.
-    const uint32_t rest = in.readBitUInt(8 * k);
-    return static_cast<uint32_t>(getValueBase(first, k)) + rest;
+    uint32_t value = 0;
+    for (int i = 0; i < k; ++i) value = (value << 8) | rest[i];
+    return static_cast<uint32_t>(getValueBase(*first, k)) + value;
   }
-  return getValueBase(first, k) + in.readBitULong(8 * k);
+  uint64_t value = 0;
+  for (int i = 0; i < k; ++i) value = (value << 8) | rest[i];
+  return getValueBase(*first, k) + value;
 }
 
 uint8_t packBits(double range, int P) {

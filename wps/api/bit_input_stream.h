@@ -43,15 +43,41 @@ class BitInputStream {
   [[nodiscard]] uint64_t readBE(unsigned bytes) { return readBitULong(bytes * 8); }
   // Aligns to the next byte boundary, then reads a little-endian value of
   // `bytes` bytes (the format uses 6 for keys and 2 for block lengths; 0..8).
-  [[nodiscard]] uint64_t readAlignedLE(unsigned bytes);
+  [[nodiscard]] uint64_t readAlignedLE(unsigned bytes) {
+    const unsigned char* p = bytes > 8 ? nullptr : readAlignedBytes(bytes);
+    if (p == nullptr) {
+      fail();
+      return 0;
+    }
+    uint64_t value = 0;
+    for (unsigned i = bytes; i > 0; --i) value = (value << 8) | p[i - 1];
+    return value;
+  }
   // Moves the position to the next multiple of 8 when it is below the limit
   // (never beyond the limit).
-  void readAlign();
+  void readAlign() {
+    if (pos_ < limit_) {
+      const uint64_t aligned = (pos_ + 7) & ~uint64_t{7};
+      pos_ = aligned < limit_ ? aligned : limit_;
+    }
+  }
   // Aligns, then copies `bytes` bytes to `dst`. Returns false (copying nothing)
   // when fewer remain; that is an overrun.
   [[nodiscard]] bool read(unsigned char* dst, size_t bytes);
   // Advances by `bits`; past the limit is an overrun.
   void skip(uint64_t bits);
+  // Aligns, then hands out the next `bytes` whole bytes (pointer into the
+  // region) and moves past them; nullptr and an overrun when fewer remain.
+  [[nodiscard]] const unsigned char* readAlignedBytes(size_t bytes) {
+    readAlign();
+    if (remaining() / 8 < bytes) {
+      fail();
+      return nullptr;
+    }
+    const unsigned char* p = data_ + (pos_ >> 3);
+    pos_ += uint64_t{bytes} * 8;
+    return p;
+  }
 
   [[nodiscard]] uint64_t position() const { return pos_; }
   [[nodiscard]] uint64_t limit() const { return limit_; }
@@ -85,10 +111,16 @@ inline constexpr uint64_t kMaxVLEValue = vleDeltas[6] + ((1ULL << 50) - 1);
 
 // k for a first byte: 0xxxxxxx -> 0, 10xxxxxx -> 1, ... 111110xx -> 5,
 // 111111xx -> 6.
-[[nodiscard]] int getVLELength(unsigned char firstByte);
+[[nodiscard]] inline int getVLELength(unsigned char firstByte) {
+  const int ones = __builtin_clz(~(unsigned{firstByte} << 24));
+  return ones < kMaxVLELength ? ones : kMaxVLELength;
+}
 // The part of the value fixed by the first byte: its masked bits shifted above
 // the k following bytes, plus the length's delta.
-[[nodiscard]] uint64_t getValueBase(unsigned char firstByte, int k);
+[[nodiscard]] inline uint64_t getValueBase(unsigned char firstByte, int k) {
+  if (k < 0 || k > kMaxVLELength) return 0;
+  return (uint64_t{static_cast<unsigned char>(firstByte & vleValueBaseMasks[k])} << (8 * k)) + vleDeltas[k];
+}
 // Aligns the stream and reads one VLEU. When the first byte or fewer than k
 // following bytes remain before the limit, returns 0 and the stream is overrun.
 [[nodiscard]] uint64_t readVLEU(BitInputStream& in);

@@ -60,6 +60,7 @@ TEST(TileFileTest, RoundTripThroughAFile) {
   const Case cases[] = {
       {"", 1.0, 7, 32},         {"", 0.0, 7, 32},         {"zonara.test", 1.0, 7, 32},
       {"zonara.test", 0.0, 3, 1}, {"other realm", 0.5, 1, 256}, {"", 2.0, 5, 7},
+      {"automatic blocks", 0.0, 7, 0},
   };
   std::mt19937_64 rng(7);
   for (const auto& c : cases) {

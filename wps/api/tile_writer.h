@@ -34,9 +34,11 @@ struct TileWriterOptions {
   // Edge of the grid cells that become tiles, in degrees; 0 or less puts every
   // access point into one tile.
   double tileSizeDegrees = 1.0;
-  // Records per block of the block index (1..256). Smaller blocks mean fewer
-  // records read per look-up and a larger index.
-  unsigned blockRecords = 32;
+  // Records per block of the block index (1..256), or 0 to choose per tile.
+  // A look-up walks the index linearly and then reads one block, so its cost
+  // is about n/2 index entries plus B/2 records for n blocks of B records;
+  // the automatic choice is sqrt(records), kept within 16..256.
+  unsigned blockRecords = 0;
 };
 
 // Appends the VLEU encoding of `value` (at most kMaxVLEValue) to `out`.
