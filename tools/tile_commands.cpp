@@ -1,6 +1,7 @@
 #include "tools/tile_commands.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -16,14 +17,15 @@ namespace {
 using WPS::API::CompressedFileReaderProtected;
 using WPS::API::LocatedAccessPoint;
 
-// Splits "--name value" options from positional arguments. Returns false on an
-// option without its value or an unknown option.
+// The command line after the sub-command: positional arguments and options.
 struct Parsed {
   std::vector<std::string> positional;
   std::string realm;
   std::string precision, tileSize, blockRecords;
 };
 
+// Splits "--name value" options from positional arguments. Returns false on an
+// option without its value or an unknown option.
 bool parse(const std::vector<std::string>& args, size_t from, Parsed& out) {
   for (size_t i = from; i < args.size(); ++i) {
     const std::string& a = args[i];

@@ -5,11 +5,10 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
-#include <numeric>
 #include <utility>
 
 #include "wps/api/bit_input_stream.h"
-#include "wps/api/compressed_file_reader.h"
+#include "wps/api/compressed_file_reader.h"  // fileHEAD
 #include "wps/api/md4.h"
 #include "wps/api/tile.h"
 #include "wps/spi/file.h"
