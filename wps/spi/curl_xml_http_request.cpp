@@ -195,8 +195,10 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
       // "HTTP/1.1 200 OK": a new response (after a 100 Continue or a proxy's
       // CONNECT answer) starts; its headers replace the earlier ones.
       size_t codeStart = line.find(' ');
-      if (codeStart == std::string::npos) return;
-      statusCode_ = std::atoi(line.c_str() + codeStart + 1);
+      if (codeStart == std::string::npos || line.size() < codeStart + 4) return;
+      const std::string code = line.substr(codeStart + 1, 3);
+      if (code.find_first_not_of("0123456789") != std::string::npos) return;
+      statusCode_ = std::atoi(code.c_str());
       size_t textStart = line.find(' ', codeStart + 1);
       statusText_ = textStart == std::string::npos ? std::string() : trim(line.substr(textStart + 1));
       responseHeaders_.clear();
