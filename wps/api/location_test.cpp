@@ -4,9 +4,13 @@
 
 #include <cstring>
 
+extern "C" int wpsapi_c_layout_ok(void);
+
 namespace WPS {
 namespace API {
 namespace {
+
+TEST(PublicHeader, CompilesAsCWithTheDocumentedLayout) { EXPECT_EQ(wpsapi_c_layout_ok(), 1); }
 
 StreetAddress sampleAddress() {
   StreetAddress sa;
