@@ -269,9 +269,11 @@ TEST_F(RESTClientTest, NullAndPendingCallbacksAreRefused) {
   }
   ASSERT_TRUE(server.waitForRequests(1, 2s));
   // Abort ends it promptly with a failure.
+  LogCapture log("WPS.API.RESTClient");
   const auto start = std::chrono::steady_clock::now();
   callback.abort();
   ASSERT_TRUE(callback.wait(1s));
+  EXPECT_TRUE(log.contains("request failed, error -1"));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
   EXPECT_FALSE(callback.succeeded);
   EXPECT_EQ(callback.error, -1);
