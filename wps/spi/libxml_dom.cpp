@@ -174,6 +174,24 @@ class LibxmlDOMDocument final : public DOMDocument {
   xmlDoc* doc_;  // owned
 };
 
+void ignoreGenericError(void*, const char*, ...) {}
+
+// Replaces the calling thread's libxml2 generic error handler for the life of
+// the object.
+class QuietLibxmlErrors {
+ public:
+  QuietLibxmlErrors() : handler_(xmlGenericError), context_(xmlGenericErrorContext) {
+    xmlSetGenericErrorFunc(nullptr, &ignoreGenericError);
+  }
+  ~QuietLibxmlErrors() { xmlSetGenericErrorFunc(context_, handler_); }
+  QuietLibxmlErrors(const QuietLibxmlErrors&) = delete;
+  QuietLibxmlErrors& operator=(const QuietLibxmlErrors&) = delete;
+
+ private:
+  xmlGenericErrorFunc handler_;
+  void* context_;
+};
+
 class LibxmlSAXParser final : public SAXParser {
  public:
   LibxmlSAXParser() : logger_(Logger::getLogger("WPS.SPI.SAXParser.LibxmlSAXParser")) {}
@@ -181,6 +199,10 @@ class LibxmlSAXParser final : public SAXParser {
   std::unique_ptr<DOMDocument> parse(const char* text, unsigned long length) override {
     xmlDoc* doc = nullptr;
     if (text != nullptr && length > 0 && length <= static_cast<unsigned long>(INT32_MAX)) {
+      // Some libxml2 reports (encoding errors) ignore XML_PARSE_NOERROR and go
+      // to the thread's generic error handler, by default stderr: silence it
+      // for this parse only.
+      QuietLibxmlErrors quiet;
       doc = xmlReadMemory(text, static_cast<int>(length), "", nullptr, kParseOptions);
     }
     if (doc != nullptr && (doc->intSubset != nullptr || doc->extSubset != nullptr)) {

@@ -96,6 +96,15 @@ TEST(LibxmlDOM, RefusesWhatIsNotAWellFormedDocument) {
   EXPECT_FALSE(SAXParser::newInstance()->parse(nullptr, 10));
 }
 
+TEST(LibxmlDOM, BadInputWritesNothingToStandardError) {
+  // UCS-4 detected from the first bytes, then broken: libxml2 reports such
+  // encoding errors outside its parser options.
+  const std::string text("\0\0\0<\0a\0>", 8);
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(parse(text));
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
 TEST(LibxmlDOM, EntityExpansionBombIsRefusedQuickly) {
   std::string bomb = "<?xml version='1.0'?><!DOCTYPE l [<!ENTITY a 'aaaaaaaaaa'>";
   char prev = 'a';
