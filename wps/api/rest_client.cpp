@@ -267,12 +267,10 @@ bool RESTClient::Callback::begin(std::unique_ptr<XmlHttpRequest> request) {
 
 void RESTClient::Callback::cancelBegin() {
   std::unique_ptr<XmlHttpRequest> request;
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    request = std::move(request_);
-    pending_ = false;
-    --active_;
-  }
+  std::lock_guard<std::mutex> lock(mu_);
+  request = std::move(request_);
+  pending_ = false;
+  --active_;
   idle_.notify_all();
 }
 
@@ -282,10 +280,10 @@ std::unique_ptr<XmlHttpRequest> RESTClient::Callback::takeRequest() {
 }
 
 void RESTClient::Callback::finished() {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    --active_;
-  }
+  // Notified under the lock: a waiter in abortAndWait may destroy the
+  // callback as soon as it sees no active request.
+  std::lock_guard<std::mutex> lock(mu_);
+  --active_;
   idle_.notify_all();
 }
 
