@@ -15,7 +15,7 @@ build=${FUZZ_BUILD_DIR:-build-fuzz}
 runs=${FUZZ_RUNS:-5000}
 jobs=${FUZZ_JOBS:-2}
 
-cmake_args=(-S . -B "$build" -DZONARA_BUILD_FUZZERS=ON -DZONARA_BUILD_TESTS=OFF
+cmake_args=(-S . -B "$build" -DZONARA_BUILD_TESTS=OFF
             -DZONARA_BUILD_BENCHMARKS=OFF -DZONARA_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo)
 libfuzzer=0
 if command -v clang++ >/dev/null 2>&1 && command -v clang >/dev/null 2>&1; then
@@ -23,7 +23,7 @@ if command -v clang++ >/dev/null 2>&1 && command -v clang >/dev/null 2>&1; then
   libfuzzer=1
 fi
 cmake "${cmake_args[@]}" >/dev/null
-cmake --build "$build" -j "$jobs" --target protocol_fuzzer >/dev/null
+cmake --build "$build" -j "$jobs" --target protocol_fuzz >/dev/null
 
 # Library logging of every rejected input would only slow the run down.
 quiet=$(mktemp)
@@ -36,10 +36,10 @@ for target in protocol; do
   corpus="fuzz/corpus/$target"
   if [ "$libfuzzer" = 1 ]; then
     # New inputs go to a scratch folder, never into the repository.
-    "$build/fuzz/${target}_fuzzer" -runs="$runs" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
+    "$build/bin/${target}_fuzz" -runs="$runs" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
       -print_final_stats=1 "$scratch" "$corpus"
   else
-    "$build/fuzz/${target}_fuzzer" "$corpus"
+    "$build/bin/${target}_fuzz" --runs "$runs" --seed 7 "$corpus"/*
   fi
   echo "fuzz smoke: $target ok"
 done

@@ -11,7 +11,19 @@
 // A missing file reads as an empty domain. An unreadable or corrupt file is
 // reported once to the system log and read as empty; it is left untouched
 // until a value is set, and then kept beside the new file as
-// "<domain>.plist.corrupt" so nothing is silently lost.
+// "<domain>.plist.corrupt" so nothing is silently lost (an older .corrupt
+// file is replaced). An empty file reads as an empty domain, not as corrupt.
+//
+// Files: the advisory lock is flock(2) on "<domain>.plist.lock" beside the
+// domain file; it is created on the first write and never removed. Missing
+// folders are created (mode 0700). A new domain file gets mode 0600; a
+// replaced one keeps its mode. Binary property lists are read as well, but
+// always written back as XML.
+//
+// Limits: values libplist reads but `PrefValue` cannot hold (dates, UIDs) are
+// left out when a file is read, and so are not written back by the next
+// write; strings cannot contain NUL characters; integers above INT64_MAX read
+// back modulo 2^64.
 //
 // Thread safety: a `PreferencesDomain` may be used from any thread; each
 // operation is atomic with respect to the others.
@@ -99,7 +111,9 @@ class PreferencesDomain {
   [[nodiscard]] std::vector<std::string> keys();
 
   // Writes pending changes (if any) and re-reads the file. Returns false when
-  // the file could not be written; the changes then stay pending.
+  // the file could not be written (the reason goes to the system log); the
+  // changes then stay pending. Changes that leave the file's contents as they
+  // are (and removals while the file is corrupt) do not rewrite it.
   bool synchronize();
 
   // The XDG configuration folder used when none is given.

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <limits>
 #include <sstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -96,6 +97,8 @@ TEST_F(PreferencesStoreTest, EveryValueTypeRoundTripsThroughTheFile) {
     PreferencesDomain writer("org.example.RoundTrip", dir_);
     for (const auto& c : cases) writer.setValue(c.name, c.value);
     ASSERT_TRUE(writer.synchronize());
+    // Stored as an XML property list, readable by people and other tools.
+    EXPECT_EQ(ReadFile(writer.path()).rfind("<?xml", 0), 0u);
   }
   // A fresh object reads everything back from the file.
   PreferencesDomain reader("org.example.RoundTrip", dir_);
@@ -286,6 +289,37 @@ TEST_F(PreferencesStoreTest, NoTemporaryFilesAreLeftBehind) {
   for (const auto& entry : fs::directory_iterator(dir_)) names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   EXPECT_THAT(names, ElementsAre("org.example.Tidy.plist", "org.example.Tidy.plist.lock"));
+}
+
+TEST_F(PreferencesStoreTest, ThreadsWithTheirOwnObjectsForOneDomainLoseNothing) {
+  // Separate objects in one process must exclude each other too (a
+  // per-process lock such as fcntl's would not).
+  constexpr int kThreads = 4;
+  constexpr int kWrites = 25;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      PreferencesDomain d("org.example.Threads", dir_);
+      for (int i = 0; i < kWrites; ++i) {
+        d.setValue("t" + std::to_string(t) + "-" + std::to_string(i), PrefValue::integer(i));
+        EXPECT_TRUE(d.synchronize());
+      }
+    });
+  }
+  // Meanwhile one shared object is used from two more threads.
+  PreferencesDomain shared("org.example.Threads", dir_);
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&shared, t] {
+      for (int i = 0; i < kWrites; ++i) {
+        shared.setValue("s" + std::to_string(t) + "-" + std::to_string(i), PrefValue::boolean(true));
+        EXPECT_TRUE(shared.synchronize());
+        (void)shared.keys();
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  PreferencesDomain check("org.example.Threads", dir_);
+  EXPECT_EQ(check.keys().size(), static_cast<size_t>((kThreads + 2) * kWrites));
 }
 
 // Runs `body` in a child process and returns its exit status.

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "wps/api/config.h"
 #include "wps/api/location.h"
@@ -57,4 +58,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   return 0;
+}
+
+// The seed of the standalone driver (GCC builds) when no file is given: a
+// complete location response.
+std::vector<unsigned char> protocolFuzzSeed() {
+  const std::string seed = std::string("<?xml version='1.0'?><LocationRS xmlns='") +
+                           WPS::API::kProtocolNamespace +
+                           "' version='2.6'><location nap='7'><latitude>42.36</latitude><longitude>-71.05</longitude>"
+                           "<hpe>35</hpe><street-address><street-number>1</street-number><address-line>Main</address-line>"
+                           "<city>Boston</city><state code='MA'>Massachusetts</state><country code='US'>US</country>"
+                           "</street-address></location><tile id='1' version='2'><url>u</url></tile>"
+                           "<ip-location><ip>192.0.2.1</ip></ip-location></LocationRS>";
+  return std::vector<unsigned char>(seed.begin(), seed.end());
 }
