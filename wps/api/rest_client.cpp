@@ -199,9 +199,15 @@ int RESTClient::startAsync(XmlHttpRequest::HttpMethod method, const std::string&
   if (!request) return -1;
   request->setRequestCallback(&RESTClient::requestCallback, callback);
   XmlHttpRequest* raw = request.get();
-  if (!callback->begin(std::move(request))) {
-    logger.error("%s() called with pending callback", name);
-    return -1;
+  switch (callback->begin(std::move(request))) {
+    case Callback::Begin::Started:
+      break;
+    case Callback::Begin::Pending:
+      logger.error("%s() called with pending callback", name);
+      return -1;
+    case Callback::Begin::Closing:
+      logger.error("%s() called with a callback being aborted for good", name);
+      return -1;
   }
   logger.debug(method == XmlHttpRequest::GET ? "about to send HTTP GET request" : "about to send HTTP POST request");
   int rc = method == XmlHttpRequest::POST ? raw->send(body, length) : raw->send();
@@ -251,18 +257,21 @@ void RESTClient::Callback::abort() {
 
 void RESTClient::Callback::abortAndWait() {
   std::unique_lock<std::mutex> lock(mu_);
+  // No new request may start from a handler from now on.
+  closing_ = true;
   if (request_) request_->abort();
   idle_.wait(lock, [this] { return active_ == 0; });
   request_.reset();
 }
 
-bool RESTClient::Callback::begin(std::unique_ptr<XmlHttpRequest> request) {
+RESTClient::Callback::Begin RESTClient::Callback::begin(std::unique_ptr<XmlHttpRequest> request) {
   std::lock_guard<std::mutex> lock(mu_);
-  if (pending_.load()) return false;
+  if (closing_) return Begin::Closing;
+  if (pending_.load()) return Begin::Pending;
   request_ = std::move(request);
   pending_ = true;
   ++active_;
-  return true;
+  return Begin::Started;
 }
 
 void RESTClient::Callback::cancelBegin() {

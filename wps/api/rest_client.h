@@ -86,7 +86,8 @@ class RESTClient {
     // Aborts the pending request, if any; its failure handler then runs soon
     // on the request's thread. Any thread; does not wait.
     void abort();
-    // Aborts and waits until no handler runs or will run. Not from a handler.
+    // Aborts and waits until no handler runs or will run; no request can be
+    // started on this callback afterwards. Not from a handler.
     void abortAndWait();
     // True from a successful start of a request until its handler is called.
     [[nodiscard]] bool isPending() const { return pending_.load(); }
@@ -102,8 +103,10 @@ class RESTClient {
 
    private:
     friend class RESTClient;
-    // Installs `request` as the pending one; false when one is pending.
-    bool begin(std::unique_ptr<SPI::XmlHttpRequest> request);
+    enum class Begin { Started, Pending, Closing };
+    // Installs `request` as the pending one, unless one is pending or the
+    // callback is being torn down.
+    Begin begin(std::unique_ptr<SPI::XmlHttpRequest> request);
     // Undoes begin() after a failed send.
     void cancelBegin();
     std::unique_ptr<SPI::XmlHttpRequest> takeRequest();
@@ -112,6 +115,7 @@ class RESTClient {
     std::mutex mu_;
     std::condition_variable idle_;
     int active_ = 0;  // requests started whose handler has not returned
+    bool closing_ = false;  // abortAndWait was called
     std::unique_ptr<SPI::XmlHttpRequest> request_;
     std::atomic<bool> pending_{false};
   };

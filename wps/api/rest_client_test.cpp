@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "platform/testing/http_test_server.h"
 #include "wps/api/config.h"
@@ -293,6 +294,7 @@ TEST_F(RESTClientTest, DestroyingAPendingCallbackAbortsPromptly) {
 // A handler may start the next request from inside its own handler.
 class ChainingCallback : public RecordingCallback {
  public:
+  ~ChainingCallback() override { abortAndWait(); }
   int remaining = 3;
   std::vector<std::string> bodies;
 
@@ -311,6 +313,20 @@ TEST_F(RESTClientTest, HandlerMayChainTheNextRequest) {
   ASSERT_TRUE(callback.wait(5s));
   EXPECT_EQ(callback.bodies.size(), 3u);
   EXPECT_EQ(server.requestCount(), 3u);
+}
+
+TEST_F(RESTClientTest, DestroyingAChainingCallbackStopsTheChain) {
+  server.setDefaultResponse(HttpResponse(200, "part").withDelay(200ms));
+  auto callback = std::make_unique<ChainingCallback>();
+  callback->remaining = 1000;
+  ASSERT_EQ(RESTClient::get("/first", callback.get()), 0);
+  ASSERT_TRUE(server.waitForRequests(2, 2s));
+  const auto start = std::chrono::steady_clock::now();
+  callback.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+  const size_t made = server.requestCount();
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(server.requestCount(), made);  // nothing started after destruction
 }
 
 }  // namespace
