@@ -1,0 +1,217 @@
+/*
+ * Public interface of the Wi-Fi positioning library.
+ *
+ * The library is entered only through the WPS_ functions below, which take and
+ * return the plain records declared here. It is usable from C and C++.
+ *
+ * Threads: every function may be called from any thread at any time. Each one
+ * holds one process-wide lock for its whole duration, so calls are serialised;
+ * a long call (a location request scans for up to five seconds) delays the
+ * others.
+ *
+ * Ownership: records handed out by the library (WPS_Location, WPS_IPLocation
+ * and the street address they point to) belong to the caller, who releases
+ * them with the matching WPS_free_ function. Records passed in (authentication,
+ * texts, paths) are borrowed for the duration of the call only; the library
+ * copies what it keeps.
+ *
+ * Errors: every function returns a WPS_ReturnCode (0 = success). Nothing is
+ * thrown across this interface.
+ */
+#ifndef WPS_API_WPSAPI_H
+#define WPS_API_WPSAPI_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Result of every public function. */
+typedef enum {
+  /* Success. */
+  WPS_OK = 0,
+  /* No location was found from the scan: the initial result of a location
+   * request, kept when no determination succeeded. */
+  WPS_ERROR_NO_LOCATION_FROM_SCAN = 3,
+  /* The server refused the credentials (HTTP 401 or 403), or the user name or
+   * realm is empty. */
+  WPS_ERROR_UNAUTHORIZED = 4,
+  /* The server could not be used (it cannot be reached, or any HTTP failure
+   * other than the ones above and below). */
+  WPS_ERROR_SERVER_UNAVAILABLE = 5,
+  /* The location cannot be determined: no local result and no usable server
+   * answer, or an unreadable response. */
+  WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED = 6,
+  /* The proxy refused the credentials (HTTP 407). */
+  WPS_ERROR_PROXY_UNAUTHORIZED = 7,
+  /* Any other failure. */
+  WPS_ERROR = 99
+} WPS_ReturnCode;
+
+/* A user's credentials. A null record or a null field is taken as the empty
+ * text. Names are sent to the server verbatim: use only letters, digits, dots
+ * and hyphens. */
+typedef struct {
+  const char* username;
+  const char* realm;
+} WPS_SimpleAuthentication;
+
+/* How much of a street address the server is asked to return with a
+ * location. */
+typedef enum {
+  WPS_NO_STREET_ADDRESS_LOOKUP = 0,
+  WPS_LIMITED_STREET_ADDRESS_LOOKUP = 1,
+  WPS_FULL_STREET_ADDRESS_LOOKUP = 2
+} WPS_StreetAddressLookup;
+
+/* A name with its code, used for a state and a country. `code` is either the
+ * empty text or exactly two characters. Both texts are never null in a record
+ * handed out by the library. */
+typedef struct {
+  char* name;
+  char* code;
+} WPS_NameCode;
+
+/* A street address. Every text is a zero-terminated text in the process's
+ * multibyte character set, never null (empty when unknown). `address_line`
+ * points to an array of texts ending with a null pointer, in the server's
+ * order. */
+typedef struct {
+  char* street_number;
+  char** address_line;
+  char* city;
+  char* postal_code;
+  char* county;
+  char* province;
+  char* region;
+  WPS_NameCode state;
+  WPS_NameCode country;
+} WPS_StreetAddress;
+
+/* A location, released with WPS_free_location. */
+typedef struct {
+  double latitude;  /* degrees */
+  double longitude; /* degrees */
+  double hpe;       /* metres: horizontal positioning error */
+  unsigned int nap; /* number of access points used */
+  double speed;     /* km/h */
+  double bearing;   /* degrees */
+  WPS_StreetAddress* street_address; /* null when none */
+} WPS_Location;
+
+/* A location derived from the caller's IP address, released with
+ * WPS_free_ip_location. */
+typedef struct {
+  char* ip;
+  double latitude;
+  double longitude;
+  WPS_StreetAddress* street_address; /* may be null */
+} WPS_IPLocation;
+
+/* Answers of the callbacks. */
+typedef enum {
+  WPS_STOP = 0,
+  WPS_CONTINUE = 1
+} WPS_Continuation;
+
+/* Called during a tile download with the number of the tile being fetched and
+ * the number of tiles in the session. Returning WPS_STOP ends the session. Runs
+ * on the download's own thread. */
+typedef WPS_Continuation (*WPS_TilingCallback)(void* arg,
+                                               unsigned tile_number,
+                                               unsigned tile_total);
+
+/* A finished scan, as seen by a WPS_ScanCallback. Opaque: the library's own
+ * scan loop hands its internal lists through it. */
+typedef struct WPS_ScanResult WPS_ScanResult;
+
+/* Called by WPS_periodic_scan after each scan with the scan's result code and
+ * the scan (valid only during the call). Returning WPS_STOP ends the loop. */
+typedef WPS_Continuation (*WPS_ScanCallback)(void* context,
+                                             WPS_ReturnCode result,
+                                             const WPS_ScanResult* scan);
+
+/* Called by WPS_periodic_location with each location report; `location` is
+ * valid only during the call (null when `code` is not WPS_OK). Returning
+ * WPS_STOP ends the reports. */
+typedef WPS_Continuation (*WPS_LocationCallback)(void* arg,
+                                                 WPS_ReturnCode code,
+                                                 const WPS_Location* location);
+
+/* One location request: scans Wi-Fi every 500 ms for up to ten periods, tries
+ * the downloaded tiles and then the server. On WPS_OK, and on
+ * WPS_ERROR_NO_LOCATION_FROM_SCAN, a newly allocated location is stored in
+ * *location (zeroed when none was found); on any other code nothing is handed
+ * out. */
+WPS_ReturnCode WPS_location(const WPS_SimpleAuthentication* authentication,
+                            WPS_StreetAddressLookup street_address_lookup,
+                            WPS_Location** location);
+
+/* The server's location for the caller's IP address. On WPS_OK a newly
+ * allocated record is stored in *location. */
+WPS_ReturnCode WPS_ip_location(const WPS_SimpleAuthentication* authentication,
+                               WPS_StreetAddressLookup street_address_lookup,
+                               WPS_IPLocation** location);
+
+/* Registers `new_authentication` with the server, using the registering
+ * account `authentication`. */
+WPS_ReturnCode WPS_register_user(const WPS_SimpleAuthentication* authentication,
+                                 const WPS_SimpleAuthentication* new_authentication);
+
+/* Configures the download of tiles for on-device positioning into `dirpath`.
+ * When `max_data_size_per_session` exceeds `max_data_size_total` the total is
+ * used for both. `callback` may be null. */
+WPS_ReturnCode WPS_tiling(const char* dirpath,
+                          unsigned long max_data_size_per_session,
+                          unsigned long max_data_size_total,
+                          WPS_TilingCallback callback,
+                          void* param);
+
+/* Directories holding tile files, as an array of texts ending with a null
+ * pointer. */
+WPS_ReturnCode WPS_set_local_files_path(const char** paths);
+
+/* Enables scan collection into `dirpath`, using at most `size_kb` kilobytes. */
+WPS_ReturnCode WPS_set_tier2_area(const char* dirpath, unsigned size_kb);
+
+/* The server URL; null restores the default, the empty text disables all
+ * network use. */
+WPS_ReturnCode WPS_set_server_url(const char* url);
+
+/* The User-Agent of every request; null restores the default "WPS API", the
+ * empty text sends none. */
+WPS_ReturnCode WPS_set_user_agent(const char* ua);
+
+/* The HTTP proxy for every request; a null or empty `address` clears it. A null
+ * user or password is taken as the empty text; with both empty no proxy
+ * credentials are sent. */
+WPS_ReturnCode WPS_set_proxy(const char* address,
+                             int port,
+                             const char* user,
+                             const char* password);
+
+/* Scans every `period` milliseconds, `iterations` times (0 = until the callback
+ * answers WPS_STOP), calling `callback` after each scan on the calling thread. */
+WPS_ReturnCode WPS_periodic_scan(unsigned long period,
+                                 unsigned iterations,
+                                 WPS_ScanCallback callback,
+                                 void* context);
+
+/* Repeated location reports: as WPS_location, repeated every `period`
+ * milliseconds `iterations` times (0 = until the callback answers WPS_STOP). */
+WPS_ReturnCode WPS_periodic_location(const WPS_SimpleAuthentication* authentication,
+                                     WPS_StreetAddressLookup street_address_lookup,
+                                     unsigned long period,
+                                     unsigned iterations,
+                                     WPS_LocationCallback callback,
+                                     void* arg);
+
+/* Release a record handed out by the library, with its street address. A null
+ * pointer is ignored. */
+void WPS_free_location(WPS_Location* location);
+void WPS_free_ip_location(WPS_IPLocation* location);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* WPS_API_WPSAPI_H */

@@ -1,0 +1,267 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "platform/testing/http_test_server.h"
+#include "wps/spi/xml_http_request.h"
+
+namespace WPS {
+namespace SPI {
+namespace {
+
+using namespace std::chrono_literals;
+using zonara::testing::ClosedPort;
+using zonara::testing::HttpResponse;
+using zonara::testing::HttpTestServer;
+
+// Short time-outs for every request of these tests, restored afterwards.
+class CurlXmlHttpRequestTest : public ::testing::Test {
+ protected:
+  void SetUp() override { XmlHttpRequest::setDefaultTimeouts(3000, 3000); }
+  void TearDown() override { XmlHttpRequest::setDefaultTimeouts(0, 0); }
+};
+
+// Collects the result of an asynchronous request.
+struct Completion {
+  std::mutex mu;
+  std::condition_variable cv;
+  bool done = false;
+  int result = -999;
+  std::thread::id thread;
+
+  static void callback(int result, void* user) {
+    auto* c = static_cast<Completion*>(user);
+    std::lock_guard<std::mutex> lock(c->mu);
+    c->done = true;
+    c->result = result;
+    c->thread = std::this_thread::get_id();
+    c->cv.notify_all();
+  }
+
+  bool wait(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mu);
+    return cv.wait_for(lock, timeout, [this] { return done; });
+  }
+};
+
+TEST_F(CurlXmlHttpRequestTest, PostSendsBodyAndHeadersAndReadsTheResponse) {
+  HttpTestServer server;
+  server.enqueue(HttpResponse(200, "<reply/>")
+                     .withHeader("X-Padded", "  spaced value  ")
+                     .withHeader("Content-Type", "text/xml; charset=utf-8"));
+  // Binary bytes and a body large enough for an interim 100 Continue.
+  std::string body = std::string("<a>\0\x01\xFF</a>", 10) + std::string(3000, 'x');
+
+  auto request = XmlHttpRequest::newInstance();
+  ASSERT_EQ(request->open(XmlHttpRequest::POST, server.url("/wps2//location?q=1"), false), 0);
+  request->setRequestHeader("Content-Type", "text/xml");
+  request->setRequestHeader("User-Agent", "Agent/1.0");
+  ASSERT_EQ(request->send(body.data(), body.size()), 0);
+
+  EXPECT_EQ(request->getStatusCode(), 200);
+  EXPECT_EQ(request->getStatusText(), "OK");
+  EXPECT_EQ(request->getResponseHeader("x-padded"), "spaced value");
+  EXPECT_EQ(request->getResponseHeader("CONTENT-TYPE"), "text/xml; charset=utf-8");
+  EXPECT_EQ(request->getResponseHeader("Missing"), "");
+  EXPECT_NE(request->getAllResponseHeaders().find("X-Padded: spaced value\r\n"), std::string::npos);
+  const char* data = nullptr;
+  unsigned long length = 0;
+  ASSERT_EQ(request->getResponseText(data, length), 0);
+  EXPECT_EQ(std::string(data, length), "<reply/>");
+
+  auto received = server.lastRequest();
+  ASSERT_TRUE(received);
+  EXPECT_EQ(received->method, "POST");
+  EXPECT_EQ(received->target, "/wps2//location?q=1");  // no normalisation
+  EXPECT_EQ(received->body, body);
+  EXPECT_EQ(received->header("Content-Type"), "text/xml");
+  EXPECT_EQ(received->header("User-Agent"), "Agent/1.0");
+  EXPECT_FALSE(received->header("Proxy-Authorization"));
+}
+
+TEST_F(CurlXmlHttpRequestTest, EveryStatusIsASuccessfulTransfer) {
+  HttpTestServer server;
+  for (int status : {200, 401, 403, 404, 407, 500}) {
+    server.enqueue(HttpResponse(status, "body " + std::to_string(status)));
+    auto request = XmlHttpRequest::newInstance();
+    ASSERT_EQ(request->open(XmlHttpRequest::GET, server.url("/x"), false), 0);
+    EXPECT_EQ(request->send(), 0) << status;
+    EXPECT_EQ(request->getStatusCode(), status);
+    EXPECT_EQ(request->getStatusText(), zonara::testing::StandardReason(status));
+    const char* data = nullptr;
+    unsigned long length = 0;
+    ASSERT_EQ(request->getResponseText(data, length), 0);
+    EXPECT_EQ(std::string(data, length), "body " + std::to_string(status));
+  }
+  EXPECT_EQ(server.requests()[0].method, "GET");
+}
+
+TEST_F(CurlXmlHttpRequestTest, HeadAsksForHeadersOnly) {
+  HttpTestServer server;
+  server.enqueue(HttpResponse(200, "not sent").withHeader("ETag", "\"v1\""));
+  auto request = XmlHttpRequest::newInstance();
+  ASSERT_EQ(request->open(XmlHttpRequest::HEAD, server.url("/tile"), false), 0);
+  ASSERT_EQ(request->send(), 0);
+  EXPECT_EQ(server.lastRequest()->method, "HEAD");
+  EXPECT_EQ(request->getResponseHeader("ETag"), "\"v1\"");
+  const char* data = nullptr;
+  unsigned long length = 99;
+  ASSERT_EQ(request->getResponseText(data, length), 0);
+  EXPECT_EQ(length, 0u);
+}
+
+TEST_F(CurlXmlHttpRequestTest, TransferFailuresMapToErrorNumbers) {
+  ClosedPort closed;
+  HttpTestServer garbage;
+  garbage.setDefaultResponse(HttpResponse::rawBytes("this is not HTTP\r\n\r\n"));
+  HttpTestServer slow;
+  slow.setDefaultResponse(HttpResponse(200, "late").withDelay(2000ms));
+
+  XmlHttpRequest::setDefaultTimeouts(3000, 300);
+  const struct {
+    const char* name;
+    std::string url;
+    int result;
+  } cases[] = {
+      {"connection refused", closed.url("/location"), XmlHttpRequest::kECONNREFUSED},
+      {"server slower than the time-out", slow.url("/location"), XmlHttpRequest::kETIMEDOUT},
+      {"unsupported protocol", "file:///etc/hostname", XmlHttpRequest::kEPROTONOSUPPORT},
+      {"another unsupported protocol", "ftp://127.0.0.1:1/", XmlHttpRequest::kEPROTONOSUPPORT},
+      {"a reply without status line (HTTP/0.9, refused)", garbage.url("/location"),
+       XmlHttpRequest::kEPROTONOSUPPORT},
+      {"malformed URL", "http://[::1/", -1},
+  };
+  for (const auto& c : cases) {
+    auto request = XmlHttpRequest::newInstance();
+    ASSERT_EQ(request->open(XmlHttpRequest::POST, c.url, false), 0) << c.name;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(request->send("<x/>", 4), c.result) << c.name;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms) << c.name;
+    EXPECT_EQ(request->getStatusCode(), -1) << c.name;
+    const char* data = nullptr;
+    unsigned long length = 0;
+    EXPECT_EQ(request->getResponseText(data, length), -1) << c.name;
+  }
+}
+
+TEST_F(CurlXmlHttpRequestTest, MisuseIsRefused) {
+  auto request = XmlHttpRequest::newInstance();
+  const char* data = nullptr;
+  unsigned long length = 0;
+  EXPECT_EQ(request->getResponseText(data, length), -1);
+  EXPECT_EQ(request->setRequestHeader("A", "b"), 22);
+  EXPECT_EQ(request->send(), 22);
+  EXPECT_EQ(request->open(XmlHttpRequest::GET, "", false), 22);
+  EXPECT_EQ(request->open(static_cast<XmlHttpRequest::HttpMethod>(7), "http://127.0.0.1:1/", false), 22);
+  ASSERT_EQ(request->open(XmlHttpRequest::GET, "http://127.0.0.1:1/", false), 0);
+  EXPECT_EQ(request->open(XmlHttpRequest::GET, "http://127.0.0.1:1/", false), 22);
+  EXPECT_EQ(request->getStatusCode(), -1);
+}
+
+TEST_F(CurlXmlHttpRequestTest, ProxyGetsTheAbsoluteUrlAndCredentialsOnlyWhenSet) {
+  HttpTestServer proxy;
+  proxy.setDefaultResponse(HttpResponse::proxyAuthenticationRequired());
+  const struct {
+    const char* user;
+    const char* password;
+    std::optional<std::string> authorization;
+  } cases[] = {
+      {"", "", std::nullopt},
+      {"joe", "secret", "Basic am9lOnNlY3JldA=="},
+      {"joe", "", "Basic am9lOg=="},
+  };
+  for (const auto& c : cases) {
+    auto request = XmlHttpRequest::newInstance();
+    ASSERT_EQ(request->open(XmlHttpRequest::POST, "http://telluro.example/wps2/location", "127.0.0.1", proxy.port(),
+                            c.user, c.password, false),
+              0);
+    EXPECT_EQ(request->send("<x/>", 4), 0);
+    EXPECT_EQ(request->getStatusCode(), 407);
+    auto received = proxy.lastRequest();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->target, "http://telluro.example/wps2/location");
+    EXPECT_EQ(received->header("Proxy-Authorization"), c.authorization) << c.user;
+  }
+}
+
+TEST_F(CurlXmlHttpRequestTest, AsynchronousSendCallsBackOnItsOwnThread) {
+  HttpTestServer server;
+  server.enqueue(HttpResponse(200, "tile bytes"));
+  Completion completion;
+  auto request = XmlHttpRequest::newInstance();
+  ASSERT_EQ(request->open(XmlHttpRequest::GET, server.url("/tile"), true), 0);
+  request->setRequestCallback(&Completion::callback, &completion);
+  ASSERT_EQ(request->send(), 0);
+  ASSERT_TRUE(completion.wait(5s));
+  EXPECT_EQ(completion.result, 0);
+  EXPECT_NE(completion.thread, std::this_thread::get_id());
+  const char* data = nullptr;
+  unsigned long length = 0;
+  ASSERT_EQ(request->getResponseText(data, length), 0);
+  EXPECT_EQ(std::string(data, length), "tile bytes");
+}
+
+TEST_F(CurlXmlHttpRequestTest, AbortEndsAnAsynchronousRequestPromptly) {
+  HttpTestServer server;
+  server.setDefaultResponse(HttpResponse(200, "never").withDelay(10s));
+  Completion completion;
+  auto request = XmlHttpRequest::newInstance();
+  ASSERT_EQ(request->open(XmlHttpRequest::GET, server.url("/slow"), true), 0);
+  request->setRequestCallback(&Completion::callback, &completion);
+  ASSERT_EQ(request->send(), 0);
+  ASSERT_TRUE(server.waitForRequests(1, 2s));
+  const auto start = std::chrono::steady_clock::now();
+  request->abort();
+  ASSERT_TRUE(completion.wait(1s));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+  EXPECT_EQ(completion.result, -1);
+}
+
+TEST_F(CurlXmlHttpRequestTest, DestroyingAPendingRequestAbortsAndWaits) {
+  HttpTestServer server;
+  server.setDefaultResponse(HttpResponse(200, "never").withDelay(10s));
+  Completion completion;
+  auto request = XmlHttpRequest::newInstance();
+  ASSERT_EQ(request->open(XmlHttpRequest::GET, server.url("/slow"), true), 0);
+  request->setRequestCallback(&Completion::callback, &completion);
+  ASSERT_EQ(request->send(), 0);
+  ASSERT_TRUE(server.waitForRequests(1, 2s));
+  const auto start = std::chrono::steady_clock::now();
+  request.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+  // The callback has run by the time the destructor returns.
+  EXPECT_TRUE(completion.done);
+}
+
+// A request may be destroyed from its own callback.
+struct SelfDeleting {
+  std::unique_ptr<XmlHttpRequest> request;
+  Completion completion;
+  static void callback(int result, void* user) {
+    auto* self = static_cast<SelfDeleting*>(user);
+    self->request.reset();
+    Completion::callback(result, &self->completion);
+  }
+};
+
+TEST_F(CurlXmlHttpRequestTest, CallbackMayDestroyItsRequest) {
+  HttpTestServer server;
+  server.setDefaultResponse(HttpResponse(200, "x"));
+  for (int i = 0; i < 20; ++i) {
+    SelfDeleting holder;
+    holder.request = XmlHttpRequest::newInstance();
+    ASSERT_EQ(holder.request->open(XmlHttpRequest::GET, server.url("/x"), true), 0);
+    holder.request->setRequestCallback(&SelfDeleting::callback, &holder);
+    XmlHttpRequest* raw = holder.request.get();
+    ASSERT_EQ(raw->send(), 0);
+    ASSERT_TRUE(holder.completion.wait(5s));
+    EXPECT_EQ(holder.completion.result, 0);
+  }
+}
+
+}  // namespace
+}  // namespace SPI
+}  // namespace WPS
