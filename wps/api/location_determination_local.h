@@ -1,0 +1,98 @@
+// Location determination on the device: from one Wi-Fi scan and the known
+// positions of access points in tile files, without asking the server.
+//
+// `LocationDeterminationLocal::newInstance()` returns the working
+// implementation (`LocationDeterminationPrivate`). The public WPS_ functions
+// create one per process, configure it with the setters, and for each location
+// request call `open`, then `determineLocationLocally` once per scan, then
+// `close`.
+//
+// Ownership: the object owns its access-point database (made by `open`, freed
+// by `close`) and its scan-collection area (made by `set_tier2_area`). Texts
+// and paths passed in are copied.
+//
+// Thread safety: none. The public functions serialise every use on the
+// library's lock; the module-wide traces of fixes are shared by all instances
+// and also rely on that lock.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "wps/api/location.h"
+#include "wps/api/wpsapi.h"
+#include "wps/spi/scan.h"
+
+namespace WPS {
+namespace API {
+
+class AccessPointDatabase;
+class Tier2Collection;
+
+// Tile download settings given to WPS_tiling.
+struct TilingParameters {
+  std::string directory;                   // where downloaded tiles are kept; "" = no tiling
+  unsigned long maxDataSizePerSession = 0;  // bytes one session may download
+  unsigned long maxDataSizeTotal = 0;       // bytes the directory may hold
+  WPS_TilingCallback callback = nullptr;    // may be null
+  void* callbackArg = nullptr;              // handed to the callback
+
+  [[nodiscard]] bool configured() const { return !directory.empty(); }
+};
+
+class LocationDeterminationLocal {
+ public:
+  // Return codes of determineLocationLocally.
+  static constexpr int kLocationFound = 0;
+  static constexpr int kCannotDetermine = 6;
+
+  // The working implementation, with `path` as its local data directory
+  // (may be empty).
+  [[nodiscard]] static std::unique_ptr<LocationDeterminationLocal> newInstance(const char* path = "");
+
+  virtual ~LocationDeterminationLocal();
+
+  // Creates the access-point database over the configured local files and,
+  // when tiling parameters were set, the downloaded tiles. Returns 0, or a
+  // WPS_ReturnCode when the database cannot be made.
+  [[nodiscard]] virtual int open(const SimpleAuthentication& authentication);
+  // Releases the database (the scan-collection area stays configured).
+  virtual void close();
+
+  // The directories of local tile files used from the next `open` on; a null
+  // array or entry list ends at the first null.
+  virtual void set_paths(const char** paths);
+  // Tile download settings used from the next `open` on.
+  virtual void set_tiling(const TilingParameters& parameters);
+  // Creates (or replaces) the scan-collection area `dir` with a quota in
+  // kilobytes; a null or empty `dir` removes it.
+  virtual void set_tier2_area(const char* dir, unsigned long quota_kb);
+
+  // Computes a location from `aps` (the known access points among them) into
+  // `out`, starting from `previous` (may be null). Returns kLocationFound or
+  // kCannotDetermine (also when no database is open). `out` is stamped with the
+  // present time either way.
+  [[nodiscard]] virtual int determineLocationLocally(const Location* previous,
+                                                     const std::vector<SPI::ScannedAccessPoint>& aps,
+                                                     const std::vector<SPI::ScannedCellTower>& cells,
+                                                     Location& out) = 0;
+
+  // Read access for the library and tests.
+  [[nodiscard]] const std::vector<std::string>& paths() const { return paths_; }
+  [[nodiscard]] const TilingParameters& tilingParameters() const { return tiling_; }
+  [[nodiscard]] AccessPointDatabase* database() const { return database_.get(); }
+  [[nodiscard]] Tier2Collection* tier2Collection() const { return tier2_.get(); }
+
+ protected:
+  explicit LocationDeterminationLocal(const char* path);
+
+  std::string path_;
+  std::vector<std::string> paths_;
+  TilingParameters tiling_;
+  std::unique_ptr<AccessPointDatabase> database_;
+  std::unique_ptr<Tier2Collection> tier2_;
+};
+
+}  // namespace API
+}  // namespace WPS
