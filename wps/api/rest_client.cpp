@@ -197,6 +197,24 @@ int RESTClient::startAsync(XmlHttpRequest::HttpMethod method, const std::string&
   }
   std::unique_ptr<XmlHttpRequest> request = open(method, path, true);
   if (!request) return -1;
+  return sendAsync(std::move(request), method, body, length, callback, name);
+}
+
+int RESTClient::send(std::unique_ptr<XmlHttpRequest> request, XmlHttpRequest::HttpMethod method, const char* body,
+                     unsigned long length, Callback* callback) {
+  Logger& logger = getClientLogger();
+  const char* name = method == XmlHttpRequest::GET ? "get" : "post";
+  if (callback == nullptr) {
+    logger.error("%s() called with null callback", name);
+    return -1;
+  }
+  if (!request) return -1;
+  return sendAsync(std::move(request), method, body, length, callback, name);
+}
+
+int RESTClient::sendAsync(std::unique_ptr<XmlHttpRequest> request, XmlHttpRequest::HttpMethod method,
+                          const char* body, unsigned long length, Callback* callback, const char* name) {
+  Logger& logger = getClientLogger();
   request->setRequestCallback(&RESTClient::requestCallback, callback);
   XmlHttpRequest* raw = request.get();
   switch (callback->begin(std::move(request))) {

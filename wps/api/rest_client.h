@@ -148,6 +148,13 @@ class RESTClient {
   [[nodiscard]] static int post(const std::string& path, const char* body, unsigned long length,
                                 std::unique_ptr<SPI::DOMDocument>& response);
 
+  // Asynchronous send of a request the caller opened itself (with async =
+  // true), for requests made with other connection settings or to an
+  // absolute URL: `body` and `length` are sent as a POST body when `method` is
+  // POST. Same results and callback rules as the asynchronous get and post.
+  [[nodiscard]] static int send(std::unique_ptr<SPI::XmlHttpRequest> request, SPI::XmlHttpRequest::HttpMethod method,
+                                const char* body, unsigned long length, Callback* callback);
+
   // The request callback of asynchronous requests (`user` is the Callback).
   static void requestCallback(int result, void* user);
 
@@ -164,6 +171,8 @@ class RESTClient {
  private:
   static int startAsync(SPI::XmlHttpRequest::HttpMethod method, const std::string& path, const char* body,
                         unsigned long length, Callback* callback, const char* name);
+  static int sendAsync(std::unique_ptr<SPI::XmlHttpRequest> request, SPI::XmlHttpRequest::HttpMethod method,
+                       const char* body, unsigned long length, Callback* callback, const char* name);
 };
 
 }  // namespace API
