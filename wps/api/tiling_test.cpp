@@ -69,6 +69,30 @@ std::vector<std::pair<std::string, long>> accessPointsOf(const std::string& body
   return out;
 }
 
+TEST(ScanCacheTest, KeepsTheNewestReadingOfEachAccessPointWithinCapacity) {
+  ScanCache::Limits limits;
+  limits.capacity = 3;
+  ScanCache cache(limits);
+  const auto mac = [](uint64_t v) { return SPI::MAC::fromValue(v); };
+  cache.add({{mac(1), -70, "", SPI::Time(100, 0)}, {mac(2), -71, "", SPI::Time(100, 0)}}, {});
+  cache.add({{mac(1), -50, "", SPI::Time(200, 0)}, {mac(3), -72}}, {});
+  EXPECT_EQ(cache.scanCount(), 2u);
+  ASSERT_EQ(cache.accessPoints().size(), 3u);
+  EXPECT_EQ(cache.accessPoints()[0].mac, mac(2));
+  EXPECT_EQ(cache.accessPoints()[1].mac, mac(1));
+  EXPECT_EQ(cache.accessPoints()[1].rssi, -50) << "the newer reading replaces the older";
+  EXPECT_EQ(cache.accessPoints()[1].time.seconds, 200);
+  EXPECT_NE(cache.accessPoints()[2].time.seconds, 0) << "an unknown scan time is stamped when cached";
+
+  cache.add({{mac(4), -60, "", SPI::Time(300, 0)}}, {});
+  ASSERT_EQ(cache.accessPoints().size(), 3u);
+  EXPECT_EQ(cache.accessPoints()[0].mac, mac(1)) << "the oldest reading went";
+
+  cache.clear();
+  EXPECT_EQ(cache.scanCount(), 0u);
+  EXPECT_TRUE(cache.accessPoints().empty());
+}
+
 class TilingExchangeTest : public ::testing::Test {
  protected:
   void SetUp() override {
