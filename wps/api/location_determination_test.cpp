@@ -8,7 +8,7 @@
 #include "wps/api/access_point_database.h"
 #include "wps/api/location_determination_private.h"
 #include "wps/api/tier2_collection.h"
-#include "wps/api/tile_test_support.h"
+#include "platform/testing/temp_dir.h"
 #include "wps/api/tile_writer.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
@@ -518,10 +518,9 @@ TEST_F(LocalDeterminationTest, AStillDeviceWithSteadySignalsHasSpeedZero) {
 
 TEST_F(LocalDeterminationTest, DeterminesFromTileFilesAndCollectsTheScan) {
   namespace fs = std::filesystem;
-  const std::string tiles = testing::tempPath("local_tiles");
-  const std::string area = testing::tempPath("local_area");
-  fs::remove_all(tiles);
-  fs::remove_all(area);
+  const zonara::testing::TempDir scratch("local");
+  const std::string tiles = scratch.file("tiles");
+  const std::string area = scratch.file("area");
   fs::create_directories(tiles);
   const std::vector<LocatedAccessPoint> aps = {locatedAt(0x0A0000000001ULL, 0, 0), locatedAt(0x0A0000000002ULL, 30, 0),
                                                locatedAt(0x0A0000000003ULL, 0, 30)};

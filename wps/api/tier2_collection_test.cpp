@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <random>
 
+#include "platform/testing/temp_dir.h"
 #include "wps/spi/file.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
@@ -20,13 +21,13 @@ namespace fs = std::filesystem;
 using SPI::MAC;
 using SPI::ScannedAccessPoint;
 
-// A fresh, empty directory under the test's scratch folder.
-std::string freshDirectory(const std::string& name) {
-  const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-  const std::string dir = std::string(base ? base : "/tmp") + "/" + name;
-  fs::remove_all(dir);
-  return dir;
-}
+// A collection directory that does not exist yet, inside a scratch folder
+// removed with the object.
+struct Area {
+  explicit Area(const std::string& name) : scratch(name), dir(scratch.file("area")) {}
+  zonara::testing::TempDir scratch;
+  std::string dir;
+};
 
 // The whole uncompressed content of a gzip file, read back through zlib.
 std::string gunzip(const std::string& path) {
@@ -83,7 +84,8 @@ class Tier2Test : public ::testing::Test {
 };
 
 TEST_F(Tier2Test, WritesOneLinePerUnknownAccessPointInTheDescribedFormat) {
-  const std::string dir = freshDirectory("tier2_format");
+  const Area area("tier2_format");
+  const std::string& dir = area.dir;
   const ScannedAccessPoint known(MAC::fromValue(0x0012A3B4C5D6ULL), -50, "home");
   const ScannedAccessPoint unknown1(MAC::fromValue(0xA0B1C2D3E4F5ULL), -61, "cafe");
   const ScannedAccessPoint unknown2(MAC::fromValue(0x000000000001ULL), -99);
@@ -103,7 +105,8 @@ TEST_F(Tier2Test, WritesOneLinePerUnknownAccessPointInTheDescribedFormat) {
 }
 
 TEST_F(Tier2Test, AScanWithoutUnknownAccessPointsWritesNothing) {
-  const std::string dir = freshDirectory("tier2_nothing");
+  const Area area("tier2_nothing");
+  const std::string& dir = area.dir;
   const ScannedAccessPoint known(MAC::fromValue(0x0012A3B4C5D6ULL), -50);
   {
     auto collection = Tier2Collection::newInstance(SimpleAuthentication("alice", "realm"), dir, 100);
@@ -126,7 +129,8 @@ TEST(Tier2FileNames, AreTheTimeInBaseThirtySix) {
 }
 
 TEST(GzipCompressedFileTest, AppendsMembersAndTellsUncompressedBytesOfThisOpening) {
-  const std::string dir = freshDirectory("gzip_file");
+  const Area area("gzip_file");
+  const std::string& dir = area.dir;
   ASSERT_EQ(SPI::Directory::create(dir), 0);
   const std::string path = dir + "/f.gz";
   auto file = CompressedFile::newInstance();
@@ -166,7 +170,8 @@ void putScans(Tier2Collection& collection, SPI::SimulatedClock& clock, std::mt19
 }
 
 TEST_F(Tier2Test, TheDirectoryStaysWithinItsQuotaAcrossManyScansAndARestart) {
-  const std::string dir = freshDirectory("tier2_quota");
+  const Area area("tier2_quota");
+  const std::string& dir = area.dir;
   const unsigned long quotaKb = 8;
   const uint64_t quota = quotaKb * 1024;
   std::mt19937_64 rng(3);
@@ -202,7 +207,8 @@ TEST_F(Tier2Test, TheDirectoryStaysWithinItsQuotaAcrossManyScansAndARestart) {
 }
 
 TEST_F(Tier2Test, ExistingFilesAboveTheQuotaAreTrimmedOldestFirstAtStart) {
-  const std::string dir = freshDirectory("tier2_start");
+  const Area area("tier2_start");
+  const std::string& dir = area.dir;
   ASSERT_EQ(SPI::Directory::create(dir), 0);
   const std::string big(3000, 'x');
   for (const char* name : {"T10", "TZ", "T11", "notes.txt"}) {
