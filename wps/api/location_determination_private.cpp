@@ -385,6 +385,12 @@ int LocationDeterminationPrivate::calcPosition(std::vector<APInfo>& list, Locati
     weights.push_back(w);
     sum += w;
   }
+  if (!(sum > 0.0) || !std::isfinite(sum)) {
+    // Every weight vanished (readings far below any real signal): the access
+    // points count alike rather than giving a position of NaN.
+    std::fill(weights.begin(), weights.end(), 1.0);
+    sum = static_cast<double>(weights.size());
+  }
   double lat = 0.0, lon = 0.0;
   for (size_t i = 0; i < list.size(); ++i) {
     lat += (weights[i] / sum) * list[i].latitude;

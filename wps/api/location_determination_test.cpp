@@ -158,6 +158,14 @@ TEST_F(LocalDeterminationTest, WeightsOfSignalReliabilityAndExponent) {
     EXPECT_EQ(out.nap, 2);
     EXPECT_EQ(log.contains("AP RSS was limited to -90dBm"), c.limited);
   }
+  // Readings so weak that every weight underflows: the access points count
+  // alike instead of giving NaN.
+  LocationDeterminationPrivate::resetTracesForTesting();
+  LocationDeterminationPrivate engine;
+  const auto a = locatedAt(0xA, 0, 0), b = locatedAt(0xB, 100, 0);
+  Location out;
+  ASSERT_EQ(engine.calculateLocation(nullptr, scanOf({a, b}, {-32000, -32000}), {a, b}, out), 0);
+  EXPECT_NEAR(out.latitude, (a.latitude + b.latitude) / 2, 1e-9);
 }
 
 // The first fix of a scan, recomputed here step by step: neighbourless access
