@@ -168,6 +168,29 @@ TEST_F(LocalDeterminationTest, WeightsOfSignalReliabilityAndExponent) {
   EXPECT_NEAR(out.latitude, (a.latitude + b.latitude) / 2, 1e-9);
 }
 
+// Below 16 km/h a reading is averaged with the access point's readings of
+// the previous four scans.
+TEST_F(LocalDeterminationTest, SlowReferenceAveragesReadingsOverRecentScans) {
+  const auto a = locatedAt(0xA, 0, 0), b = locatedAt(0xB, 100, 0);
+  const std::vector<std::vector<int>> readings = {{-60, -60}, {-64, -60}, {-68, -60}, {-72, -60}, {-76, -60}, {-80, -60}};
+  for (size_t i = 0; i < readings.size(); ++i) {
+    SCOPED_TRACE("scan " + std::to_string(i));
+    Location out;
+    ASSERT_EQ(engine_.calculateLocation(nullptr, scanOf({a, b}, readings[i]), {a, b}, out), 0);
+    // Mean of this reading and up to four earlier ones of A (B is steady).
+    double sum = 0;
+    int count = 0;
+    for (size_t k = i + 1; k-- > 0 && count < 5;) {
+      sum += readings[k][0];
+      ++count;
+    }
+    const double ratio = std::pow(10.0, (sum / count - -60.0) / 10.0 * 0.3);  // wA / wB
+    const Location& raw = LocationDeterminationPrivate::posTrace()[0];
+    EXPECT_NEAR(raw.latitude, a.latitude + (b.latitude - a.latitude) / (1.0 + ratio), 1e-9);
+    clock_.advance(1000);
+  }
+}
+
 // The first fix of a scan, recomputed here step by step: neighbourless access
 // points dropped, the lower median as reference, the smallest radius that
 // keeps three, and the weighted centroid.
