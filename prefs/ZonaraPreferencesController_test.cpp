@@ -13,6 +13,7 @@
 
 #include "platform/run_loop.h"
 #include "platform/system_log.h"
+#include "platform/testing/temp_dir.h"
 #include "platform/testing/test_bus.h"
 
 using namespace std::chrono_literals;
@@ -46,23 +47,6 @@ fs::path makePaneWithHelper(const fs::path& pane) {
   if (ec) fs::copy_file(binDir() / "ZonaraHelper", exe);
   return helper;
 }
-
-class TempFolder {
- public:
-  TempFolder() {
-    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-    std::string tmpl = std::string(base ? base : "/tmp") + "/ctlXXXXXX";
-    path_ = mkdtemp(tmpl.data()) ? tmpl : "";
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  [[nodiscard]] const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
 
 // Log lines, captured while alive.
 class LogCapture {
@@ -118,9 +102,8 @@ class FakeProcessManager final : public ProcessManager {
 class ControllerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(tmp_.path().empty());
-    setenv("XDG_CONFIG_HOME", (tmp_.path() / "config").c_str(), 1);
-    setenv("XDG_DATA_HOME", (tmp_.path() / "data").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (tmp_ / "config").c_str(), 1);
+    setenv("XDG_DATA_HOME", (tmp_ / "data").c_str(), 1);
   }
 
   // A controller of its own, alive until the test ends.
@@ -144,7 +127,8 @@ class ControllerTest : public ::testing::Test {
     void removeObserver(ObserverId) override {}
   };
 
-  TempFolder tmp_;
+  testing::TempDir scratch_{"ctl"};
+  const fs::path tmp_{scratch_.path()};
   NoCenter noCenter_;
   DistributedNotificationCenter* center_ = &noCenter_;
   std::vector<std::unique_ptr<ZonaraPreferencesController>> controllers_;
@@ -153,10 +137,10 @@ class ControllerTest : public ::testing::Test {
 // --- The process walk ------------------------------------------------------
 
 TEST_F(ControllerTest, TheEarliestLaunchedProcessOfTheIdentifierWins) {
-  const std::string a = makeBundle(tmp_.path() / "a/ZonaraHelper.app", "org.quillon.ZonaraHelper");
-  const std::string b = makeBundle(tmp_.path() / "b/ZonaraHelper.app", "org.quillon.ZonaraHelper");
-  const std::string c = makeBundle(tmp_.path() / "c/ZonaraHelper.app", "org.quillon.ZonaraHelper");
-  const std::string other = makeBundle(tmp_.path() / "Other.app", "org.example.Other");
+  const std::string a = makeBundle(tmp_ / "a/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const std::string b = makeBundle(tmp_ / "b/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const std::string c = makeBundle(tmp_ / "c/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const std::string other = makeBundle(tmp_ / "Other.app", "org.example.Other");
   struct Case {
     const char* what;
     std::vector<FakeProcessManager::Process> processes;
@@ -184,8 +168,8 @@ TEST_F(ControllerTest, TheEarliestLaunchedProcessOfTheIdentifierWins) {
 }
 
 TEST_F(ControllerTest, AProcessWhoseDictionaryCannotBeReadRestartsTheWalk) {
-  const std::string a = makeBundle(tmp_.path() / "a/ZonaraHelper.app", "org.quillon.ZonaraHelper");
-  const std::string b = makeBundle(tmp_.path() / "b/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const std::string a = makeBundle(tmp_ / "a/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const std::string b = makeBundle(tmp_ / "b/ZonaraHelper.app", "org.quillon.ZonaraHelper");
   FakeProcessManager processes;
   // The earlier helper (b) is met after a process whose dictionary fails
   // twice: the walk starts over twice and still ends with b.
@@ -198,8 +182,8 @@ TEST_F(ControllerTest, AProcessWhoseDictionaryCannotBeReadRestartsTheWalk) {
 }
 
 TEST_F(ControllerTest, WalkFailuresAreLoggedAndGiveWhatWasFoundSoFar) {
-  const std::string a = makeBundle(tmp_.path() / "a/ZonaraHelper.app", "org.quillon.ZonaraHelper");
-  const std::string b = makeBundle(tmp_.path() / "b/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const std::string a = makeBundle(tmp_ / "a/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const std::string b = makeBundle(tmp_ / "b/ZonaraHelper.app", "org.quillon.ZonaraHelper");
   {
     FakeProcessManager processes;
     processes.processes = {{200, "org.quillon.ZonaraHelper", a}};
@@ -232,7 +216,7 @@ TEST_F(ControllerTest, WalkFailuresAreLoggedAndGiveWhatWasFoundSoFar) {
 // --- Finding the pane and the helper ---------------------------------------
 
 TEST_F(ControllerTest, TheHelperInsideThePaneFindsThePaneThreeLevelsUp) {
-  const fs::path pane = makeBundle(tmp_.path() / "Somewhere/Zonara.prefPane", "org.quillon.Zonara");
+  const fs::path pane = makeBundle(tmp_ / "Somewhere/Zonara.prefPane", "org.quillon.Zonara");
   const fs::path helper = makeBundle(pane / "Contents/Resources/ZonaraHelper.app", "org.quillon.ZonaraHelper");
   FakeProcessManager processes;
   processes.processes = {{100, "org.quillon.ZonaraHelper", helper}};
@@ -245,29 +229,29 @@ TEST_F(ControllerTest, TheHelperInsideThePaneFindsThePaneThreeLevelsUp) {
   EXPECT_EQ(ctl->zonaraPrefPaneBundle(), found);
 
   // A helper straight inside a pane folder finds it as its parent.
-  const fs::path flatPane = makeBundle(tmp_.path() / "Flat.PREFPANE", "org.quillon.Zonara");
+  const fs::path flatPane = makeBundle(tmp_ / "Flat.PREFPANE", "org.quillon.Zonara");
   const fs::path flatHelper = makeBundle(flatPane / "ZonaraHelper.app", "org.quillon.ZonaraHelper");
   processes.processes = {{100, "org.quillon.ZonaraHelper", flatHelper}};
   const Bundle* flat = controller(&processes)->zonaraPrefPaneBundle();
   EXPECT_TRUE(flat != nullptr && flat->bundlePath() == flatPane.string());
 
   // A helper somewhere else gives no pane from step 2 (and none elsewhere).
-  const fs::path loose = makeBundle(tmp_.path() / "a/b/c/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const fs::path loose = makeBundle(tmp_ / "a/b/c/ZonaraHelper.app", "org.quillon.ZonaraHelper");
   processes.processes = {{100, "org.quillon.ZonaraHelper", loose}};
   EXPECT_EQ(controller(&processes)->zonaraPrefPaneBundle(), nullptr);
 }
 
 TEST_F(ControllerTest, PaneLookUpsInOrder) {
   FakeProcessManager none;
-  const fs::path user = tmp_.path() / "user", local = tmp_.path() / "local";
+  const fs::path user = tmp_ / "user", local = tmp_ / "local";
   const std::vector<std::string> folders{user.string(), local.string()};
 
   // Step 1: the running program lives in the pane.
-  const fs::path own = makeBundle(tmp_.path() / "own/Zonara.prefPane", "org.quillon.Zonara", "zonara");
+  const fs::path own = makeBundle(tmp_ / "own/Zonara.prefPane", "org.quillon.Zonara", "zonara");
   const Bundle* found = controller(&none, folders, (own / "Contents/MacOS/zonara").string())->zonaraPrefPaneBundle();
   EXPECT_TRUE(found && found->bundlePath() == own.string());
   // ... but not when its identifier differs only by case (steps 3 and 4 ignore case).
-  const fs::path upper = makeBundle(tmp_.path() / "upper/Zonara.prefPane", "ORG.QUILLON.ZONARA", "zonara");
+  const fs::path upper = makeBundle(tmp_ / "upper/Zonara.prefPane", "ORG.QUILLON.ZONARA", "zonara");
   EXPECT_EQ(controller(&none, folders, (upper / "Contents/MacOS/zonara").string())->zonaraPrefPaneBundle(), nullptr);
 
   // Step 3: PreferencePanes/Zonara.prefPane, identifier compared ignoring case;
@@ -293,15 +277,15 @@ TEST_F(ControllerTest, PaneLookUpsInOrder) {
 }
 
 TEST_F(ControllerTest, HelperBundleIsTheRunningOneElseThePanesResource) {
-  const fs::path pane = makeBundle(tmp_.path() / "lib/PreferencePanes/Zonara.prefPane", "org.quillon.Zonara");
+  const fs::path pane = makeBundle(tmp_ / "lib/PreferencePanes/Zonara.prefPane", "org.quillon.Zonara");
   const fs::path resource = makeBundle(pane / "Contents/Resources/ZonaraHelper.app", "org.quillon.ZonaraHelper");
-  const fs::path running = makeBundle(tmp_.path() / "elsewhere/ZonaraHelper.app", "org.quillon.ZonaraHelper");
+  const fs::path running = makeBundle(tmp_ / "elsewhere/ZonaraHelper.app", "org.quillon.ZonaraHelper");
   FakeProcessManager processes;
   processes.processes = {{100, "org.quillon.ZonaraHelper", running}};
-  const Bundle* helper = controller(&processes, {(tmp_.path() / "lib").string()})->helperAppBundle();
+  const Bundle* helper = controller(&processes, {(tmp_ / "lib").string()})->helperAppBundle();
   EXPECT_TRUE(helper && helper->bundlePath() == running.string());
   processes.processes.clear();
-  helper = controller(&processes, {(tmp_.path() / "lib").string()})->helperAppBundle();
+  helper = controller(&processes, {(tmp_ / "lib").string()})->helperAppBundle();
   EXPECT_TRUE(helper && helper->bundlePath() == resource.string());
   EXPECT_EQ(controller(&processes, {})->helperAppBundle(), nullptr);
 }
@@ -309,20 +293,20 @@ TEST_F(ControllerTest, HelperBundleIsTheRunningOneElseThePanesResource) {
 // --- Login item --------------------------------------------------------------
 
 TEST_F(ControllerTest, LoginItemIsAddedOnceAndRemoved) {
-  const fs::path pane = makeBundle(tmp_.path() / "lib/PreferencePanes/Zonara.prefPane", "org.quillon.Zonara");
+  const fs::path pane = makeBundle(tmp_ / "lib/PreferencePanes/Zonara.prefPane", "org.quillon.Zonara");
   const fs::path helper =
       makeBundle(pane / "Contents/Resources/ZonaraHelper.app", "org.quillon.ZonaraHelper", "ZonaraHelper");
   std::ofstream(helper / "Contents/MacOS/ZonaraHelper") << "#!/bin/sh\n";
   fs::permissions(helper / "Contents/MacOS/ZonaraHelper", fs::perms::owner_all);
   // Someone else's item sorts first, so ours is not at index 0.
-  const fs::path other = tmp_.path() / "aaa-other";
+  const fs::path other = tmp_ / "aaa-other";
   std::ofstream(other) << "#!/bin/sh\n";
   fs::permissions(other, fs::perms::owner_all);
   const std::string otherURL = FileURLFromPath(other.string());
   ASSERT_EQ(LIAEAddURLAtEnd(&otherURL, false), 0);
 
   FakeProcessManager none;
-  auto ctl = controller(&none, {(tmp_.path() / "lib").string()});
+  auto ctl = controller(&none, {(tmp_ / "lib").string()});
   auto count = [] {
     std::unique_ptr<PrefValue::Array> items;
     EXPECT_EQ(LIAECopyLoginItems(&items), 0);
@@ -436,16 +420,16 @@ TEST_F(ControllerTest, RegisterDefaultsKeepsStoredValuesAndAddsMissingOnes) {
 TEST_F(ControllerTest, InitReturnsTheOneSharedController) {
   // No session bus: the singleton lives on after this test and must not hold
   // one of a test's private buses.
-  setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (tmp_.path() / "no-bus").string()).c_str(), 1);
+  setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (tmp_ / "no-bus").string()).c_str(), 1);
   ZonaraPreferencesController::Services services;
-  services.preferencesDirectory = (tmp_.path() / "first").string();
+  services.preferencesDirectory = (tmp_ / "first").string();
   ZonaraPreferencesController& first = ZonaraPreferencesController::init(services);
-  services.preferencesDirectory = (tmp_.path() / "second").string();
+  services.preferencesDirectory = (tmp_ / "second").string();
   EXPECT_EQ(&ZonaraPreferencesController::init(services), &first);
   EXPECT_EQ(&ZonaraPreferencesController::sharedController(), &first);
   first.setObjectForKey(PrefValue::string("v"), "K");
-  EXPECT_TRUE(fs::exists(tmp_.path() / "first/org.quillon.ZonaraHelper.plist"));
-  EXPECT_FALSE(fs::exists(tmp_.path() / "second"));
+  EXPECT_TRUE(fs::exists(tmp_ / "first/org.quillon.ZonaraHelper.plist"));
+  EXPECT_FALSE(fs::exists(tmp_ / "second"));
   EXPECT_EQ(ZonaraPreferencesController_objectForKey("K"), PrefValue::string("v"));
   unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
@@ -480,9 +464,9 @@ TEST_F(BusControllerTest, TwoHelpersTheFirstLaunchedIsTheRunningBundle) {
   prefs.setValue("TimezoneServiceURL", PrefValue::string("http://127.0.0.1:9"));
   ASSERT_TRUE(prefs.synchronize());
 
-  const fs::path lib = tmp_.path() / "lib";
+  const fs::path lib = tmp_ / "lib";
   const fs::path installed = makePaneWithHelper(lib / "PreferencePanes/Zonara.prefPane");
-  const fs::path old = makePaneWithHelper(tmp_.path() / "old/Zonara.prefPane");
+  const fs::path old = makePaneWithHelper(tmp_ / "old/Zonara.prefPane");
   const fs::path installedExe = installed / "Contents/MacOS/ZonaraHelper";
   const fs::path oldExe = old / "Contents/MacOS/ZonaraHelper";
 
@@ -531,7 +515,7 @@ TEST_F(BusControllerTest, TwoHelpersTheFirstLaunchedIsTheRunningBundle) {
 }
 
 TEST_F(BusControllerTest, ADeadHelperThatIsNotYetReapedIsNotRunning) {
-  const fs::path helper = makePaneWithHelper(tmp_.path() / "Zonara.prefPane");
+  const fs::path helper = makePaneWithHelper(tmp_ / "Zonara.prefPane");
   const fs::path exe = helper / "Contents/MacOS/ZonaraHelper";
   PreferencesDomain prefs("org.quillon.ZonaraHelper");
   prefs.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/true")}));
