@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -125,6 +126,33 @@ TEST_F(WpsToolTest, LocatePrintsThePosition) {
   for (const char* mac : {"0012A3B4C5D6", "0012A3B4C5D7", "0012A3B4C5D8"}) {
     EXPECT_NE(body.find(mac), std::string::npos) << mac;
   }
+}
+
+// With a tile file of the scanned access points and no server, the position
+// is computed on the device.
+TEST_F(WpsToolTest, LocateOnTheDeviceFromTileFiles) {
+  fs::create_directories(dir_ / "tiles");
+  std::ofstream(dir_ / "aps.csv") << "MAC,LATITUDE,LONGITUDE,RELIABILITY_COUNT,SIGNAL_EXPONENT\n"
+                                     "00:12:A3:B4:C5:D6,48.8566,2.3522,40,0.5\n"
+                                     "00:12:A3:B4:C5:D7,48.8570,2.3530,18,0.5\n"
+                                     "00:12:A3:B4:C5:D8,48.8560,2.3515,30,0.5\n";
+  Result r = run({"tile", "build", (dir_ / "aps.csv").string(), (dir_ / "tiles" / "paris.wps").string(), "--realm",
+                  "example.org"},
+                 dir_ / "scans.txt");
+  ASSERT_EQ(r.status, 0) << r.err;
+
+  r = run({"locate", "--server", "", "--user", "user", "--realm", "example.org", "--local-files",
+           (dir_ / "tiles").string()},
+          dir_ / "scans.txt");
+  ASSERT_EQ(r.status, 0) << r.err;
+  double latitude = 0, longitude = 0, hpe = 0;
+  unsigned nap = 0;
+  ASSERT_EQ(std::sscanf(r.out.c_str(), "%lf %lf %lf %u", &latitude, &longitude, &hpe, &nap), 4) << r.out;
+  EXPECT_NEAR(latitude, 48.8566, 0.001);
+  EXPECT_NEAR(longitude, 2.3522, 0.001);
+  EXPECT_GT(hpe, 0);
+  EXPECT_EQ(nap, 3u);
+  EXPECT_EQ(server_.requestCount(), 0u);
 }
 
 TEST_F(WpsToolTest, LocateFailureExitsWithTheCode) {
