@@ -135,6 +135,8 @@ class WpsApiTest : public ::testing::Test {
 
   void TearDown() override {
     EXPECT_EQ(WPS_set_server_url(nullptr), WPS_OK);
+    EXPECT_EQ(WPS_set_proxy(nullptr, 0, nullptr, nullptr), WPS_OK);
+    EXPECT_EQ(WPS_set_user_agent(nullptr), WPS_OK);
     setLocalDeterminationForTesting(nullptr);
     clearLocationCacheForTesting();
     SPI::XmlHttpRequest::setDefaultTimeouts(0, 0);
@@ -426,6 +428,35 @@ TEST_F(WpsApiTest, SettingsReachTheLocalDetermination) {
   const char* paths[] = {"/one", "/two", nullptr};
   EXPECT_EQ(WPS_set_local_files_path(paths), WPS_OK);
   EXPECT_EQ(local_->paths(), std::vector<std::string>({"/one", "/two"}));
+
+  EXPECT_EQ(WPS_set_tier2_area((dir_ / "collected").c_str(), 64), WPS_OK);
+  EXPECT_NE(local_->tier2Collection(), nullptr);
+  EXPECT_EQ(WPS_set_tier2_area(nullptr, 0), WPS_OK);
+  EXPECT_EQ(local_->tier2Collection(), nullptr);
+}
+
+TEST_F(WpsApiTest, ClientSettingsReachTheRequests) {
+  server_.setHandler([](const HttpRequest&) {
+    return HttpResponse(200, reply("IPLocationRS", "<ip-location><ip>192.0.2.7</ip></ip-location>"));
+  });
+  WPS_IPLocation* ip = nullptr;
+
+  ASSERT_EQ(WPS_set_user_agent("Zonara/1.0"), WPS_OK);
+  ASSERT_EQ(WPS_ip_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
+  WPS_free_ip_location(ip);
+  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), "Zonara/1.0");
+  ASSERT_EQ(WPS_set_user_agent(nullptr), WPS_OK);
+  ASSERT_EQ(WPS_ip_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
+  WPS_free_ip_location(ip);
+  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), kDefaultUserAgent);
+
+  // Through a proxy (the same loopback server), the request names the server.
+  ASSERT_EQ(WPS_set_server_url("http://telluro.example/wps2"), WPS_OK);
+  ASSERT_EQ(WPS_set_proxy("127.0.0.1", server_.port(), nullptr, nullptr), WPS_OK);
+  ASSERT_EQ(WPS_ip_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
+  WPS_free_ip_location(ip);
+  EXPECT_EQ(server_.lastRequest()->target, "http://telluro.example/wps2/ip-location");
+  ASSERT_EQ(WPS_set_proxy(nullptr, 0, nullptr, nullptr), WPS_OK);
 }
 
 TEST_F(WpsApiTest, IPLocationAndRegistrationRoundTrips) {
