@@ -14,7 +14,6 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -79,9 +78,12 @@ std::string locationReply(double latitude, double longitude, int nap) {
 // The MACs a location request carried, in order.
 std::vector<std::string> macsOf(const HttpRequest& request) {
   std::vector<std::string> macs;
-  static const std::regex pattern("<mac>([0-9A-F]{12})</mac>");
-  for (std::sregex_iterator it(request.body.begin(), request.body.end(), pattern), end; it != end; ++it) {
-    macs.push_back((*it)[1]);
+  const std::string open = "<mac>", close = "</mac>";
+  for (size_t at = request.body.find(open); at != std::string::npos; at = request.body.find(open, at)) {
+    at += open.size();
+    const size_t end = request.body.find(close, at);
+    if (end == std::string::npos) break;
+    macs.push_back(request.body.substr(at, end - at));
   }
   return macs;
 }
