@@ -17,8 +17,10 @@ using namespace zonara;
 
 namespace {
 
-// The icon is installed beside the program: <prefix>/share/zonara/Zonara.png
-// for <prefix>/bin/ZonaraHelper.
+// The icon: a resource of the helper's bundle when the program runs from
+// one (<bundle>/Contents/MacOS/ZonaraHelper ->
+// <bundle>/Contents/Resources/Zonara.png), else beside the program:
+// <prefix>/share/zonara/Zonara.png for <prefix>/bin/ZonaraHelper.
 std::string iconPath() {
   char exe[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
@@ -26,6 +28,10 @@ std::string iconPath() {
   exe[n] = '\0';
   std::string dir(exe);
   dir = dir.substr(0, dir.rfind('/'));
+  const std::string bundled = "/Contents/MacOS";
+  if (dir.size() > bundled.size() && dir.compare(dir.size() - bundled.size(), bundled.size(), bundled) == 0) {
+    return dir.substr(0, dir.size() - std::string("MacOS").size()) + "Resources/Zonara.png";
+  }
   return dir.substr(0, dir.rfind('/')) + "/share/zonara/Zonara.png";
 }
 

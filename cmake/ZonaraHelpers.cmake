@@ -32,11 +32,17 @@ function(zonara_add_test name)
     LABELS "${ARG_LABELS}")
 endfunction()
 
-# zonara_add_program(<name> SOURCES <files...> [DEPS <targets...>])
-#   A command-line program installed into build/bin.
+# zonara_add_program(<name> SOURCES <files...> [DEPS <targets...>]
+#                    [INSTALL_DESTINATION <dir>])
+#   A command-line program built into build/bin and installed into
+#   <prefix>/bin, or into <prefix>/<dir> when given (a program that lives
+#   inside a bundle).
 function(zonara_add_program name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "INSTALL_DESTINATION" "SOURCES;DEPS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS})
-  install(TARGETS ${name} RUNTIME DESTINATION bin)
+  if(NOT ARG_INSTALL_DESTINATION)
+    set(ARG_INSTALL_DESTINATION bin)
+  endif()
+  install(TARGETS ${name} RUNTIME DESTINATION ${ARG_INSTALL_DESTINATION})
 endfunction()

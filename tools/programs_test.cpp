@@ -16,6 +16,7 @@
 #include "platform/run_loop.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/test_bus.h"
+#include "prefs/ZonaraPreferencesController.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -166,6 +167,168 @@ TEST_F(ProgramsTest, HelperRegistersItsNameASecondCopyStaysInertAndShutdownEndsI
   EXPECT_EQ(waitFor(second, 5s), 0);
   close(first.out);
   close(second.out);
+}
+
+
+// Runs build/bin/zonara with `args`; its exit status and standard output.
+struct ZonaraRun {
+  int status;
+  std::string out;
+  pid_t pid;
+};
+ZonaraRun zonara(const std::vector<std::string>& args, const std::map<std::string, std::string>& env) {
+  std::vector<std::string> argv{(binDir() / "zonara").string()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Child child = spawn(argv, env);
+  std::string out = readAll(child.out);
+  return {waitFor(child, 20s), out, child.pid};
+}
+
+pid_t ownerPid(DBusConnection& c, const char* name) {
+  GVariant* r = g_dbus_connection_call_sync(c.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                            "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                                            g_variant_new("(s)", name), G_VARIANT_TYPE("(u)"),
+                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  guint32 pid = 0;
+  if (r) {
+    g_variant_get(r, "(u)", &pid);
+    g_variant_unref(r);
+  }
+  return static_cast<pid_t>(pid);
+}
+
+TEST_F(ProgramsTest, ZonaraStartStatusStopARealHelper) {
+  testing::TestBus bus;
+  ASSERT_TRUE(bus.ok());
+  auto client = DBusConnection::openAddress(bus.address(), nullptr);
+  ASSERT_TRUE(client);
+  env_["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
+  env_["HOME"] = (root_ / "home").string();  // no user-installed pane
+  struct Cleanup {
+    DBusConnection& c;
+    ~Cleanup() {
+      if (pid_t pid = nameHasOwner(c, "org.quillon.ZonaraHelper") ? ownerPid(c, "org.quillon.ZonaraHelper") : 0) {
+        kill(pid, SIGTERM);
+      }
+    }
+  } cleanup{*client};
+
+  ZonaraRun r = zonara({"status"}, env_);
+  EXPECT_EQ(r.status, 3);
+  EXPECT_NE(r.out.find("ZonaraHelper: not running\n"), std::string::npos) << r.out;
+
+  // The helper comes from the build tree's pane, next to this program.
+  r = zonara({"start"}, env_);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "ZonaraHelper started\n");
+  ASSERT_TRUE(nameHasOwner(*client, "org.quillon.ZonaraHelper"));
+  const pid_t helper = ownerPid(*client, "org.quillon.ZonaraHelper");
+  EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(helper) + "/exe"),
+            fs::canonical(binDir() / "../lib/zonara/PreferencePanes/Zonara.prefPane/Contents/Resources/"
+                                     "ZonaraHelper.app/Contents/MacOS/ZonaraHelper"));
+  r = zonara({"start"}, env_);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "ZonaraHelper is already running\n");
+  EXPECT_EQ(ownerPid(*client, "org.quillon.ZonaraHelper"), helper);
+
+  r = zonara({"status"}, env_);
+  EXPECT_EQ(r.status, 0);
+  for (const char* line : {"ZonaraHelper: running\n", "ZonaraHelper.app\n", "Detected time zone: none yet\n",
+                           "Current location: Unknown\n", "Start at login: off\n", "  ZonaraEnabled = true\n",
+                           "  SetTimezoneCommand = ( \"/bin/true\" )\n"}) {
+    EXPECT_NE(r.out.find(line), std::string::npos) << line << " in:\n" << r.out;
+  }
+
+  r = zonara({"stop"}, env_);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "ZonaraHelper stopped\n");
+  EXPECT_FALSE(nameHasOwner(*client, "org.quillon.ZonaraHelper"));
+  r = zonara({"stop"}, env_);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "ZonaraHelper is not running\n");
+  r = zonara({"get", "ZonaraEnabled"}, env_);
+  EXPECT_EQ(r.out, "false\n");
+  EXPECT_EQ(zonara({"status"}, env_).status, 3);
+}
+
+TEST_F(ProgramsTest, PreferencesSetByZonaraReachAnotherProcessWithTheWritersPid) {
+  testing::TestBus bus;
+  ASSERT_TRUE(bus.ok());
+  auto connection = DBusConnection::openAddress(bus.address(), nullptr);
+  ASSERT_TRUE(connection);
+  env_["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
+  DBusDistributedNotificationCenter center(*connection);
+  ZonaraPreferencesController::Services services;
+  services.distributedCenter = &center;
+  services.preferencesDirectory = (root_ / "config").string();
+  auto controller = ZonaraPreferencesController::makeUnshared(services);
+  std::vector<DistributedNotification> heard;
+  auto id = center.addObserver("ZonaraPreferencesChanged", [&](const DistributedNotification& n) { heard.push_back(n); });
+
+  struct Case {
+    std::string text;
+    PrefValue stored;
+    std::string printed;
+  };
+  const std::vector<Case> cases = {
+      {"true", PrefValue::boolean(true), "true"},      {"false", PrefValue::boolean(false), "false"},
+      {"-3", PrefValue::integer(-3), "-3"},            {"2.5", PrefValue::real(2.5), "2.5"},
+      {"1e3", PrefValue::real(1000), "1000.0"},        {"hello world", PrefValue::string("hello world"), "hello world"},
+      {"0x10", PrefValue::string("0x10"), "0x10"},     {"nan", PrefValue::string("nan"), "nan"},
+      {"", PrefValue::string(""), ""},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(controller->objectForKey("Value") == c.stored, false) << c.text;  // not yet
+    heard.clear();
+    ZonaraRun r = zonara({"set", "Value", c.text}, env_);
+    ASSERT_EQ(r.status, 0) << c.text;
+    // Visible here once the writer's notification has been handled.
+    // The writer's own notification names the key and carries its pid.
+    auto fromWriter = [&] {
+      for (const auto& n : heard) {
+        auto pid = n.userInfo.find("pid");
+        if (n.object == "Value" && pid != n.userInfo.end() && pid->second == std::to_string(r.pid)) return true;
+      }
+      return false;
+    };
+    ASSERT_TRUE(RunLoop::current().runUntil(
+        [&] { return fromWriter() && controller->objectForKey("Value") == c.stored; }, 5s))
+        << c.text;
+    r = zonara({"get", "Value"}, env_);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, c.printed + "\n");
+    controller->setObjectForKey(PrefValue::data({1}), "Value");  // something no case stores
+  }
+  center.removeObserver(id);
+
+  // And the other way round.
+  controller->setObjectForKey(PrefValue::array({PrefValue::string("a b"), PrefValue::integer(2)}), "FromTest");
+  EXPECT_EQ(zonara({"get", "FromTest"}, env_).out, "( \"a b\", 2 )\n");
+}
+
+TEST_F(ProgramsTest, ZonaraUsageErrorsAndFailuresExitNonZero) {
+  env_["HOME"] = (root_ / "home").string();
+  env_["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (root_ / "no-bus").string();
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+  };
+  for (const Case& c : std::vector<Case>{{{}, 2},
+                                         {{"set", "K"}, 2},
+                                         {{"set", "", "v"}, 2},
+                                         {{"get"}, 2},
+                                         {{"get", "Missing"}, 1},
+                                         {{"login"}, 2},
+                                         {{"login", "maybe"}, 2},
+                                         {{"start", "--bogus"}, 2},
+                                         {{"stop", "now"}, 2},
+                                         {{"status", "all"}, 2},
+                                         {{"stop"}, 1},  // no session bus to reach a helper
+                                         {{"--help"}, 0}}) {
+    ZonaraRun r = zonara(c.args, env_);
+    EXPECT_EQ(r.status, c.status) << (c.args.empty() ? "" : c.args[0]);
+  }
+  EXPECT_NE(zonara({"--help"}, env_).out.find("login on|off|status"), std::string::npos);
 }
 
 }  // namespace

@@ -1,31 +1,341 @@
-// zonara: the helper's control program.
+// zonara: the control program of the Zonara helper (what a preference pane
+// does on a desktop): start and stop the helper, report on it, put it into
+// the login items, and read and write its preferences.
 //
+//   zonara status              exit 0 when the helper runs, 3 when it does not
+//   zonara start [--force]     --force starts another copy even if one runs
+//   zonara stop
+//   zonara login on|off|status
+//   zonara get KEY             exit 1 when KEY is not set
+//   zonara set KEY VALUE       true/false, integers and reals are stored typed
 //   zonara timezone LATITUDE LONGITUDE
 //       Prints the time-zone name the helper would choose at that point and
 //       exits 0; prints nothing and exits 1 when it would choose none (no
 //       answer from the time-zone service, no matching zone, or a point within
 //       one degree of 0 N 0 E, which the helper treats as "no position").
+//   zonara --help
 //
-// Usage errors exit 2. The time-zone service is the one configured in the
-// helper's preferences ("TimezoneServiceURL", "TimezoneServiceUsername").
+// Usage errors exit 2, other failures 1, each with a message on standard
+// error. The helper is found the way the preferences controller finds it
+// (the running one, else the one inside the Zonara.prefPane this program
+// belongs to or that is installed); it is reached over the session bus.
+#include <gio/gio.h>
+
+#include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "app/app_controller.h"
 #include "app/geolocation_helper.h"
 #include "app/location_source.h"
+#include "platform/dbus.h"
 #include "platform/http_fetcher.h"
 #include "platform/preferences_store.h"
 #include "platform/time_zone_database.h"
+#include "prefs/ZonaraPreferencesController.h"
+
+using namespace zonara;
 
 namespace {
 
-int usage() {
-  std::fprintf(stderr, "usage: zonara timezone LATITUDE LONGITUDE\n");
+constexpr const char* kHelperName = "org.quillon.ZonaraHelper";
+constexpr auto kStartStopWait = std::chrono::seconds(10);
+
+const char* const kUsage =
+    "usage: zonara COMMAND [ARGUMENTS]\n"
+    "\n"
+    "Controls the Zonara helper, which keeps the system time zone equal to the\n"
+    "zone of where the computer is.\n"
+    "\n"
+    "commands:\n"
+    "  status                     whether the helper runs, its detected zone and\n"
+    "                             location, and the preferences in effect\n"
+    "                             (exit 0 when it runs, 3 when it does not)\n"
+    "  start [--force]            start the helper (--force: another copy even if\n"
+    "                             one runs); it is also started at each login if\n"
+    "                             the login item is on\n"
+    "  stop                       stop the helper\n"
+    "  login on|off|status        start the helper when you log in, or not\n"
+    "  get KEY                    print a preference\n"
+    "  set KEY VALUE              store a preference: true/false, integers and\n"
+    "                             reals are stored as such, anything else as text\n"
+    "  timezone LATITUDE LONGITUDE\n"
+    "                             print the zone the helper would choose there\n"
+    "  --help                     this text\n";
+
+// A usage error: the problem and a pointer to the help, or the whole help
+// when no command was given.
+int usage(const char* problem = nullptr) {
+  if (problem) {
+    std::fprintf(stderr, "zonara: %s\nRun 'zonara --help' for the commands.\n", problem);
+  } else {
+    std::fputs(kUsage, stderr);
+  }
   return 2;
+}
+
+int fail(const std::string& message) {
+  std::fprintf(stderr, "zonara: %s\n", message.c_str());
+  return 1;
+}
+
+// --- The session bus -----------------------------------------------------------
+
+class Bus {
+ public:
+  Bus() { connection_ = DBusConnection::openSession(&error_); }
+  [[nodiscard]] bool ok() const { return connection_ != nullptr; }
+  [[nodiscard]] const std::string& error() const { return error_; }
+
+  [[nodiscard]] bool helperServes() const {
+    if (!connection_) return false;
+    GVariant* r = g_dbus_connection_call_sync(connection_->get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                              "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", kHelperName),
+                                              G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+    gboolean owned = FALSE;
+    if (r) {
+      g_variant_get(r, "(b)", &owned);
+      g_variant_unref(r);
+    }
+    return owned;
+  }
+
+  // A string property of the helper, or nullopt (with the reason in `why`).
+  [[nodiscard]] std::optional<std::string> helperProperty(const char* name, int timeoutMs, std::string* why) const {
+    if (!connection_) return std::nullopt;
+    GError* error = nullptr;
+    GVariant* r = g_dbus_connection_call_sync(connection_->get(), kHelperName, "/", "org.freedesktop.DBus.Properties",
+                                              "Get", g_variant_new("(ss)", kHelperName, name), G_VARIANT_TYPE("(v)"),
+                                              G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr, &error);
+    if (!r) {
+      if (error) {
+        *why = error->message;
+        g_error_free(error);
+      }
+      return std::nullopt;
+    }
+    GVariant* value = nullptr;
+    g_variant_get(r, "(v)", &value);
+    std::optional<std::string> text;
+    if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) text = g_variant_get_string(value, nullptr);
+    g_variant_unref(value);
+    g_variant_unref(r);
+    return text;
+  }
+
+ private:
+  std::string error_;
+  std::unique_ptr<DBusConnection> connection_;
+};
+
+bool waitFor(const std::function<bool()>& done) {
+  const auto end = std::chrono::steady_clock::now() + kStartStopWait;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return true;
+}
+
+// --- Values ----------------------------------------------------------------------
+
+std::string formatReal(double d) {
+  char buf[64];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, d);
+  std::string s(buf, ec == std::errc() ? end : buf);
+  // Keep reals recognisable as reals ("2.0", not "2").
+  if (std::isfinite(d) && s.find_first_of(".e") == std::string::npos) s += ".0";
+  return s;
+}
+
+std::string quoted(const std::string& s) {
+  std::string out = "\"";
+  for (char c : s) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out + "\"";
+}
+
+// Text of a value: scalars plainly at the top; inside arrays and
+// dictionaries strings are quoted, in the "( a, b )" / "{ k = v; }" style.
+std::string describe(const PrefValue& v, bool nested) {
+  switch (v.type()) {
+    case PrefValue::Type::String: return nested ? quoted(v.asString()) : v.asString();
+    case PrefValue::Type::Boolean: return v.asBool() ? "true" : "false";
+    case PrefValue::Type::Integer: return std::to_string(v.asInteger());
+    case PrefValue::Type::Real: return formatReal(v.asReal());
+    case PrefValue::Type::Data: {
+      static const char* kHex = "0123456789abcdef";
+      std::string s = "<";
+      for (uint8_t b : v.asData()) {
+        s += kHex[b >> 4];
+        s += kHex[b & 15];
+      }
+      return s + ">";
+    }
+    case PrefValue::Type::Array: {
+      std::string s = "(";
+      bool first = true;
+      for (const PrefValue& item : v.asArray()) {
+        s += first ? " " : ", ";
+        s += describe(item, true);
+        first = false;
+      }
+      return s + (first ? ")" : " )");
+    }
+    case PrefValue::Type::Dictionary: {
+      std::string s = "{";
+      for (const auto& [key, item] : v.asDictionary()) s += " " + quoted(key) + " = " + describe(item, true) + ";";
+      return s + " }";
+    }
+  }
+  return "";
+}
+
+// "true"/"false", an integer, a real, else the text itself.
+PrefValue parseValue(const std::string& text) {
+  if (text == "true") return PrefValue::boolean(true);
+  if (text == "false") return PrefValue::boolean(false);
+  if (!text.empty()) {
+    errno = 0;
+    char* end = nullptr;
+    long long i = std::strtoll(text.c_str(), &end, 10);
+    if (*end == '\0' && errno == 0 && !std::isspace(static_cast<unsigned char>(text[0]))) {
+      return PrefValue::integer(i);
+    }
+    double d = std::strtod(text.c_str(), &end);
+    if (*end == '\0' && std::isfinite(d) && !std::isspace(static_cast<unsigned char>(text[0])) &&
+        text.find_first_of("xXnN") == std::string::npos) {
+      return PrefValue::real(d);
+    }
+  }
+  return PrefValue::string(text);
+}
+
+// --- Commands ----------------------------------------------------------------------
+
+std::string cannotFindHelper() {
+  return "cannot find the ZonaraHelper application (Zonara.prefPane/Contents/Resources/ZonaraHelper.app); "
+         "is Zonara installed?";
+}
+
+int statusCommand() {
+  ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
+  Bus bus;
+  const bool serving = bus.helperServes();
+  std::unique_ptr<Bundle> running = prefs.runningHelperAppBundle();
+  const bool isRunning = serving || running != nullptr;
+  std::printf("ZonaraHelper: %s\n", isRunning ? "running" : "not running");
+  if (running) std::printf("Helper bundle: %s\n", running->bundlePath().c_str());
+  if (!bus.ok()) {
+    std::printf("Session bus: unavailable (%s)\n", bus.error().c_str());
+  } else if (serving) {
+    std::string why;
+    std::optional<std::string> zone = bus.helperProperty("DetectedTimezone", 5000, &why);
+    std::printf("Detected time zone: %s\n",
+                !zone ? ("unavailable (" + why + ")").c_str() : zone->empty() ? "none yet" : zone->c_str());
+    // The helper looks the zone of its position up while answering.
+    std::optional<std::string> location = bus.helperProperty("CurrentLocation", 60000, &why);
+    std::printf("Current location: %s\n", location ? location->c_str() : ("unavailable (" + why + ")").c_str());
+  } else if (isRunning) {
+    std::printf("Detected time zone: unavailable (the helper does not serve this session's bus)\n");
+  }
+  std::printf("Start at login: %s\n", prefs.shouldStartZonaraAtLogin() ? "on" : "off");
+  std::printf("Preferences (%s):\n", ZonaraPreferencesController::kDomain);
+  const PrefValue::Dictionary all = prefs.dictionaryRepresentation();
+  if (all.empty()) std::printf("  (none set)\n");
+  for (const auto& [key, value] : all) std::printf("  %s = %s\n", key.c_str(), describe(value, true).c_str());
+  return isRunning ? 0 : 3;
+}
+
+int startCommand(int argc, char** argv) {
+  bool force = false;
+  for (int i = 2; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--force") == 0) {
+      force = true;
+    } else {
+      return usage(("start: unknown argument " + std::string(argv[i])).c_str());
+    }
+  }
+  ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
+  Bus bus;
+  if (!force && (bus.helperServes() || prefs.isZonaraRunning())) {
+    prefs.setBoolForKey(true, ZonaraPreferencesController::kZonaraEnabledKey);
+    std::printf("ZonaraHelper is already running\n");
+    return 0;
+  }
+  if (!prefs.setZonaraRunning(true, force)) {
+    return fail(prefs.helperAppBundle() ? "cannot start " + prefs.helperAppBundle()->bundlePath() : cannotFindHelper());
+  }
+  if (!bus.ok()) {
+    return fail("ZonaraHelper was launched, but there is no session bus (" + bus.error() +
+                "); without one it does nothing");
+  }
+  if (!waitFor([&] { return bus.helperServes(); })) return fail("ZonaraHelper was launched but did not start");
+  std::fputs(force ? "ZonaraHelper started (another copy)\n" : "ZonaraHelper started\n", stdout);
+  return 0;
+}
+
+int stopCommand(int argc) {
+  if (argc != 2) return usage("stop takes no arguments");
+  ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
+  Bus bus;
+  const bool serving = bus.helperServes();
+  prefs.setZonaraRunning(false, false);
+  if (!bus.ok()) return fail("no session bus (" + bus.error() + "); cannot reach the helper");
+  if (!serving) {
+    std::printf("ZonaraHelper is not running\n");
+    return 0;
+  }
+  if (!waitFor([&] { return !bus.helperServes(); })) return fail("ZonaraHelper did not stop");
+  std::printf("ZonaraHelper stopped\n");
+  return 0;
+}
+
+int loginCommand(int argc, char** argv) {
+  if (argc != 3) return usage("login takes one of on, off, status");
+  ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
+  const std::string what = argv[2];
+  if (what == "status") {
+    std::printf("%s\n", prefs.shouldStartZonaraAtLogin() ? "on" : "off");
+    return 0;
+  }
+  if (what != "on" && what != "off") return usage(("login: unknown argument " + what).c_str());
+  const bool enable = what == "on";
+  if (!prefs.setShouldStartZonaraAtLogin(enable)) return fail(cannotFindHelper());
+  if (prefs.shouldStartZonaraAtLogin() != enable) {
+    return fail(std::string("cannot change the login items in ") + LoginItemsFolder());
+  }
+  std::fputs(enable ? "ZonaraHelper will start at login\n" : "ZonaraHelper will not start at login\n", stdout);
+  return 0;
+}
+
+int getCommand(int argc, char** argv) {
+  if (argc != 3 || argv[2][0] == '\0') return usage("get takes one KEY");
+  std::optional<PrefValue> value = ZonaraPreferencesController::sharedController().objectForKey(argv[2]);
+  if (!value) return fail(std::string(argv[2]) + " is not set");
+  std::printf("%s\n", describe(*value, false).c_str());
+  return 0;
+}
+
+int setCommand(int argc, char** argv) {
+  if (argc != 4 || argv[2][0] == '\0') return usage("set takes a KEY and a VALUE");
+  ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
+  const PrefValue value = parseValue(argv[3]);
+  prefs.setObjectForKey(value, argv[2]);
+  PreferencesDomain check(ZonaraPreferencesController::kDomain);
+  if (check.copyValue(argv[2]) != value) {
+    return fail("cannot write " + check.path());
+  }
+  return 0;
 }
 
 bool parseDegrees(const char* text, double limit, double* out) {
@@ -38,12 +348,14 @@ bool parseDegrees(const char* text, double limit, double* out) {
 
 int timezoneCommand(int argc, char** argv) {
   double latitude = 0, longitude = 0;
-  if (argc != 4 || !parseDegrees(argv[2], 90, &latitude) || !parseDegrees(argv[3], 180, &longitude)) return usage();
-  if (!zonara::isUsablePosition(longitude, latitude)) return 1;
-  zonara::PreferencesDomain prefs(zonara::AppController::kServerName);
-  zonara::CurlHttpFetcher fetcher;
-  zonara::DateTzDatabase zones;
-  zonara::GeolocationHelper helper(fetcher, zones, zonara::GeolocationHelper::configFromPreferences(prefs));
+  if (argc != 4) return usage("timezone takes a LATITUDE and a LONGITUDE");
+  if (!parseDegrees(argv[2], 90, &latitude)) return usage("LATITUDE must be a number of degrees from -90 to 90");
+  if (!parseDegrees(argv[3], 180, &longitude)) return usage("LONGITUDE must be a number of degrees from -180 to 180");
+  if (!isUsablePosition(longitude, latitude)) return 1;
+  PreferencesDomain prefs(AppController::kServerName);
+  CurlHttpFetcher fetcher;
+  DateTzDatabase zones;
+  GeolocationHelper helper(fetcher, zones, GeolocationHelper::configFromPreferences(prefs));
   std::optional<std::string> zone = helper.timezoneForLongitude(longitude, latitude);
   if (!zone) return 1;
   std::printf("%s\n", zone->c_str());
@@ -54,6 +366,17 @@ int timezoneCommand(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   if (argc < 2) return usage();
-  if (std::strcmp(argv[1], "timezone") == 0) return timezoneCommand(argc, argv);
-  return usage();
+  const std::string command = argv[1];
+  if (command == "--help" || command == "-h" || command == "help") {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (command == "status") return argc == 2 ? statusCommand() : usage("status takes no arguments");
+  if (command == "start") return startCommand(argc, argv);
+  if (command == "stop") return stopCommand(argc);
+  if (command == "login") return loginCommand(argc, argv);
+  if (command == "get") return getCommand(argc, argv);
+  if (command == "set") return setCommand(argc, argv);
+  if (command == "timezone") return timezoneCommand(argc, argv);
+  return usage(("unknown command " + command).c_str());
 }

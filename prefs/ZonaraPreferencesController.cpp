@@ -1,0 +1,400 @@
+#include "prefs/ZonaraPreferencesController.h"
+
+#include <glib.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/system_log.h"
+
+namespace zonara {
+namespace {
+
+ZonaraPreferencesController* gSharedController = nullptr;
+
+std::string selfExecutable() {
+  char exe[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return "";
+  exe[n] = '\0';
+  return exe;
+}
+
+std::string parentFolder(const std::string& path) {
+  std::string p = path;
+  while (p.size() > 1 && p.back() == '/') p.pop_back();
+  const size_t slash = p.rfind('/');
+  if (slash == std::string::npos) return "";
+  return slash == 0 ? "/" : p.substr(0, slash);
+}
+
+std::string lowercase(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+bool isPaneIdentifier(const Bundle& bundle) {
+  return strcasecmp(bundle.bundleIdentifier().c_str(), ZonaraPreferencesController::kPrefPaneBundleIdentifier) == 0;
+}
+
+// The absolute path with symbolic links resolved when it exists, else as given.
+std::string canonicalPath(const std::string& path) {
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
+}
+
+}  // namespace
+
+ZonaraPreferencesController& ZonaraPreferencesController::sharedController() {
+  if (gSharedController == nullptr) init(Services{});
+  return *gSharedController;
+}
+
+ZonaraPreferencesController& ZonaraPreferencesController::init(Services services) {
+  if (gSharedController != nullptr) return *gSharedController;
+  // Never destroyed: the one controller lives as long as the process.
+  gSharedController = new ZonaraPreferencesController(std::move(services));
+  return *gSharedController;
+}
+
+std::unique_ptr<ZonaraPreferencesController> ZonaraPreferencesController::makeUnshared(Services services) {
+  return std::unique_ptr<ZonaraPreferencesController>(new ZonaraPreferencesController(std::move(services)));
+}
+
+ZonaraPreferencesController::ZonaraPreferencesController(Services services) : services_(std::move(services)) {
+  domain_ = std::make_unique<PreferencesDomain>(kDomain, services_.preferencesDirectory);
+  if (services_.mainExecutablePath.empty()) services_.mainExecutablePath = selfExecutable();
+  if (!services_.libraryFolders) services_.libraryFolders = defaultLibraryFolders(services_.mainExecutablePath);
+  if (services_.processManager == nullptr) {
+    ownProcessManager_ = std::make_unique<LinuxProcessManager>();
+    services_.processManager = ownProcessManager_.get();
+  }
+  if (services_.distributedCenter == nullptr) {
+    std::string error;
+    ownBus_ = DBusConnection::openSession(&error);
+    if (ownBus_) {
+      ownCenter_ = std::make_unique<DBusDistributedNotificationCenter>(*ownBus_);
+      services_.distributedCenter = ownCenter_.get();
+    } else {
+      SystemLogAt(LogPriority::Debug, "preferences: no session bus (%s); changes are not announced", error.c_str());
+    }
+  }
+  if (services_.distributedCenter != nullptr) {
+    observer_ = services_.distributedCenter->addObserver(
+        kPreferencesChangedNotification, [this](const DistributedNotification& n) { zonaraPreferencesChanged(n); });
+  }
+}
+
+ZonaraPreferencesController::~ZonaraPreferencesController() {
+  if (observer_ != 0 && services_.distributedCenter != nullptr) services_.distributedCenter->removeObserver(observer_);
+}
+
+// --- Value access ---------------------------------------------------------
+
+std::optional<PrefValue> ZonaraPreferencesController::objectForKey(const std::string& key) {
+  return domain_->copyValue(key);
+}
+
+bool ZonaraPreferencesController::boolForKey(const std::string& key) {
+  std::optional<PrefValue> v = objectForKey(key);
+  return v && v->asBool();
+}
+
+int32_t ZonaraPreferencesController::integerForKey(const std::string& key) {
+  std::optional<PrefValue> v = objectForKey(key);
+  return v ? static_cast<int32_t>(v->asInteger()) : 0;
+}
+
+void ZonaraPreferencesController::setObjectForKey(const PrefValue& value, const std::string& key) {
+  domain_->setValue(key, value);
+  (void)domain_->synchronize();  // a failure is logged by the store
+  if (services_.distributedCenter != nullptr) {
+    services_.distributedCenter->post({kPreferencesChangedNotification, key, {{kPidKey, std::to_string(getpid())}}});
+  }
+}
+
+void ZonaraPreferencesController::setBoolForKey(bool value, const std::string& key) {
+  setObjectForKey(PrefValue::boolean(value), key);
+}
+
+void ZonaraPreferencesController::setIntegerForKey(int32_t value, const std::string& key) {
+  setObjectForKey(PrefValue::integer(value), key);
+}
+
+void ZonaraPreferencesController::synchronize() { (void)domain_->synchronize(); }
+
+void ZonaraPreferencesController::registerDefaults(const PrefValue::Dictionary& defaults) {
+  // Read the stored domain fresh, lay it over the defaults (stored values
+  // win) and store the result: only the keys missing so far are written.
+  (void)domain_->synchronize();
+  for (const auto& [key, value] : defaults) {
+    if (!domain_->copyValue(key)) domain_->setValue(key, value);
+  }
+  (void)domain_->synchronize();
+}
+
+PrefValue::Dictionary ZonaraPreferencesController::dictionaryRepresentation() {
+  PrefValue::Dictionary all;
+  for (const std::string& key : domain_->keys()) {
+    if (std::optional<PrefValue> v = domain_->copyValue(key)) all.emplace(key, std::move(*v));
+  }
+  return all;
+}
+
+void ZonaraPreferencesController::zonaraPreferencesChanged(const DistributedNotification&) {
+  (void)domain_->synchronize();
+}
+
+// --- Helper control -------------------------------------------------------
+
+bool ZonaraPreferencesController::isRunning(const std::string& bundleIdentifier) {
+  ProcessManager& processes = *services_.processManager;
+  ProcessSerialNumber psn = kNoProcess;
+  while (processes.getNextProcess(&psn) == 0) {
+    std::optional<PrefValue::Dictionary> info = processes.copyProcessInformation(psn);
+    if (!info) continue;
+    auto it = info->find(kProcessBundleIdentifierKey);
+    if (it != info->end() && it->second.isString() && it->second.asString() == bundleIdentifier) return true;
+  }
+  return false;
+}
+
+bool ZonaraPreferencesController::isZonaraRunning() { return isRunning(kHelperBundleIdentifier); }
+
+bool ZonaraPreferencesController::setZonaraRunning(bool running, bool noMatterWhat) {
+  setBoolForKey(running, kZonaraEnabledKey);
+  if (!running) {
+    terminateZonara();
+    return true;
+  }
+  return launchZonara(noMatterWhat);
+}
+
+bool ZonaraPreferencesController::launchZonara(bool noMatterWhat) {
+  if (!noMatterWhat && isZonaraRunning()) return true;
+  const Bundle* helper = helperAppBundle();
+  if (helper == nullptr) {
+    SystemLogAt(LogPriority::Error, "launchZonara: cannot find the ZonaraHelper application");
+    return false;
+  }
+  const std::string program = helper->executablePath();
+  if (program.empty()) {
+    SystemLogAt(LogPriority::Error, "launchZonara: %s has no program", helper->bundlePath().c_str());
+    return false;
+  }
+  gchar* argv[] = {const_cast<gchar*>(program.c_str()), nullptr};
+  GError* error = nullptr;
+  // Detached: reaped by GLib's intermediate child, in a session of its own,
+  // holding none of our descriptors or terminal.
+  const auto flags = static_cast<GSpawnFlags>(G_SPAWN_STDIN_FROM_DEV_NULL | G_SPAWN_STDOUT_TO_DEV_NULL |
+                                              G_SPAWN_STDERR_TO_DEV_NULL);
+  gboolean ok = g_spawn_async(
+      helper->bundlePath().c_str(), argv, nullptr, flags, [](gpointer) { setsid(); }, nullptr, nullptr, &error);
+  if (!ok) {
+    SystemLogAt(LogPriority::Error, "launchZonara: cannot start %s: %s", program.c_str(), error->message);
+    g_error_free(error);
+    return false;
+  }
+  return true;
+}
+
+void ZonaraPreferencesController::terminateZonara() {
+  if (services_.distributedCenter != nullptr) services_.distributedCenter->post({kShutdownNotification, "", {}});
+}
+
+// --- Bundles --------------------------------------------------------------
+
+std::unique_ptr<Bundle> ZonaraPreferencesController::bundleForProcessWithBundleIdentifier(
+    const std::string& bundleIdentifier) {
+  static const char* kMethod = "bundleForProcessWithBundleIdentifier";
+  ProcessManager& processes = *services_.processManager;
+  // A process whose dictionary cannot be copied has ended during the walk:
+  // start over with a fresh list, which no longer holds it.
+  for (;;) {
+    std::unique_ptr<Bundle> result;
+    uint32_t bestLaunchDate = UINT32_MAX;
+    ProcessSerialNumber psn = kNoProcess;
+    bool restart = false;
+    while (!restart) {
+      OSStatus err = processes.getNextProcess(&psn);
+      if (err == kProcNotFound) return result;
+      if (err != 0) {
+        SystemLog("%s: GetNextProcess returned %i/%s", kMethod, static_cast<int>(err), statusComment(err));
+        return result;
+      }
+      ProcessInfo info;
+      err = processes.getProcessInformation(psn, &info);
+      if (err != 0) {
+        SystemLog("Couldn't get information about process %lu,%lu: GetProcessInformation returned %i/%s",
+                  static_cast<unsigned long>(psn.highLongOfPSN), static_cast<unsigned long>(psn.lowLongOfPSN),
+                  static_cast<int>(err), statusComment(err));
+        SystemLog("%s: GetNextProcess returned %i/%s", kMethod, static_cast<int>(err), statusComment(err));
+        return result;
+      }
+      if (!(info.launchDate < bestLaunchDate)) continue;
+      std::optional<PrefValue::Dictionary> dict = processes.copyProcessInformation(psn);
+      if (!dict) {
+        restart = true;
+        continue;
+      }
+      auto id = dict->find(kProcessBundleIdentifierKey);
+      auto path = dict->find(kProcessBundlePathKey);
+      if (id != dict->end() && id->second.isString() && id->second.asString() == bundleIdentifier &&
+          path != dict->end() && path->second.isString()) {
+        result = Bundle::bundleWithPath(path->second.asString());
+        bestLaunchDate = info.launchDate;
+      }
+    }
+  }
+}
+
+std::unique_ptr<Bundle> ZonaraPreferencesController::runningHelperAppBundle() {
+  return bundleForProcessWithBundleIdentifier(kHelperBundleIdentifier);
+}
+
+const Bundle* ZonaraPreferencesController::helperAppBundle() {
+  if (helperBundle_) return helperBundle_.get();
+  helperBundle_ = runningHelperAppBundle();
+  if (!helperBundle_) {
+    if (const Bundle* pane = zonaraPrefPaneBundle()) {
+      helperBundle_ = Bundle::bundleWithPath(pane->pathForResource(kHelperResourceName, kHelperResourceType));
+    }
+  }
+  return helperBundle_.get();
+}
+
+std::unique_ptr<Bundle> ZonaraPreferencesController::prefPaneFromRunningHelper() {
+  std::unique_ptr<Bundle> helper = runningHelperAppBundle();
+  if (!helper) return nullptr;
+  // Zonara.prefPane/Contents/Resources/ZonaraHelper.app: the pane is three
+  // levels up; a helper placed straight in a pane folder has it as parent.
+  const std::string parent = parentFolder(helper->bundlePath());
+  if (lowercase(Bundle::pathExtension(parent)) == "prefpane") {
+    if (auto pane = Bundle::bundleWithPath(parent)) return pane;
+  }
+  const std::string threeUp = parentFolder(parentFolder(parent));
+  if (lowercase(Bundle::pathExtension(threeUp)) == "prefpane") {
+    if (auto pane = Bundle::bundleWithPath(threeUp)) return pane;
+  }
+  return nullptr;
+}
+
+const Bundle* ZonaraPreferencesController::zonaraPrefPaneBundle() {
+  if (prefPaneBundle_) return prefPaneBundle_.get();
+  // 1. The running program's own bundle.
+  if (auto main = Bundle::bundleWithPath(Bundle::bundlePathForExecutable(services_.mainExecutablePath))) {
+    if (main->bundleIdentifier() == kPrefPaneBundleIdentifier) prefPaneBundle_ = std::move(main);
+  }
+  // 2. Around the running helper.
+  if (!prefPaneBundle_) prefPaneBundle_ = prefPaneFromRunningHelper();
+  // 3. "PreferencePanes/Zonara.prefPane" in the library folders.
+  if (!prefPaneBundle_) {
+    for (const std::string& folder : *services_.libraryFolders) {
+      auto pane = Bundle::bundleWithPath(folder + "/PreferencePanes/" + kPrefPaneFileName);
+      if (pane && isPaneIdentifier(*pane)) {
+        prefPaneBundle_ = std::move(pane);
+        break;
+      }
+    }
+  }
+  // 4. Any pane of the right identifier under "PreferencePanes".
+  if (!prefPaneBundle_) {
+    namespace fs = std::filesystem;
+    for (const std::string& folder : *services_.libraryFolders) {
+      std::error_code ec;
+      fs::recursive_directory_iterator it(folder + "/PreferencePanes", fs::directory_options::skip_permission_denied,
+                                          ec);
+      for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        if (it->path().extension() != ".prefPane") continue;
+        it.disable_recursion_pending();
+        auto pane = Bundle::bundleWithPath(it->path().string());
+        if (pane && isPaneIdentifier(*pane)) {
+          prefPaneBundle_ = std::move(pane);
+          break;
+        }
+      }
+      if (prefPaneBundle_) break;
+    }
+  }
+  return prefPaneBundle_.get();
+}
+
+std::vector<std::string> ZonaraPreferencesController::defaultLibraryFolders(const std::string& mainExecutablePath) {
+  std::vector<std::string> folders;
+  if (const char* home = std::getenv("HOME"); home && home[0] == '/') folders.push_back(std::string(home) + "/.local/lib/zonara");
+  if (!mainExecutablePath.empty()) {
+    folders.push_back(parentFolder(parentFolder(mainExecutablePath)) + "/lib/zonara");
+  }
+  folders.push_back("/usr/local/lib/zonara");
+  return folders;
+}
+
+// --- Login item -----------------------------------------------------------
+
+std::string ZonaraPreferencesController::helperExecutableInPane() {
+  const Bundle* pane = zonaraPrefPaneBundle();
+  if (pane == nullptr) return "";
+  std::unique_ptr<Bundle> helper = Bundle::bundleWithPath(pane->pathForResource(kHelperResourceName, kHelperResourceType));
+  return helper ? helper->executablePath() : "";
+}
+
+bool ZonaraPreferencesController::shouldStartZonaraAtLogin() {
+  const std::string program = helperExecutableInPane();
+  if (program.empty()) return false;
+  const std::string url = FileURLFromPath(canonicalPath(program));
+  std::unique_ptr<PrefValue::Array> items;
+  if (LIAECopyLoginItems(&items) != 0) return false;
+  for (const PrefValue& item : *items) {
+    auto it = item.asDictionary().find(kLoginItemURL);
+    if (it != item.asDictionary().end() && it->second.asString() == url) return true;
+  }
+  return false;
+}
+
+bool ZonaraPreferencesController::setShouldStartZonaraAtLogin(bool enabled) {
+  const std::string program = helperExecutableInPane();
+  if (program.empty()) return false;
+  setStartAtLogin(program, enabled);
+  return true;
+}
+
+void ZonaraPreferencesController::setStartAtLogin(const std::string& path, bool enabled) {
+  if (path.empty()) return;
+  // Login items hold their program's real path, so compare with that.
+  const std::string url = FileURLFromPath(canonicalPath(path));
+  std::unique_ptr<PrefValue::Array> items;
+  if (LIAECopyLoginItems(&items) == 0) {
+    for (size_t i = 0; i < items->size(); ++i) {
+      auto it = (*items)[i].asDictionary().find(kLoginItemURL);
+      if (it == (*items)[i].asDictionary().end() || it->second.asString() != url) continue;
+      if (!enabled) (void)LIAERemove(static_cast<int32_t>(i));
+      return;
+    }
+  }
+  if (enabled) (void)LIAEAddURLAtEnd(&url, false);
+}
+
+// --- Plain functions ------------------------------------------------------
+
+std::optional<PrefValue> ZonaraPreferencesController_objectForKey(const std::string& key) {
+  return ZonaraPreferencesController::sharedController().objectForKey(key);
+}
+
+bool ZonaraPreferencesController_boolForKey(const std::string& key) {
+  PreferencesDomain domain(ZonaraPreferencesController::kDomain);
+  std::optional<PrefValue> v = domain.copyValue(key);
+  return v && v->asBool();
+}
+
+int32_t ZonaraPreferencesController_integerForKey(const std::string& key) {
+  PreferencesDomain domain(ZonaraPreferencesController::kDomain);
+  std::optional<PrefValue> v = domain.copyValue(key);
+  return v ? static_cast<int32_t>(v->asInteger()) : 0;
+}
+
+}  // namespace zonara
