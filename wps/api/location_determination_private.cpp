@@ -385,6 +385,12 @@ int LocationDeterminationPrivate::calcPosition(std::vector<APInfo>& list, Locati
     weights.push_back(w);
     sum += w;
   }
+  if (!(sum > 0.0) || !std::isfinite(sum)) {
+    // Every weight vanished (readings far below any real signal): the access
+    // points count alike rather than giving a position of NaN.
+    std::fill(weights.begin(), weights.end(), 1.0);
+    sum = static_cast<double>(weights.size());
+  }
   double lat = 0.0, lon = 0.0;
   for (size_t i = 0; i < list.size(); ++i) {
     lat += (weights[i] / sum) * list[i].latitude;
@@ -427,17 +433,18 @@ double LocationDeterminationPrivate::calcVelocity(const Location& raw) {
     }
   }
 
-  // Step speeds between consecutive raw fixes; overall speed along the
-  // smoothed track.
+  // Step speeds between consecutive smoothed fixes (their median resists a
+  // single jumpy fix); overall speed from the oldest gathered raw fix to the
+  // new one.
   std::vector<double> steps;
-  for (size_t i = 0; i + 1 < rawPoints.size(); ++i) {
-    const int64_t dt = rawPoints[i].time - rawPoints[i + 1].time;
+  for (size_t i = 0; i + 1 < smoothedPoints.size(); ++i) {
+    const int64_t dt = smoothedPoints[i].time - smoothedPoints[i + 1].time;
     if (dt == 0) continue;
-    const double speed = calcDistance(rawPoints[i], rawPoints[i + 1]) / (std::fabs(static_cast<double>(dt)) / 1000.0);
+    const double speed = calcDistance(smoothedPoints[i], smoothedPoints[i + 1]) / (std::fabs(static_cast<double>(dt)) / 1000.0);
     steps.push_back(std::min(speed, kMaxStepSpeed));
   }
   const double median = steps.empty() ? 0.0 : lowerMedian(steps);
-  const Location& oldest = smoothedPoints.back();
+  const Location& oldest = rawPoints.back();
   const int64_t elapsed = raw.time - oldest.time;
   const double overall = elapsed > 0 ? calcDistance(oldest, raw) / (elapsed / 1000.0) : 0.0;
   const double v = 0.12 * smoothed.front().speed + 0.88 * ((median + overall) * 0.5 / 1.8);
