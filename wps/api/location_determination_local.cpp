@@ -3,6 +3,7 @@
 #include "wps/api/access_point_database.h"
 #include "wps/api/location_determination_private.h"
 #include "wps/api/tier2_collection.h"
+#include "wps/api/tiling.h"
 
 namespace WPS {
 namespace API {
@@ -16,7 +17,18 @@ LocationDeterminationLocal::LocationDeterminationLocal(const char* path) : path_
 LocationDeterminationLocal::~LocationDeterminationLocal() = default;
 
 int LocationDeterminationLocal::open(const SimpleAuthentication& authentication) {
+  const bool sameUser =
+      authentication_.username == authentication.username && authentication_.realm == authentication.realm;
   authentication_ = authentication;
+  if (!tiling_.configured()) {
+    if (downloadedTiles_ && tiles_ == downloadedTiles_.get()) tiles_ = nullptr;
+    downloadedTiles_.reset();
+  } else if (!downloadedTiles_ || !sameUser || !(downloadedTiles_->parameters() == tiling_)) {
+    if (downloadedTiles_ && tiles_ == downloadedTiles_.get()) tiles_ = nullptr;
+    downloadedTiles_.reset();  // aborts its downloads and waits for them
+    downloadedTiles_ = std::make_unique<Tiling>(authentication, tiling_);
+    tiles_ = downloadedTiles_.get();
+  }
   database_ = std::make_unique<AccessPointDatabase>(authentication, paths_, tiles_);
   if (tier2_) tier2_->setAuthentication(authentication);
   return 0;

@@ -30,6 +30,7 @@ namespace API {
 class AccessPointDatabase;
 class Tier2Collection;
 class TileSource;
+class Tiling;
 
 // Tile download settings given to WPS_tiling.
 struct TilingParameters {
@@ -40,6 +41,7 @@ struct TilingParameters {
   void* callbackArg = nullptr;              // handed to the callback
 
   [[nodiscard]] bool configured() const { return !directory.empty(); }
+  friend bool operator==(const TilingParameters&, const TilingParameters&) = default;
 };
 
 class LocationDeterminationLocal {
@@ -64,7 +66,13 @@ class LocationDeterminationLocal {
   // The directories of local tile files used from the next `open` on; a null
   // array or entry list ends at the first null.
   virtual void set_paths(const char** paths);
-  // Tile download settings used from the next `open` on.
+  // Tile download settings used from the next `open` on. With a directory,
+  // `open` makes the downloaded tiles (`Tiling`: the directory's tile files,
+  // the tiling requests and downloads) and uses them as the tile source; they
+  // live across `close` and `open`, so downloads started during one location
+  // request go on after it and serve the next ones. They are made anew only
+  // when the settings or the user name or realm change; settings without a
+  // directory drop them.
   virtual void set_tiling(const TilingParameters& parameters);
   // The downloaded tiles, asked before the local files (borrowed; must outlive
   // this object or be replaced; null: none). Takes effect at once, also for an
@@ -97,6 +105,9 @@ class LocationDeterminationLocal {
   std::string path_;
   std::vector<std::string> paths_;
   TilingParameters tiling_;
+  // The downloaded tiles made by `open` (before the database, which borrows
+  // them, so that they are destroyed after it).
+  std::unique_ptr<Tiling> downloadedTiles_;
   std::unique_ptr<AccessPointDatabase> database_;
   std::unique_ptr<Tier2Collection> tier2_;
   TileSource* tiles_ = nullptr;

@@ -36,6 +36,7 @@ Tiling::Tiling(const SimpleAuthentication& authentication, const TilingParameter
                ScanCache::Limits limits)
     : logger_(SPI::Logger::getLogger("WPS.API.Tiling")),
       parameters_(parameters),
+      realm_(authentication.realm),
       collection_(std::make_unique<TileCollection>(authentication.realm, parameters.maxDataSizeTotal)),
       client_(std::make_unique<TilingClient>(static_cast<TilingClient::Owner&>(*this), authentication, parameters.maxDataSizePerSession, limits)) {
   scanDirectory();

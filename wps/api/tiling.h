@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "wps/api/access_point_database.h"
 #include "wps/api/located_access_point.h"
 #include "wps/api/location.h"
 #include "wps/api/location_determination_local.h"
@@ -40,7 +41,7 @@
 namespace WPS {
 namespace API {
 
-class Tiling final : private TilingClient::Owner {
+class Tiling final : public TileSource, private TilingClient::Owner {
  public:
   // Tiles of `authentication`'s realm in `parameters.directory`, at most
   // `maxDataSizeTotal` bytes of them.
@@ -58,8 +59,8 @@ class Tiling final : private TilingClient::Owner {
   // the current tiles" when no tile holds any MAC, and "most macs were found in
   // tile %s (main tile is %s)" when that tile is not the main tile. Then a
   // tiling request may go out (TilingClient::postTilingRQ).
-  void get(const std::vector<SPI::ScannedAccessPoint>& scanned, const std::vector<SPI::ScannedCellTower>& cells,
-           std::vector<LocatedAccessPoint>& located);
+  void get(const SPI::AccessPointList& scanned, const SPI::CellTowerList& cells,
+           std::vector<LocatedAccessPoint>& located) override;
 
   // Opens the tile files found in the directory ("looking for existing tiles
   // in %s", "found tile %s"). Called by the constructor.
@@ -74,6 +75,7 @@ class Tiling final : private TilingClient::Owner {
   // The identifier of the main tile; "" while none is set.
   [[nodiscard]] std::string mainTile() const;
   [[nodiscard]] const TilingParameters& parameters() const { return parameters_; }
+  [[nodiscard]] const std::string& realm() const { return realm_; }
   [[nodiscard]] TileCollection& collection() { return *collection_; }
   [[nodiscard]] TilingClient& client() { return *client_; }
 
@@ -89,6 +91,7 @@ class Tiling final : private TilingClient::Owner {
 
   SPI::Logger& logger_;  // "WPS.API.Tiling"
   const TilingParameters parameters_;
+  const std::string realm_;
   bool enabled_ = false;
   mutable std::mutex mainTileMu_;
   std::string mainTile_;

@@ -49,7 +49,10 @@ class ScanCache {
  public:
   struct Limits {
     // A tiling request is sent once more than this many scans were cached.
-    size_t maxScans = 3;
+    // A location request that the server (or the location cache) answers
+    // stops after its first scan, so this counts location requests as much
+    // as scans: the second one that sees enough access points asks for tiles.
+    size_t maxScans = 1;
     // ... and only when they hold at least this many distinct access points.
     size_t minAccessPoints = 3;
     // The most access points (and cell towers) kept; the oldest readings go
