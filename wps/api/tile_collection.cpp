@@ -39,7 +39,10 @@ bool parseTileFileName(const std::string& fileName, TileInfo& info) {
 }
 
 TileCollection::TileCollection(std::string realm, uint64_t quota)
-    : logger_(SPI::Logger::getLogger("WPS.API.TileCollection")), realm_(std::move(realm)), quota_(quota) {}
+    : logger_(SPI::Logger::getLogger("WPS.API.TileCollection")),
+      realm_(std::move(realm)),
+      quota_(quota),
+      files_(realm_) {}
 
 TileCollection::~TileCollection() {
   SPI::MutexLock lock(mutex_);
@@ -49,43 +52,37 @@ TileCollection::~TileCollection() {
 bool TileCollection::add(const TileInfo& info, const std::string& path) {
   SPI::MutexLock lock(mutex_);
   const uint64_t revision = revisionOf(info.version);
-  for (auto it = tiles_.begin(); it != tiles_.end();) {
-    if (it->tile.info.id != info.id) {
-      ++it;
-      continue;
-    }
-    const TileInfo& existing = it->tile.info;
-    if (revision <= it->tile.revision) {
+  std::vector<Handle> replaced;
+  for (const auto& [handle, tile] : tiles_) {
+    if (tile.info.id != info.id) continue;
+    if (revision <= tile.revision) {
       logger_.info("tile %s_%s is older than existing %s_%s", info.id.c_str(), info.version.c_str(),
-                   existing.id.c_str(), existing.version.c_str());
+                   tile.info.id.c_str(), tile.info.version.c_str());
       // The same file can be offered again (found at start and downloaded
       // under the same name): never delete the file the collection holds.
-      if (path != it->tile.path) SPI::File::remove(path);
+      if (path != tile.path) SPI::File::remove(path);
       return false;
     }
-    logger_.info("tile %s_%s is replaced by %s_%s", existing.id.c_str(), existing.version.c_str(),
+    logger_.info("tile %s_%s is replaced by %s_%s", tile.info.id.c_str(), tile.info.version.c_str(),
                  info.id.c_str(), info.version.c_str());
-    auto next = std::next(it);
-    removeLocked(it, true);
-    it = next;
+    replaced.push_back(handle);
   }
+  for (Handle handle : replaced) removeLocked(handle, true);
 
   logger_.info("adding tile %s_%s to collection", info.id.c_str(), info.version.c_str());
-  std::unique_ptr<CompressedFileReader> reader = CompressedFileReader::newInstance();
-  if (reader->open(realm_, path) != 0) {
+  const Handle handle = files_.add(path);
+  if (handle == nullptr) {
     logger_.error("failed to open %s, deleting the file...", path.c_str());
     SPI::File::remove(path);
     return false;
   }
 
-  OpenTile entry;
-  entry.tile.info = info;
-  entry.tile.revision = revision;
-  entry.tile.path = path;
-  entry.tile.size = std::max<int64_t>(0, SPI::File::size(path));
-  entry.reader = std::move(reader);
-  totalSize_ += static_cast<uint64_t>(entry.tile.size);
-  tiles_.push_front(std::move(entry));
+  CollectedTileInfo& tile = tiles_[handle];
+  tile.info = info;
+  tile.revision = revision;
+  tile.path = path;
+  tile.size = std::max<int64_t>(0, SPI::File::size(path));
+  totalSize_ += static_cast<uint64_t>(tile.size);
   ++tileCount_;
 
   // Size first: it removes files. The count limit only closes them.
@@ -106,15 +103,19 @@ void TileCollection::pop(bool deleteFile) {
 }
 
 void TileCollection::popLocked(bool deleteFile) {
-  if (tiles_.empty()) return;
-  removeLocked(std::prev(tiles_.end()), deleteFile);
+  const std::vector<Handle> handles = files_.files().handles();
+  if (handles.empty()) return;
+  removeLocked(handles.back(), deleteFile);
 }
 
-void TileCollection::removeLocked(OpenTiles::iterator it, bool deleteFile) {
-  logger_.info("removing %s", it->tile.path.c_str());
-  it->reader->close();
-  if (deleteFile) SPI::File::remove(it->tile.path);
-  totalSize_ -= static_cast<uint64_t>(it->tile.size);
+void TileCollection::removeLocked(Handle handle, bool deleteFile) {
+  auto it = tiles_.find(handle);
+  if (it == tiles_.end()) return;
+  logger_.info("removing %s", it->second.path.c_str());
+  // Drops the file's cached access points and closes it.
+  files_.remove(handle);
+  if (deleteFile) SPI::File::remove(it->second.path);
+  totalSize_ -= static_cast<uint64_t>(it->second.size);
   tiles_.erase(it);
   --tileCount_;
 }
@@ -126,19 +127,18 @@ std::string TileCollection::get(const std::vector<SPI::ScannedAccessPoint>& scan
   std::set<uint64_t> seen;
   for (const SPI::ScannedAccessPoint& ap : scanned) {
     if (!seen.insert(ap.mac.value()).second) continue;
-    for (auto it = tiles_.begin(); it != tiles_.end(); ++it) {
-      LocatedAccessPoint found = it->reader->get(ap.mac);
-      if (found.empty()) continue;
-      located.push_back(found);
-      const std::string& id = it->tile.info.id;
-      auto counted = std::find_if(hits.begin(), hits.end(), [&](const auto& h) { return h.first == id; });
-      if (counted == hits.end()) {
-        hits.emplace_back(id, 1);
-      } else {
-        ++counted->second;
-      }
-      tiles_.splice(tiles_.begin(), tiles_, it);
-      break;
+    LocatedAccessPoint found;
+    const Handle handle = files_.get(ap.mac, found);
+    if (handle == nullptr) continue;
+    auto tile = tiles_.find(handle);
+    if (tile == tiles_.end()) continue;
+    located.push_back(found);
+    const std::string& id = tile->second.info.id;
+    auto counted = std::find_if(hits.begin(), hits.end(), [&](const auto& h) { return h.first == id; });
+    if (counted == hits.end()) {
+      hits.emplace_back(id, 1);
+    } else {
+      ++counted->second;
     }
   }
   std::string best;
@@ -158,8 +158,8 @@ TileInfoList TileCollection::selectNew(const TileInfoList& offered) {
   for (const TileInfo& info : offered) {
     const uint64_t revision = revisionOf(info.version);
     bool held = false;
-    for (const OpenTile& open : tiles_) {
-      if (open.tile.info.id == info.id && open.tile.revision >= revision) {
+    for (const auto& [handle, tile] : tiles_) {
+      if (tile.info.id == info.id && tile.revision >= revision) {
         held = true;
         break;
       }
@@ -182,14 +182,17 @@ uint64_t TileCollection::totalSize() {
 std::vector<CollectedTileInfo> TileCollection::tiles() {
   SPI::MutexLock lock(mutex_);
   std::vector<CollectedTileInfo> out;
-  for (const OpenTile& open : tiles_) out.push_back(open.tile);
+  for (Handle handle : files_.files().handles()) {
+    auto it = tiles_.find(handle);
+    if (it != tiles_.end()) out.push_back(it->second);
+  }
   return out;
 }
 
 bool TileCollection::contains(const std::string& id) {
   SPI::MutexLock lock(mutex_);
-  for (const OpenTile& open : tiles_) {
-    if (open.tile.info.id == id) return true;
+  for (const auto& [handle, tile] : tiles_) {
+    if (tile.info.id == id) return true;
   }
   return false;
 }

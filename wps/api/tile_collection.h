@@ -20,11 +20,12 @@
 #pragma once
 
 #include <cstdint>
-#include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "wps/api/access_point_database.h"
 #include "wps/api/compressed_file_reader.h"
 #include "wps/api/located_access_point.h"
 #include "wps/api/location.h"
@@ -101,20 +102,20 @@ class TileCollection {
   [[nodiscard]] bool contains(const std::string& id);
 
  private:
-  struct OpenTile {
-    CollectedTileInfo tile;
-    std::unique_ptr<CompressedFileReader> reader;
-  };
-  using OpenTiles = std::list<OpenTile>;  // most recently used first
+  using Handle = CompressedFileList::Handle;
 
   void popLocked(bool deleteFile) WPS_REQUIRES(mutex_);
-  void removeLocked(OpenTiles::iterator it, bool deleteFile) WPS_REQUIRES(mutex_);
+  void removeLocked(Handle handle, bool deleteFile) WPS_REQUIRES(mutex_);
 
   SPI::Logger& logger_;  // "WPS.API.TileCollection"
   const std::string realm_;
   const uint64_t quota_;
   SPI::PthreadMutex mutex_;
-  OpenTiles tiles_ WPS_GUARDED_BY(mutex_);
+  // The open files in least-recently-used order, with the cache of found
+  // access points in front of them.
+  CompressedFileCollection files_ WPS_GUARDED_BY(mutex_);
+  // The tile of each open file.
+  std::map<Handle, CollectedTileInfo> tiles_ WPS_GUARDED_BY(mutex_);
   size_t tileCount_ WPS_GUARDED_BY(mutex_) = 0;
   uint64_t totalSize_ WPS_GUARDED_BY(mutex_) = 0;
 };
