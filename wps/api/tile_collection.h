@@ -15,6 +15,9 @@
 // whole run, so look-ups from the caller's thread and additions from the
 // download thread never interleave.
 //
+// The open files sit in a `CompressedFileCollection`, whose cache of found
+// access points answers repeated MACs; a tile that is closed leaves the cache.
+//
 // Ownership: the collection owns its readers; it deletes files from disk only
 // as described at each member.
 #pragma once
