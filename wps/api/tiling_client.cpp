@@ -185,6 +185,8 @@ int TilingClient::postTilingRQ() {
       logger_.debug("a tiling session is running, TilingRQ will not be sent");
       return kBusy;
     }
+    // Without a server the scans wait in the cache (bounded by its capacity).
+    if (!LocationClient::getInstance().isNetworkModeEnabled()) return kNoNetwork;
     if (cache_.scanCount() <= cache_.limits().maxScans) return kTooFewScans;
     if (cache_.accessPoints().size() < cache_.limits().minAccessPoints) {
       logger_.info("%d aps are not enough to send TilingRQ", static_cast<int>(cache_.accessPoints().size()));

@@ -158,6 +158,7 @@ class TilingClient final : private FileDownloadQueue::Listener {
   static constexpr int kTooFewScans = -3;     // not yet enough scans cached
   static constexpr int kTooFewAccessPoints = -4;
   static constexpr int kBusy = -5;            // a session is running
+  static constexpr int kNoNetwork = -6;       // network mode is off (no server URL)
 
   TilingClient(Owner& owner, SimpleAuthentication authentication, unsigned long maxDataSizePerSession,
                ScanCache::Limits limits);
@@ -172,8 +173,9 @@ class TilingClient final : private FileDownloadQueue::Listener {
   // cache when it does. Not sent (and logged) with a per-session limit of 0
   // ("_maxDataSizePerSession %d <= 0, TilingRQ will not be sent.") or too few
   // access points ("%d aps are not enough to send TilingRQ", the cache is then
-  // emptied); silently not sent before more than `maxScans` scans were seen or
-  // while a session runs. Returns 0 when the request went out.
+  // emptied); silently not sent while a session runs, with network mode off
+  // (no server URL; the scans stay cached) or before more than `maxScans`
+  // scans were seen. Returns 0 when the request went out.
   [[nodiscard]] int postTilingRQ();
 
   // The answer to the request: on status 200 "TilingRS text: %s" is logged and

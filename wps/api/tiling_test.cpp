@@ -211,6 +211,20 @@ TEST_F(TilingExchangeTest, NoRequestWithoutADataAllowanceOrWithTooFewAccessPoint
   EXPECT_EQ(server_.countTo("/tiling"), 0u);
 }
 
+TEST_F(TilingExchangeTest, WithoutAServerTheScansWaitInTheCache) {
+  LocationClient::getInstance().set_server_url("");
+  auto tiling = makeTiling(1 << 20);
+  std::vector<LocatedAccessPoint> located;
+  for (int i = 0; i < 5; ++i) tiling->get(scanOf(apsA_), {}, located);
+  EXPECT_FALSE(tiling->client().busy());
+  EXPECT_EQ(tiling->client().cachedScans(), 5u);
+
+  LocationClient::getInstance().set_server_url(server_.url().c_str());
+  runSession(*tiling, scanOf(apsA_));
+  EXPECT_EQ(server_.countTo("/tiling"), 1u);
+  EXPECT_EQ(tiling->client().cachedScans(), 3u) << "one request, then three new scans";
+}
+
 TEST_F(TilingExchangeTest, ServersFirstTileBecomesMainTileAndNewTilesAreDownloadedAndUsed) {
   serve("A", "1", apsA_);
   serve("B", "2", apsB_);
