@@ -4,15 +4,14 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "platform/testing/temp_dir.h"
 #include "wps/api/located_access_point.h"
 #include "wps/api/testing/fake_positioning_server.h"
 #include "wps/api/tile_test_support.h"
@@ -23,27 +22,14 @@ namespace WPS {
 namespace API {
 namespace testing {
 
-// A new empty directory under the test's temporary folder, removed (with its
-// files) at the end.
+// A new empty tiles directory under the test's scratch folder, removed with
+// its files at the end.
 class TileDir {
  public:
-  TileDir() {
-    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-    std::string pattern = std::string(base ? base : "/tmp") + "/tiles-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) == nullptr) std::abort();
-    path_ = buffer.data();
-  }
-  ~TileDir() {
-    for (const std::string& name : names()) ::unlink((path_ + "/" + name).c_str());
-    ::rmdir(path_.c_str());
-  }
-  TileDir(const TileDir&) = delete;
-  TileDir& operator=(const TileDir&) = delete;
+  TileDir() : dir_("tiles-") {}
 
-  [[nodiscard]] const std::string& path() const { return path_; }
-  [[nodiscard]] std::string file(const std::string& name) const { return path_ + "/" + name; }
+  [[nodiscard]] const std::string& path() const { return dir_.path(); }
+  [[nodiscard]] std::string file(const std::string& name) const { return dir_.file(name); }
   [[nodiscard]] bool has(const std::string& name) const {
     struct stat st {};
     return ::stat(file(name).c_str(), &st) == 0;
@@ -51,7 +37,7 @@ class TileDir {
   // Names of the entries, sorted.
   [[nodiscard]] std::set<std::string> names() const {
     std::set<std::string> out;
-    if (DIR* dir = ::opendir(path_.c_str())) {
+    if (DIR* dir = ::opendir(path().c_str())) {
       while (dirent* entry = ::readdir(dir)) {
         const std::string name = entry->d_name;
         if (name != "." && name != "..") out.insert(name);
@@ -66,7 +52,7 @@ class TileDir {
   }
 
  private:
-  std::string path_;
+  zonara::testing::TempDir dir_;
 };
 
 // `count` access points within about 0.01 degrees of (lat, lon).
