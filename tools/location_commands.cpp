@@ -22,6 +22,8 @@ constexpr const char* kRequestOptions =
     "  --lookup MODE       street address to ask for: none, limited or full (default none)\n"
     "  --proxy HOST:PORT   HTTP proxy for the server requests\n"
     "  --local-files DIR   a folder of tile files for on-device positioning (repeatable)\n";
+constexpr const char* kNoNetworkOption =
+    "  --no-network        never ask the server: clears the server URL (tiles only)\n";
 
 // Options shared by the commands that talk to the server.
 struct RequestOptions {
@@ -33,6 +35,7 @@ struct RequestOptions {
   std::optional<std::string> proxyHost;
   int proxyPort = 0;
   std::vector<std::string> localFiles;
+  bool noNetwork = false;
   bool help = false;
 };
 
@@ -74,6 +77,10 @@ bool parseOptions(const char* command, const std::vector<std::string>& args,
     }
     bool known = false;
     for (const auto& name : accepted) known = known || name == arg;
+    if (known && arg == "--no-network") {
+      options.noNetwork = true;
+      continue;
+    }
     if (!known) {
       std::fprintf(stderr, "wps-tool %s: unknown option %s\n", command, arg.c_str());
       return false;
@@ -113,6 +120,8 @@ bool parseOptions(const char* command, const std::vector<std::string>& args,
 // Hands the options' settings to the library.
 void applySettings(const RequestOptions& options) {
   if (options.server) (void)WPS_set_server_url(options.server->c_str());
+  // An empty server URL turns network mode off: only the tiles are asked.
+  if (options.noNetwork) (void)WPS_set_server_url("");
   if (options.proxyHost) (void)WPS_set_proxy(options.proxyHost->c_str(), options.proxyPort, nullptr, nullptr);
   if (!options.localFiles.empty()) {
     std::vector<const char*> paths;
@@ -155,14 +164,16 @@ std::string returnCodeName(int code) {
 
 int runLocateCommand(const std::vector<std::string>& args) {
   RequestOptions options;
-  if (!parseOptions("locate", args, kRequestOptionNames, options)) return kUsageError;
+  std::vector<std::string> accepted = kRequestOptionNames;
+  accepted.push_back("--no-network");
+  if (!parseOptions("locate", args, accepted, options)) return kUsageError;
   if (options.help) {
     std::printf(
         "usage: wps-tool locate [OPTIONS]\n"
         "Scans Wi-Fi (up to 5 s) and asks the tiles, then the server, where this computer is.\n"
         "Prints LATITUDE LONGITUDE HPE NAP (degrees, metres of error, access points used).\n"
-        "On failure prints the result code's name to stderr and exits with the code.\n%s",
-        kRequestOptions);
+        "On failure prints the result code's name to stderr and exits with the code.\n%s%s",
+        kRequestOptions, kNoNetworkOption);
     return 0;
   }
   applySettings(options);
@@ -248,7 +259,7 @@ int runScanCommand(const std::vector<std::string>& args) {
 
 const char* locationUsage() {
   return "  wps-tool locate [--server URL] [--user NAME] [--realm REALM] [--lookup none|limited|full]\n"
-         "                 [--proxy HOST:PORT] [--local-files DIR]...\n"
+         "                 [--proxy HOST:PORT] [--local-files DIR]... [--no-network]\n"
          "  wps-tool ip-locate [same options as locate]\n"
          "  wps-tool register --server URL --user NAME --realm REALM --new-user NAME\n"
          "  wps-tool scan\n";

@@ -141,7 +141,7 @@ TEST_F(WpsToolTest, LocateOnTheDeviceFromTileFiles) {
                  dir_ / "scans.txt");
   ASSERT_EQ(r.status, 0) << r.err;
 
-  r = run({"locate", "--server", "", "--user", "user", "--realm", "example.org", "--local-files",
+  r = run({"locate", "--no-network", "--user", "user", "--realm", "example.org", "--local-files",
            (dir_ / "tiles").string()},
           dir_ / "scans.txt");
   ASSERT_EQ(r.status, 0) << r.err;
