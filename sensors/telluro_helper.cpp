@@ -24,6 +24,17 @@ std::unique_ptr<PreferencesDomain> accountDomain(const std::string& accountPath)
   return std::make_unique<PreferencesDomain>(name, folder);
 }
 
+double singlePrecision(double value) {
+  // Through memory, so the narrowing cannot be optimised away.
+  volatile float narrowed = static_cast<float>(value);
+  return narrowed;
+}
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
 }  // namespace
 
 std::optional<std::string> GetTelluroUsername(const std::string& accountPath) {
@@ -81,12 +92,9 @@ struct TelluroHelper::Context {
 
 TelluroHelper::TelluroHelper(LocationLibrary& library, std::string dataFolder)
     : library_(library),
-      accountPath_(dataFolder + "/Telluro.plist"),
-      cacheFolder_([&] {
-        std::string folder = dataFolder + "/Telluro Cache";
-        while (!folder.empty() && folder.back() == '/') folder.pop_back();
-        return folder + "/";
-      }()) {}
+      accountPath_(withoutTrailingSlashes(dataFolder) + "/Telluro.plist"),
+      // Exactly one slash ends the folder handed to the library.
+      cacheFolder_(withoutTrailingSlashes(dataFolder) + "/Telluro Cache/") {}
 
 TelluroHelper::~TelluroHelper() { waitForLookups(); }
 
@@ -105,7 +113,9 @@ std::optional<TelluroLocation> TelluroHelper::currentLocation() {
     SystemLog("*** WPS_location failed (%i)!\n\n", static_cast<int>(rc));
     return std::nullopt;
   }
-  return TelluroLocation{static_cast<float>(longitude), static_cast<float>(latitude)};  // single precision
+  // The position is kept in single precision: the library's doubles
+  // narrowed to floats.
+  return TelluroLocation{singlePrecision(longitude), singlePrecision(latitude)};
 }
 
 void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSeconds) {
