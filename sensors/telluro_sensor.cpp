@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 
 #include "platform/run_loop.h"
 #include "platform/system_log.h"
@@ -84,12 +85,15 @@ void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation
     return;
   }
   // Wait for the service to become reachable, giving up after 10 s.
+  // The give-up time counts from now, however late its thread starts.
+  const Clock::TimePoint giveUpAt = Clock::get().now() + 10000ms;
   std::lock_guard<std::mutex> lock(mu_);
   reapThreads(false);
-  for (void (TelluroSensor::*body)() : {&TelluroSensor::waitForConnectivity, &TelluroSensor::createTimer}) {
+  std::function<void()> bodies[] = {[this] { waitForConnectivity(); }, [this, giveUpAt] { createTimer(giveUpAt); }};
+  for (std::function<void()>& body : bodies) {
     auto done = std::make_shared<std::atomic<bool>>(false);
-    workers_.push_back(Worker{std::thread([this, body, done] {
-                                (this->*body)();
+    workers_.push_back(Worker{std::thread([body = std::move(body), done] {
+                                body();
                                 *done = true;
                               }),
                               done});
@@ -131,11 +135,11 @@ void TelluroSensor::waitForConnectivity() {
   }
 }
 
-void TelluroSensor::createTimer() {
+void TelluroSensor::createTimer(Clock::TimePoint giveUpAt) {
   RunLoop& loop = RunLoop::current();
   RunLoop::TimerId timer = 0;
   RunLoop::TimerId watch = 0;
-  timer = loop.addTimer(10000ms, false, [this, &timer] {
+  timer = loop.addTimer(giveUpAt - Clock::get().now(), false, [this, &timer] {
     // timeoutOccured: give up the wait without a lookup.
     timer = 0;
     ready_ = true;

@@ -111,7 +111,9 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   void refreshLocation();
   void setPosition(std::optional<double> longitude, std::optional<double> latitude);
   void waitForConnectivity();
-  void createTimer();
+  // The give-up timer (due at `giveUpAt`) and the ready watch, on a run
+  // loop of this thread.
+  void createTimer(Clock::TimePoint giveUpAt);
   void fetchLocation();
   void finishFetch(const std::optional<TelluroLocation>& location);
   void reapThreads(bool all);
