@@ -165,7 +165,6 @@ TEST_F(NetlinkNetworkSensorTest, AWiredChangeFirstHidesTheWirelessOneBehindIt) {
 TEST_F(NetlinkNetworkSensorTest, AddressesAppearUnderTheWiredIPv4Key) {
   start();
   ip("link set v1 up");
-  (void)nextChange();
   ip("addr add 10.9.8.7/24 dev v1");
   EXPECT_EQ(nextChange(), std::vector<std::string>{"State:/Network/Interface/v1/IPv4"});
   EXPECT_EQ(monitor_->valueForPattern("State:/Network/Interface/v1/IPv4"),
