@@ -103,6 +103,11 @@ void TelluroHelper::waitForLookups() {
   idle_.wait(lock, [this] { return running_ == 0; });
 }
 
+bool TelluroHelper::lookupsRunning() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return running_ > 0;
+}
+
 std::optional<TelluroLocation> TelluroHelper::currentLocation() {
   SystemLog("fetching telluro location");
   std::unique_ptr<TelluroAuthentication> auth = GetTelluroAuthentication(library_, accountPath_);

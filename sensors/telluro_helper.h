@@ -103,6 +103,8 @@ class TelluroHelper {
 
   // Blocks until no lookup thread runs (tests, shutdown).
   void waitForLookups();
+  // Whether a lookup thread is still running.
+  [[nodiscard]] bool lookupsRunning();
 
   [[nodiscard]] const std::string& accountPath() const { return accountPath_; }
   [[nodiscard]] const std::string& cacheFolder() const { return cacheFolder_; }

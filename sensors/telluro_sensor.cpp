@@ -34,7 +34,7 @@ TelluroSensor::~TelluroSensor() {
   // Lookups still running may hand work to the main thread and wait for it:
   // keep the main loop turning while they end.
   for (;;) {
-    bool busy = false;
+    bool busy = helper_.lookupsRunning();
     {
       std::lock_guard<std::mutex> lock(mu_);
       for (const Worker& w : workers_) busy = busy || !*w.done;
@@ -207,7 +207,7 @@ bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
   }
   if (!body) return false;
   std::optional<TelluroLocation> location = scrapeIPLocationPage(*body);
-  if (!location) return false;
+  if (!location || shuttingDown_) return false;
   if (trigger) {
     RunLoop::performOnMainThread([this, location] { triggerSensor(location); }, true);
   } else {
