@@ -23,7 +23,7 @@ if command -v clang++ >/dev/null 2>&1 && command -v clang >/dev/null 2>&1; then
   libfuzzer=1
 fi
 cmake "${cmake_args[@]}" >/dev/null
-cmake --build "$build" -j "$jobs" --target protocol_fuzz >/dev/null
+cmake --build "$build" -j "$jobs" --target protocol_fuzz tile_reader_fuzz >/dev/null
 
 # Library logging of every rejected input would only slow the run down.
 quiet=$(mktemp)
@@ -32,14 +32,21 @@ trap 'rm -rf "$quiet" "$scratch"' EXIT
 echo "log4cpp.rootCategory=FATAL" > "$quiet"
 export LOG4CPP_CONFIGURATION="$quiet"
 
-for target in protocol; do
+for target in protocol tile_reader; do
   corpus="fuzz/corpus/$target"
+  mkdir -p "$scratch/$target"
+  seeds=()
+  [ -d "$corpus" ] && seeds=("$corpus")
   if [ "$libfuzzer" = 1 ]; then
     # New inputs go to a scratch folder, never into the repository.
     "$build/bin/${target}_fuzz" -runs="$runs" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
-      -print_final_stats=1 "$scratch" "$corpus"
+      -print_final_stats=1 "$scratch/$target" "${seeds[@]}"
   else
-    "$build/bin/${target}_fuzz" --runs "$runs" --seed 7 "$corpus"/*
+    if [ -d "$corpus" ]; then
+      "$build/bin/${target}_fuzz" --runs "$runs" --seed 7 "$corpus"/*
+    else
+      "$build/bin/${target}_fuzz" --runs "$runs" --seed 7
+    fi
   fi
   echo "fuzz smoke: $target ok"
 done

@@ -1,5 +1,7 @@
 #include "prefs/LoginItemsAE.h"
 
+#include "platform/testing/temp_dir.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -11,14 +13,7 @@ namespace {
 
 class LoginItemsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-    std::string tmpl = std::string(base ? base : "/tmp") + "/loginXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-    setenv("XDG_CONFIG_HOME", (dir_ + "/config").c_str(), 1);
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+  void SetUp() override { setenv("XDG_CONFIG_HOME", (dir_ + "/config").c_str(), 1); }
 
   std::string makeProgram(const std::string& name) {
     const std::string path = dir_ + "/" + name;
@@ -45,7 +40,8 @@ class LoginItemsTest : public ::testing::Test {
     return out;
   }
 
-  std::string dir_;
+  zonara::testing::TempDir tmp_{"login"};
+  const std::string dir_ = tmp_.path();
 };
 
 TEST_F(LoginItemsTest, NoFolderMeansNoItems) { EXPECT_TRUE(items().empty()); }

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "platform/preferences_store.h"
+#include "platform/testing/temp_dir.h"
 #include "wps/spi/log_capture.h"
 
 namespace WPS::SPI {
@@ -26,13 +27,6 @@ std::string readFile(const std::string& path) {
 // in a child process of its own.
 class LoggerConfigurationTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-    std::string tmpl = std::string(base ? base : "/tmp") + "/logXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
 
   // Writes a log4cpp properties file sending everything to `<name>.log`.
   std::string writeConfiguration(const std::string& name) {
@@ -65,7 +59,8 @@ class LoggerConfigurationTest : public ::testing::Test {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
-  std::string dir_;
+  zonara::testing::TempDir tmp_{"log"};
+  const std::string dir_ = tmp_.path();
 };
 
 TEST_F(LoggerConfigurationTest, SourcesAreConsultedInOrder) {

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <set>
 
+#include "platform/testing/temp_dir.h"
 #include "wps/spi/file.h"
 #include "wps/spi/log_capture.h"
 
@@ -15,13 +16,6 @@ namespace {
 
 class UnixFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-    std::string tmpl = std::string(base ? base : "/tmp") + "/fileXXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
 
   std::string writeFile(const std::string& name, const std::string& content) {
     std::string path = dir_ + "/" + name;
@@ -29,7 +23,8 @@ class UnixFileTest : public ::testing::Test {
     return path;
   }
 
-  std::string dir_;
+  zonara::testing::TempDir tmp_{"file"};
+  const std::string dir_ = tmp_.path();
 };
 
 TEST_F(UnixFileTest, WritesReadsAndSizes) {
