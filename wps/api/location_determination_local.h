@@ -29,6 +29,7 @@ namespace API {
 
 class AccessPointDatabase;
 class Tier2Collection;
+class TileSource;
 
 // Tile download settings given to WPS_tiling.
 struct TilingParameters {
@@ -65,8 +66,13 @@ class LocationDeterminationLocal {
   virtual void set_paths(const char** paths);
   // Tile download settings used from the next `open` on.
   virtual void set_tiling(const TilingParameters& parameters);
+  // The downloaded tiles, asked before the local files (borrowed; must outlive
+  // this object or be replaced; null: none). Takes effect at once, also for an
+  // open database.
+  virtual void set_tile_source(TileSource* tiles);
   // Creates (or replaces) the scan-collection area `dir` with a quota in
-  // kilobytes; a null or empty `dir` removes it.
+  // kilobytes; a null or empty `dir` removes it. The lines carry the user
+  // name of the last `open` (empty before the first).
   virtual void set_tier2_area(const char* dir, unsigned long quota_kb);
 
   // Computes a location from `aps` (the known access points among them) into
@@ -83,6 +89,7 @@ class LocationDeterminationLocal {
   [[nodiscard]] const TilingParameters& tilingParameters() const { return tiling_; }
   [[nodiscard]] AccessPointDatabase* database() const { return database_.get(); }
   [[nodiscard]] Tier2Collection* tier2Collection() const { return tier2_.get(); }
+  [[nodiscard]] TileSource* tileSource() const { return tiles_; }
 
  protected:
   explicit LocationDeterminationLocal(const char* path);
@@ -92,6 +99,8 @@ class LocationDeterminationLocal {
   TilingParameters tiling_;
   std::unique_ptr<AccessPointDatabase> database_;
   std::unique_ptr<Tier2Collection> tier2_;
+  TileSource* tiles_ = nullptr;
+  SimpleAuthentication authentication_;
 };
 
 }  // namespace API

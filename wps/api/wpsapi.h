@@ -141,7 +141,25 @@ typedef WPS_Continuation (*WPS_LocationCallback)(void* arg,
  * the downloaded tiles and then the server. On WPS_OK, and on
  * WPS_ERROR_NO_LOCATION_FROM_SCAN, a newly allocated location is stored in
  * *location (zeroed when none was found); on any other code nothing is handed
- * out. */
+ * out and *location is set to null.
+ *
+ * The access points of all scans so far are accumulated. After each scan:
+ *  - when no street address is asked for, the tiles are tried; a fix from
+ *    more than two access points ends the request;
+ *  - otherwise, with a server URL set, the server is asked once the access
+ *    points of the last fix plus the new ones since it number at least three,
+ *    or, before any fix, once any access point was seen and more than 2999 ms
+ *    of scanning have passed. The library's cache of recent answers is
+ *    consulted first: a scan much like a recent one is answered from it
+ *    without a request. A fix from more than two access points ends the
+ *    request; a weaker fix is kept while scanning goes on for a better one.
+ *    Once the server has refused the credentials it is not asked again.
+ * A failure after a fix does not replace it. A location found (from the tiles,
+ * the server or the cache) is remembered in the cache with the scan.
+ *
+ * Returns WPS_ERROR at once when `location` is null, and when there is no
+ * Wi-Fi adapter or it cannot be opened or scan (WPS_SCAN_FILE names a file of
+ * scans to use instead of the card). */
 WPS_ReturnCode WPS_location(const WPS_SimpleAuthentication* authentication,
                             WPS_StreetAddressLookup street_address_lookup,
                             WPS_Location** location);
@@ -190,14 +208,31 @@ WPS_ReturnCode WPS_set_proxy(const char* address,
                              const char* password);
 
 /* Scans every `period` milliseconds, `iterations` times (0 = until the callback
- * answers WPS_STOP), calling `callback` after each scan on the calling thread. */
+ * answers WPS_STOP), calling `callback` after each scan on the calling thread.
+ * The callback gets WPS_OK and the scan; when a scan failed and the adapter
+ * had to be reset, it gets WPS_ERROR and an empty scan for that period. The
+ * library lock is held throughout, so the callback must not call WPS_
+ * functions. Returns WPS_OK when the loop ended normally, WPS_ERROR when
+ * `callback` is null or there is no working Wi-Fi adapter. */
 WPS_ReturnCode WPS_periodic_scan(unsigned long period,
                                  unsigned iterations,
                                  WPS_ScanCallback callback,
                                  void* context);
 
 /* Repeated location reports: as WPS_location, repeated every `period`
- * milliseconds `iterations` times (0 = until the callback answers WPS_STOP). */
+ * milliseconds `iterations` times (0 = until the callback answers WPS_STOP).
+ *
+ * Each repetition is one complete location request (up to five seconds of
+ * scanning); its result goes to `callback` with the location on WPS_OK and a
+ * null location with any other code. The next request starts `period`
+ * milliseconds after the start of the previous one, or at once when that one
+ * took longer. The library lock is held during each request only, not during
+ * the callback or the wait, so the callback may call WPS_ functions and other
+ * threads are served between reports.
+ *
+ * Returns WPS_OK when the callback stopped the reports or all iterations were
+ * made; WPS_ERROR for a null callback; when a request could not scan at all
+ * (no Wi-Fi adapter), its code, after reporting it. */
 WPS_ReturnCode WPS_periodic_location(const WPS_SimpleAuthentication* authentication,
                                      WPS_StreetAddressLookup street_address_lookup,
                                      unsigned long period,

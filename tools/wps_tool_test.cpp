@@ -1,0 +1,232 @@
+// wps-tool's location commands run as a user runs them: the built program,
+// a scan file for the Wi-Fi, and a positioning server on loopback.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/testing/http_test_server.h"
+#include "wps/api/config.h"
+
+namespace zonara {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HttpRequest;
+using testing::HttpResponse;
+using testing::HttpTestServer;
+
+fs::path binDir() { return fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin"; }
+
+std::string reply(const std::string& root, const std::string& inner) {
+  return "<?xml version='1.0'?><" + root + " xmlns='" + WPS::API::kProtocolNamespace + "' version='2.6'>" + inner +
+         "</" + root + ">";
+}
+
+struct Result {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string slurp(const fs::path& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+class WpsToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(dir_);
+    fs::create_directories(dir_ / "config");
+    std::ofstream(dir_ / "scans.txt") << "# three access points\n"
+                                         "00:12:A3:B4:C5:D6 -60 6 -95 Home\n"
+                                         "00:12:A3:B4:C5:D7 45 11 0 Cafe Net\n"
+                                         "00:12:A3:B4:C5:D8 -80 1 0\n";
+    server_.setHandler([](const HttpRequest& request) {
+      if (request.path() == "/wps2/location") {
+        return HttpResponse(200, reply("LocationRS",
+                                       "<location nap='3'><latitude>42.5</latitude><longitude>-71.25</longitude>"
+                                       "<hpe>40</hpe></location>"));
+      }
+      if (request.path() == "/wps2/ip-location") {
+        return HttpResponse(200, reply("IPLocationRS",
+                                       "<ip-location><ip>192.0.2.7</ip><latitude>35.5</latitude>"
+                                       "<longitude>139.75</longitude></ip-location>"));
+      }
+      if (request.path() == "/wps2/registration") return HttpResponse(200, reply("RegistrationRS", ""));
+      return HttpResponse(404, "");
+    });
+  }
+
+  // Runs wps-tool with `args`, WPS_SCAN_FILE set to `scanFile` and a private
+  // configuration folder; waits for it to end.
+  Result run(const std::vector<std::string>& args, const fs::path& scanFile) {
+    const fs::path out = dir_ / "stdout";
+    const fs::path err = dir_ / "stderr";
+    std::vector<std::string> argv{(binDir() / "wps-tool").string()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const pid_t pid = fork();
+    if (pid == 0) {
+      setenv("WPS_SCAN_FILE", scanFile.c_str(), 1);
+      setenv("XDG_CONFIG_HOME", (dir_ / "config").c_str(), 1);
+      unsetenv("LOG4CPP_CONFIGURATION");
+      const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int in = open("/dev/null", O_RDONLY);
+      if (o < 0 || e < 0 || in < 0) _exit(126);
+      dup2(o, STDOUT_FILENO);
+      dup2(e, STDERR_FILENO);
+      dup2(in, STDIN_FILENO);
+      std::vector<char*> raw;
+      for (auto& a : argv) raw.push_back(a.data());
+      raw.push_back(nullptr);
+      execv(raw[0], raw.data());
+      _exit(127);
+    }
+    Result result;
+    int status = 0;
+    if (pid > 0 && waitpid(pid, &status, 0) == pid) {
+      result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    result.out = slurp(out);
+    result.err = slurp(err);
+    return result;
+  }
+
+  std::vector<std::string> serverOptions() const {
+    return {"--server", server_.url("/wps2"), "--user", "user", "--realm", "example.org"};
+  }
+
+  fs::path dir_;
+  HttpTestServer server_;
+};
+
+TEST_F(WpsToolTest, LocatePrintsThePosition) {
+  auto args = serverOptions();
+  args.insert(args.begin(), "locate");
+  args.insert(args.end(), {"--lookup", "none", "--local-files", (dir_ / "tiles").string()});
+  const Result r = run(args, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "42.500000 -71.250000 40.0 3\n");
+  ASSERT_EQ(server_.requestCount(), 1u);
+  const std::string body = server_.lastRequest()->body;
+  for (const char* mac : {"0012A3B4C5D6", "0012A3B4C5D7", "0012A3B4C5D8"}) {
+    EXPECT_NE(body.find(mac), std::string::npos) << mac;
+  }
+}
+
+// With a tile file of the scanned access points and no server, the position
+// is computed on the device.
+TEST_F(WpsToolTest, LocateOnTheDeviceFromTileFiles) {
+  fs::create_directories(dir_ / "tiles");
+  std::ofstream(dir_ / "aps.csv") << "MAC,LATITUDE,LONGITUDE,RELIABILITY_COUNT,SIGNAL_EXPONENT\n"
+                                     "00:12:A3:B4:C5:D6,48.8566,2.3522,40,0.5\n"
+                                     "00:12:A3:B4:C5:D7,48.8570,2.3530,18,0.5\n"
+                                     "00:12:A3:B4:C5:D8,48.8560,2.3515,30,0.5\n";
+  Result r = run({"tile", "build", (dir_ / "aps.csv").string(), (dir_ / "tiles" / "paris.wps").string(), "--realm",
+                  "example.org"},
+                 dir_ / "scans.txt");
+  ASSERT_EQ(r.status, 0) << r.err;
+
+  r = run({"locate", "--server", "", "--user", "user", "--realm", "example.org", "--local-files",
+           (dir_ / "tiles").string()},
+          dir_ / "scans.txt");
+  ASSERT_EQ(r.status, 0) << r.err;
+  double latitude = 0, longitude = 0, hpe = 0;
+  unsigned nap = 0;
+  ASSERT_EQ(std::sscanf(r.out.c_str(), "%lf %lf %lf %u", &latitude, &longitude, &hpe, &nap), 4) << r.out;
+  EXPECT_NEAR(latitude, 48.8566, 0.001);
+  EXPECT_NEAR(longitude, 2.3522, 0.001);
+  EXPECT_GT(hpe, 0);
+  EXPECT_EQ(nap, 3u);
+  EXPECT_EQ(server_.requestCount(), 0u);
+}
+
+TEST_F(WpsToolTest, LocateFailureExitsWithTheCode) {
+  auto args = serverOptions();
+  args.insert(args.begin(), "locate");
+  // The scan file is missing: the Wi-Fi adapter cannot open.
+  const Result r = run(args, dir_ / "missing.txt");
+  EXPECT_EQ(r.status, 99);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "WPS_ERROR\n");
+  EXPECT_EQ(server_.requestCount(), 0u);
+}
+
+TEST_F(WpsToolTest, IpLocateRegisterAndScan) {
+  auto args = serverOptions();
+  args.insert(args.begin(), "ip-locate");
+  Result r = run(args, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "192.0.2.7 35.500000 139.750000\n");
+
+  args = serverOptions();
+  args.insert(args.begin(), "register");
+  args.insert(args.end(), {"--new-user", "A1B2C3D4"});
+  r = run(args, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(server_.lastRequest()->path(), "/wps2/registration");
+  EXPECT_NE(server_.lastRequest()->body.find("A1B2C3D4"), std::string::npos);
+
+  server_.setHandler([](const HttpRequest&) { return HttpResponse(403, ""); });
+  r = run(args, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.err, "WPS_ERROR_UNAUTHORIZED\n");
+
+  r = run({"scan"}, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "0012A3B4C5D6 -60 Home\n"
+            "0012A3B4C5D7 -62 Cafe Net\n"
+            "0012A3B4C5D8 -80 \n");
+}
+
+TEST_F(WpsToolTest, HelpAndUsageErrors) {
+  const struct {
+    std::vector<std::string> args;
+    int status;
+  } cases[] = {
+      {{"--help"}, 0},
+      {{"locate", "--help"}, 0},
+      {{"ip-locate", "--help"}, 0},
+      {{"register", "--help"}, 0},
+      {{"scan", "--help"}, 0},
+      {{"tile", "info", "--help"}, 0},
+      {{}, 2},
+      {{"teleport"}, 2},
+      {{"locate", "--lookup", "street"}, 2},
+      {{"locate", "--proxy", "host-without-port"}, 2},
+      {{"locate", "--server"}, 2},
+      {{"register", "--server", "http://127.0.0.1:9"}, 2},
+      {{"scan", "extra"}, 2},
+  };
+  for (const auto& c : cases) {
+    std::string joined;
+    for (const auto& a : c.args) joined += a + " ";
+    SCOPED_TRACE(joined);
+    const Result r = run(c.args, dir_ / "scans.txt");
+    EXPECT_EQ(r.status, c.status) << r.err;
+    if (c.status == 0) {
+      EXPECT_NE(r.out.find("usage"), std::string::npos);
+    } else {
+      EXPECT_FALSE(r.err.empty());
+    }
+  }
+  EXPECT_EQ(server_.requestCount(), 0u);
+}
+
+}  // namespace
+}  // namespace zonara
