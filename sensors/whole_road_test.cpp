@@ -2,8 +2,7 @@
 // services on a private session bus (with a stand-in desktop notification
 // service), location sensing over the real network watcher, a loopback
 // IP-location page and time-zone service, and a set-time-zone command that
-// records what it is asked -- in virtual time. The positioning library is a
-// scripted one that finds nothing, so the position comes from the page.
+// records what it is asked -- in virtual time.
 #include <date/date.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -20,6 +19,10 @@
 #include "platform/testing/test_bus.h"
 #include "sensors/location_sensing.h"
 #include "sensors/sensor_test_support.h"
+#ifdef ZONARA_WITH_WPS_API
+#include "sensors/wps_location_library.h"
+#include "wps/spi/simulated_clock.h"
+#endif
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -76,119 +79,195 @@ std::vector<std::string> fileLines(const fs::path& p) {
   return out;
 }
 
-TEST(WholeRoad, HelperLocatesItselfAppliesTheZoneAndNotifiesOnce) {
-  SetSystemLogSinkForTesting([](LogPriority, const std::string&) {});
-  const fs::path root = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "whole-road";
-  fs::remove_all(root);
-  fs::create_directories(root / "config");
-  const fs::path tzFile = root / "timezone";
-  std::ofstream(tzFile) << "UTC\n";
-
-  testing::HttpTestServer http;
-  http.setHandler([](const HttpRequest& r) {
-    if (r.path() == "/app/locate_my_ip")
-      return HttpResponse(200, "<table><tr><td>Latitude/Longitude</td><td class=output>48.8566/2.3522</td></tr>");
-    if (r.path() == "/timezone")
-      return HttpResponse(200,
-                          "<geonames><timezone><timezoneId>Europe/Paris</timezoneId><gmtOffset>1</gmtOffset>"
-                          "<dstOffset>2</dstOffset></timezone></geonames>");
-    return HttpResponse(404, "");
-  });
-
-  PreferencesDomain prefs(AppController::kServerName, (root / "config").string());
-  prefs.setValue("TimezoneServiceURL", PrefValue::string(http.url()));
-  prefs.setValue("IPLocationURL", PrefValue::string(http.url()));
-  prefs.setValue("ReachabilityHost", PrefValue::string("localhost"));
-  const std::string script = "printf '%s\\n' \"$1\" >> '" + (root / "commands").string() + "' && printf '%s\\n' \"$1\" > '" +
-                             tzFile.string() + "'";
-  prefs.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/sh"), PrefValue::string("-c"),
-                                                         PrefValue::string(script), PrefValue::string("set")}));
-  ASSERT_TRUE(prefs.synchronize());
-
-  VirtualClock clock(Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch()));
-  ScopedClock installed(clock);
-  testing::TestBus bus;
-  ASSERT_TRUE(bus.ok());
-  auto helperBus = DBusConnection::openAddress(bus.address(), nullptr);
-  auto serviceBus = DBusConnection::openAddress(bus.address(), nullptr);
-  ASSERT_TRUE(helperBus && serviceBus);
-  FakeNotificationService service(*serviceBus);
-
-  ZonaraApplication application(RunLoop::main());
-  NotificationCenter center;
-  DBusDistributedNotificationCenter distributed(*helperBus);
-  DBusNameServer server(*helperBus, AppController::kServerName);
-  FreedesktopNotifier notifier(*helperBus, "Zonara");
-  SubprocessCommandRunner runner;
-  testing::FakeWorkspace workspace;
-  DateTzDatabase zones(tzFile.string());
-  CurlHttpFetcher fetcher;
-  testing::FakeLocationLibrary library;
-  LinuxReachability reachability;
-  std::unique_ptr<LocationSensing> sensing;
-
-  struct Forward final : LocationSource {
-    std::optional<double> currentLongitude() const override {
-      return sensing && *sensing ? (*sensing)->telluroSensor().currentLongitude() : std::nullopt;
-    }
-    std::optional<double> currentLatitude() const override {
-      return sensing && *sensing ? (*sensing)->telluroSensor().currentLatitude() : std::nullopt;
-    }
-    std::unique_ptr<LocationSensing>* sensing = nullptr;
-  } location;
-  location.sensing = &sensing;
-
-  AppController::Services services;
-  services.application = &application;
-  services.runLoop = &RunLoop::main();
-  services.notificationCenter = &center;
-  services.distributedCenter = &distributed;
-  services.server = &server;
-  services.commandRunner = &runner;
-  services.workspace = &workspace;
-  services.notifier = &notifier;
-  services.zones = &zones;
-  services.fetcher = &fetcher;
-  services.preferences = &prefs;
-  services.preferencesDirectory = (root / "config").string();
-  services.dataHome = (root / "data").string();
-  services.location = &location;
-  services.sensorAggregator = [&]() -> LocationTrigger* {
-    LocationSensing::Dependencies d;
-    d.library = &library;
-    d.reachability = &reachability;
-    d.fetcher = &fetcher;
-    d.center = &center;
-    d.dataFolder = (root / "data/Zonara").string();
-    d.settings = LocationSensingSettings::fromPreferences(prefs, "");
-    sensing = LocationSensing::create(d);
-    return &sensing->aggregator();
-  };
-  auto controller = AppController::create(services);
-  ASSERT_TRUE(controller);
-
-  // Twenty seconds of the helper's life.
-  for (int i = 0; i < 200; ++i) {
-    clock.advance(100ms);
-    (void)RunLoop::main().runUntil([] { return false; }, 2ms);
+// A helper wired to real services except the desktop (a stand-in
+// notification service on a private bus) and the positioning library (given
+// by each test). Its servers answer on the loopback interface: "/timezone"
+// with Europe/Paris, "/app/locate_my_ip" with `ipPage` (404 when empty), and
+// the positioning protocol's paths under "/wps2/" with Paris as well.
+class WholeRoadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) {
+      std::lock_guard<std::mutex> lock(logMu_);
+      log_.push_back(line);
+    });
+    root_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "config");
+    tzFile_ = root_ / "timezone";
+    std::ofstream(tzFile_) << "UTC\n";
+    http_.setHandler([this](const HttpRequest& r) {
+      const std::string path = r.path();
+      auto endsWith = [&](const std::string& tail) {
+        return path.size() >= tail.size() && path.compare(path.size() - tail.size(), tail.size(), tail) == 0;
+      };
+      if (path == "/app/locate_my_ip") return ipPage.empty() ? HttpResponse(404, "") : HttpResponse(200, ipPage);
+      if (path == "/timezone")
+        return HttpResponse(200,
+                            "<geonames><timezone><timezoneId>Europe/Paris</timezoneId><gmtOffset>1</gmtOffset>"
+                            "<dstOffset>2</dstOffset></timezone></geonames>");
+      if (endsWith("/registration")) return HttpResponse(200, "<RegistrationRS xmlns='http://telluro.example/wps/2005'/>");
+      if (endsWith("/tiling")) return HttpResponse(200, "<TilingRS xmlns='http://telluro.example/wps/2005'/>");
+      if (endsWith("/location"))
+        return HttpResponse(200,
+                            "<LocationRS xmlns='http://telluro.example/wps/2005' version='2.6'><location nap='3'>"
+                            "<latitude>48.8566</latitude><longitude>2.3522</longitude><hpe>40</hpe></location>"
+                            "</LocationRS>");
+      return HttpResponse(404, "");
+    });
+    prefs_ = std::make_unique<PreferencesDomain>(AppController::kServerName, (root_ / "config").string());
+    prefs_->setValue("TimezoneServiceURL", PrefValue::string(http_.url()));
+    prefs_->setValue("IPLocationURL", PrefValue::string(http_.url()));
+    prefs_->setValue("PositioningServerURL", PrefValue::string(http_.url() + "/wps2/"));
+    const std::string script = "printf '%s\\n' \"$1\" >> '" + (root_ / "commands").string() +
+                               "' && printf '%s\\n' \"$1\" > '" + tzFile_.string() + "'";
+    prefs_->setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/sh"), PrefValue::string("-c"),
+                                                             PrefValue::string(script), PrefValue::string("set")}));
+    ASSERT_TRUE(prefs_->synchronize());
   }
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return service.received.size() >= 2; }, 5s));
-  (void)RunLoop::main().runUntil([] { return false; }, 200ms);  // a wrong third message would be here by now
+  void TearDown() override { SetSystemLogSinkForTesting(nullptr); }
 
-  EXPECT_EQ(service.received, (std::vector<std::string>{"Zonara|Launched", "Zonara|Timezone changed to: Europe/Paris"}));
-  EXPECT_EQ(fileLines(root / "commands"), std::vector<std::string>{"Europe/Paris"});
-  ASSERT_TRUE(sensing);
-  EXPECT_DOUBLE_EQ(*sensing->telluroSensor().currentLatitude(), 48.8566);
-  EXPECT_GE(library.lookupCount(), 1u);  // the positioning library was asked first
-  bool askedForTheZone = false;
-  for (const HttpRequest& r : http.requests())
-    askedForTheZone = askedForTheZone || (r.path() == "/timezone" && r.query().find("lat=48.8566&lng=2.3522") == 0);
-  EXPECT_TRUE(askedForTheZone);
+  // Runs twenty seconds of the helper's life with `library`; lookups are
+  // let finish before virtual time moves on (they take no virtual time).
+  void run(LocationLibrary& library) {
+    VirtualClock clock(Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch()));
+    ScopedClock installed(clock);
+    testing::TestBus bus;
+    ASSERT_TRUE(bus.ok());
+    auto helperBus = DBusConnection::openAddress(bus.address(), nullptr);
+    auto serviceBus = DBusConnection::openAddress(bus.address(), nullptr);
+    ASSERT_TRUE(helperBus && serviceBus);
+    FakeNotificationService service(*serviceBus);
 
-  controller.reset();
-  sensing.reset();
-  SetSystemLogSinkForTesting(nullptr);
+    ZonaraApplication application(RunLoop::main());
+    NotificationCenter center;
+    DBusDistributedNotificationCenter distributed(*helperBus);
+    DBusNameServer server(*helperBus, AppController::kServerName);
+    FreedesktopNotifier notifier(*helperBus, "Zonara");
+    SubprocessCommandRunner runner;
+    testing::FakeWorkspace workspace;
+    DateTzDatabase zones(tzFile_.string());
+    CurlHttpFetcher fetcher;
+    testing::FakeReachability reachability;
+    std::unique_ptr<LocationSensing> sensing;
+
+    struct Forward final : LocationSource {
+      std::optional<double> currentLongitude() const override {
+        return *sensing ? (*sensing)->telluroSensor().currentLongitude() : std::nullopt;
+      }
+      std::optional<double> currentLatitude() const override {
+        return *sensing ? (*sensing)->telluroSensor().currentLatitude() : std::nullopt;
+      }
+      std::unique_ptr<LocationSensing>* sensing = nullptr;
+    } location;
+    location.sensing = &sensing;
+
+    AppController::Services services;
+    services.application = &application;
+    services.runLoop = &RunLoop::main();
+    services.notificationCenter = &center;
+    services.distributedCenter = &distributed;
+    services.server = &server;
+    services.commandRunner = &runner;
+    services.workspace = &workspace;
+    services.notifier = &notifier;
+    services.zones = &zones;
+    services.fetcher = &fetcher;
+    services.preferences = prefs_.get();
+    services.preferencesDirectory = (root_ / "config").string();
+    services.dataHome = (root_ / "data").string();
+    services.location = &location;
+    services.sensorAggregator = [&]() -> LocationTrigger* {
+      LocationSensing::Dependencies d;
+      d.library = &library;
+      d.reachability = &reachability;
+      d.fetcher = &fetcher;
+      d.center = &center;
+      d.dataFolder = (root_ / "data/Zonara").string();
+      d.settings = LocationSensingSettings::fromPreferences(*prefs_, "");
+      sensing = LocationSensing::create(d);
+      return &sensing->aggregator();
+    };
+    auto controller = AppController::create(services);
+    ASSERT_TRUE(controller);
+
+    for (int i = 0; i < 200; ++i) {
+      while (sensing && sensing->helper().lookupsRunning()) (void)RunLoop::main().runUntil([] { return false; }, 5ms);
+      clock.advance(100ms);
+      (void)RunLoop::main().runUntil([] { return false; }, 2ms);
+    }
+    ASSERT_TRUE(RunLoop::main().runUntil([&] { return service.received.size() >= 2; }, 5s));
+    (void)RunLoop::main().runUntil([] { return false; }, 200ms);  // a wrong third message would be here by now
+
+    received_ = service.received;
+    ASSERT_TRUE(sensing);
+    latitude_ = sensing->telluroSensor().currentLatitude();
+    controller.reset();
+    sensing.reset();
+  }
+
+  std::vector<std::string> commands() { return fileLines(root_ / "commands"); }
+  bool askedFor(const std::string& path) {
+    for (const HttpRequest& r : http_.requests())
+      if (r.path() == path) return true;
+    return false;
+  }
+  bool askedForTheZoneAtParis() {
+    for (const HttpRequest& r : http_.requests())
+      if (r.path() == "/timezone" && r.query().find("lat=48.8566") == 0 && r.query().find("&lng=2.3522") != std::string::npos)
+        return true;
+    return false;
+  }
+
+  fs::path root_, tzFile_;
+  std::string ipPage;
+  testing::HttpTestServer http_;
+  std::unique_ptr<PreferencesDomain> prefs_;
+  std::vector<std::string> received_;
+  std::optional<double> latitude_;
+  std::mutex logMu_;
+  std::vector<std::string> log_;
+};
+
+const std::vector<std::string> kExpectedNotifications = {"Zonara|Launched", "Zonara|Timezone changed to: Europe/Paris"};
+
+TEST_F(WholeRoadTest, WithoutAPositionFromTheLibraryTheIPLocationPageLeadsToParis) {
+  ipPage = "<table><tr><td>Latitude/Longitude</td><td class=output>48.8566/2.3522</td></tr>";
+  testing::FakeLocationLibrary library;  // finds nothing
+  run(library);
+  EXPECT_EQ(received_, kExpectedNotifications);
+  EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});
+  EXPECT_DOUBLE_EQ(latitude_.value_or(0), 48.8566);
+  EXPECT_GE(library.lookupCount(), 1u);  // the library was asked first
+  EXPECT_TRUE(askedForTheZoneAtParis());
 }
+
+#ifdef ZONARA_WITH_WPS_API
+// The real positioning library, scanning a scan file and asking the loopback
+// positioning server; the IP-location page is never needed.
+TEST_F(WholeRoadTest, PositioningLibraryWithAScanFileLeadsToParis) {
+  const fs::path scans = root_ / "scans.txt";
+  std::ofstream(scans) << "00:12:A3:B4:C5:D6 -60 6 -95 Home\n00:12:A3:B4:C5:D7 -70 11 0 Cafe\n";
+  setenv("WPS_SCAN_FILE", scans.c_str(), 1);
+  WPS::SPI::SimulatedClock libraryClock;  // the library's scan pauses pass at once
+  WPS::SPI::ScopedClock libraryClockInstalled(libraryClock);
+  WpsLocationLibrary::setServerURL(http_.url() + "/wps2/");
+  WpsLocationLibrary library;
+  run(library);
+  unsetenv("WPS_SCAN_FILE");
+  EXPECT_EQ(received_, kExpectedNotifications);
+  EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});
+  EXPECT_FLOAT_EQ(static_cast<float>(latitude_.value_or(0)), 48.8566f);
+  EXPECT_TRUE(askedFor("/wps2//registration"));
+  EXPECT_TRUE(askedFor("/wps2//location"));
+  EXPECT_FALSE(askedFor("/app/locate_my_ip"));
+  EXPECT_TRUE(askedForTheZoneAtParis());
+  // The account made on the first lookup is kept.
+  std::optional<std::string> user = GetTelluroUsername((root_ / "data/Zonara/Telluro.plist").string());
+  ASSERT_TRUE(user);
+  EXPECT_EQ(user->size(), 36u);
+}
+#endif
 
 }  // namespace
 }  // namespace zonara
