@@ -124,8 +124,14 @@ TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthO
     }
     return at(lon, lat, 2.35, 48.85);
   };
+  struct OpenAtEnd {
+    Gate& gate;
+    ~OpenAtEnd() { gate.open(); }  // a failed assertion must not leave the lookup blocked
+  } openAtEnd{slowFirst};
   const Clock::TimePoint start = clock_.now();
   sensor_->performLocationCheck();
+  // The quick lookup must be the one held at the gate.
+  ASSERT_TRUE(testing::pumpUntil([&] { return calls.load() == 1; }));
   testing::advanceMainLoop(clock_, 1000ms);  // the 1.0 s time-out fires
   ASSERT_TRUE(testing::pumpUntil([&] { return trigger_.count() == 1; }));
   {
