@@ -10,8 +10,14 @@
 
 #include "app/app_controller.h"
 #include "app/zonara_application.h"
+#include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
+#include "sensors/location_sensing.h"
+#include "wps/api/config.h"
 #include "wps/spi/logger.h"
+#ifdef ZONARA_WITH_WPS_API
+#include "sensors/wps_location_library.h"
+#endif
 
 using namespace zonara;
 
@@ -42,6 +48,37 @@ class NoBusServer final : public BusNameServer {
   bool start(const std::map<std::string, PropertyGetter>&) override { return false; }
   void propertiesChanged(const std::map<std::string, std::string>&, const std::vector<std::string>&) override {}
 };
+
+#ifndef ZONARA_WITH_WPS_API
+// This build has no positioning library: every lookup fails, so positions
+// come from the IP-location page alone.
+class NoLocationLibrary final : public LocationLibrary {
+ public:
+  WPS_ReturnCode registerUser(const WPS_SimpleAuthentication&, const WPS_SimpleAuthentication&) override {
+    return WPS_ERROR;
+  }
+  WPS_ReturnCode tiling(const std::string&, unsigned long, unsigned long) override { return WPS_ERROR; }
+  WPS_ReturnCode location(const WPS_SimpleAuthentication&, double*, double*) override { return WPS_ERROR; }
+};
+#endif
+
+// The positioning sensor's coordinates once sensing has started.
+class SensingLocation final : public LocationSource {
+ public:
+  std::optional<double> currentLongitude() const override {
+    return sensing ? sensing->telluroSensor().currentLongitude() : std::nullopt;
+  }
+  std::optional<double> currentLatitude() const override {
+    return sensing ? sensing->telluroSensor().currentLatitude() : std::nullopt;
+  }
+  LocationSensing* sensing = nullptr;
+};
+
+std::string dataFolder() {
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) return std::string(xdg) + "/Zonara";
+  const char* home = std::getenv("HOME");
+  return std::string(home ? home : "") + "/.local/share/Zonara";
+}
 
 }  // namespace
 
@@ -96,12 +133,68 @@ int main() {
   services.fetcher = &fetcher;
   services.preferences = &preferences;
   services.iconPath = iconPath();
-  // Location sensing plugs in here (services.location, services.sensorAggregator).
+
+  // Location sensing: made when the controller sets up its sensors.
+  const LocationSensingSettings settings =
+      LocationSensingSettings::fromPreferences(preferences, WPS::API::kDefaultServerUrl);
+#ifdef ZONARA_WITH_WPS_API
+  WpsLocationLibrary::setServerURL(settings.positioningServerURL);
+  WpsLocationLibrary library;
+#else
+  SystemLogAt(LogPriority::Warning, "built without the positioning library; only the IP-location page is used");
+  NoLocationLibrary library;
+#endif
+  LinuxReachability reachability;
+  if (const char* sysfs = std::getenv("ZONARA_SYSFS_ROOT"); sysfs && *sysfs) {
+    CSystemConfigurationMonitor::setStoreFactory(
+        [root = std::string(sysfs)] { return std::make_unique<NetlinkDynamicStore>(root); });
+  }
+  std::unique_ptr<LocationSensing> sensing;
+  SensingLocation location;
+  services.location = &location;
+  services.sensorAggregator = [&]() -> LocationTrigger* {
+    LocationSensing::Dependencies dependencies;
+    dependencies.library = &library;
+    dependencies.reachability = &reachability;
+    dependencies.fetcher = &fetcher;
+    dependencies.center = &NotificationCenter::defaultCenter();
+    dependencies.dataFolder = dataFolder();
+    dependencies.settings = settings;
+    try {
+      sensing = LocationSensing::create(dependencies);
+    } catch (const std::exception& e) {
+      // The network watcher could not start: the helper cannot do its job,
+      // so it ends (cleanly, through the run loop).
+      SystemLogAt(LogPriority::Error, "%s", e.what());
+      application.terminate();
+      return nullptr;
+    }
+    location.sensing = sensing.get();
+    return &sensing->aggregator();
+  };
+
+  // Sleep and wake, when logind is there to tell.
+  std::unique_ptr<DBusConnection> systemBus = LogindSleepWatcher::openSystemBus(&error);
+  std::unique_ptr<LogindSleepWatcher> sleepWatcher;
+  if (systemBus) {
+    sleepWatcher = std::make_unique<LogindSleepWatcher>(*systemBus, [&sensing](bool sleeping) {
+      if (!sensing) return;
+      if (sleeping) {
+        sensing->willSleep();
+      } else {
+        sensing->didWake();
+      }
+    });
+  }
 
   std::unique_ptr<AppController> controller = AppController::create(std::move(services));
   AppController::setAppController(controller.get());
   application.setDelegate(controller.get());
 
   application.run();
+  controller.reset();
+  sleepWatcher.reset();
+  location.sensing = nullptr;
+  sensing.reset();
   return 0;
 }

@@ -1,0 +1,107 @@
+#include "sensors/network_sensor.h"
+
+#include <cctype>
+
+#include "platform/clock.h"
+#include "platform/system_log.h"
+
+namespace zonara {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string describe(const PrefValue& value) {
+  switch (value.type()) {
+    case PrefValue::Type::String:
+      return value.asString();
+    case PrefValue::Type::Boolean:
+      return value.asBool() ? "1" : "0";
+    case PrefValue::Type::Integer:
+      return std::to_string(value.asInteger());
+    case PrefValue::Type::Real:
+      return std::to_string(value.asReal());
+    case PrefValue::Type::Data:
+      return "<data>";
+    case PrefValue::Type::Array: {
+      std::string out = "(";
+      for (size_t i = 0; i < value.asArray().size(); ++i) out += (i ? ", " : "") + describe(value.asArray()[i]);
+      return out + ")";
+    }
+    case PrefValue::Type::Dictionary:
+      return describeStoreValue(value.asDictionary());
+  }
+  return "";
+}
+
+// `text` with every "Link" (any case) replaced by "IPv4".
+std::string replaceLinkWithIPv4(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size();) {
+    if (i + 4 <= text.size() && std::tolower(static_cast<unsigned char>(text[i])) == 'l' &&
+        std::tolower(static_cast<unsigned char>(text[i + 1])) == 'i' &&
+        std::tolower(static_cast<unsigned char>(text[i + 2])) == 'n' &&
+        std::tolower(static_cast<unsigned char>(text[i + 3])) == 'k') {
+      out += "IPv4";
+      i += 4;
+    } else {
+      out += text[i++];
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string describeStoreValue(const std::optional<PrefValue::Dictionary>& value) {
+  if (!value) return "(null)";
+  std::string out = "{";
+  for (const auto& [key, item] : *value) out += key + " = " + describe(item) + "; ";
+  return out + "}";
+}
+
+NetworkSensor::NetworkSensor(std::shared_ptr<CSystemConfigurationMonitor> monitor, LocationCheck& check,
+                             NotificationCenter& center)
+    : monitor_(std::move(monitor)), check_(check), center_(center) {
+  for (const std::string& name : monitor_->interfaces()) {
+    const std::string airport = DynamicStore::interfaceEntityKey(name, "AirPort");
+    const std::string link = DynamicStore::interfaceEntityKey(name, "Link");
+    if (monitor_->valueForPattern(airport)) {
+      SystemLog("we found the airport network interface = %s", name.c_str());
+      airportInterface_ = name;
+      airportKey_ = airport;
+      airportLinkKey_ = link;
+      monitor_->notifyForPattern(airportKey_);
+      monitor_->notifyForPattern(airportLinkKey_);
+    } else if (monitor_->valueForPattern(link)) {
+      SystemLog("we found the ethernet network interface = %s", name.c_str());
+      ethernetInterface_ = name;
+      ethernetKey_ = link;
+      monitor_->notifyForPattern(ethernetKey_);
+      ethernetIPKey_ = replaceLinkWithIPv4(ethernetKey_);
+      monitor_->notifyForPattern(ethernetIPKey_);
+    }
+  }
+  observer_ = center_.addObserver(kSystemConfigurationMonitorNotification,
+                                  [this](const Notification& notification) { update(notification); });
+}
+
+NetworkSensor::~NetworkSensor() { center_.removeObserver(observer_); }
+
+void NetworkSensor::update(const Notification& notification) {
+  const std::vector<std::string> changed = CSystemConfigurationMonitor::changedKeysFromNotification(notification);
+  if (changed.empty()) return;
+  const std::string& key = changed.front();  // the others are ignored
+  const std::optional<PrefValue::Dictionary> value = monitor_->valueForPattern(key);
+  SystemLog("NetworkSensor change detected, path = %s, change = %s", key.c_str(), describeStoreValue(value).c_str());
+  if (airportKey_.empty() || key != airportKey_ || !value) return;
+  auto integer = [&](const char* name) -> int64_t {
+    auto it = value->find(name);
+    return it == value->end() ? 0 : it->second.asInteger();
+  };
+  if (integer("Power Status") != 0 && integer("Busy") == 0) {
+    Clock::get().sleepFor(1000ms);
+    check_.performLocationCheck();
+  }
+}
+
+}  // namespace zonara

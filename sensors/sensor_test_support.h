@@ -1,0 +1,130 @@
+// Doubles shared by the location-sensing tests.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/http_fetcher.h"
+#include "platform/run_loop.h"
+#include "sensors/reachability.h"
+#include "sensors/telluro_helper.h"
+
+namespace zonara::testing {
+
+// The positioning library as a script: `locate` answers location requests
+// (default: WPS_ERROR); every call is recorded.
+class FakeLocationLibrary final : public LocationLibrary {
+ public:
+  WPS_ReturnCode registerUser(const WPS_SimpleAuthentication& registrar,
+                              const WPS_SimpleAuthentication& user) override {
+    std::lock_guard<std::mutex> lock(mu);
+    registrations.push_back(std::string(registrar.username) + "@" + registrar.realm + " " + user.username + "@" +
+                            user.realm);
+    return registerResult;
+  }
+  WPS_ReturnCode tiling(const std::string& folder, unsigned long perSession, unsigned long total) override {
+    std::lock_guard<std::mutex> lock(mu);
+    tilings.push_back(folder + " " + std::to_string(perSession) + " " + std::to_string(total));
+    return tilingResult;
+  }
+  WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
+                          double* latitude) override {
+    std::function<WPS_ReturnCode(double*, double*)> script;
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      users.push_back(std::string(authentication.username) + "@" + authentication.realm);
+      lookupTimes.push_back(Clock::get().now());
+      script = locate;
+    }
+    return script ? script(longitude, latitude) : WPS_ERROR;
+  }
+  [[nodiscard]] size_t lookupCount() {
+    std::lock_guard<std::mutex> lock(mu);
+    return users.size();
+  }
+
+  std::mutex mu;
+  WPS_ReturnCode registerResult = WPS_OK;
+  WPS_ReturnCode tilingResult = WPS_OK;
+  std::function<WPS_ReturnCode(double*, double*)> locate;
+  std::vector<std::string> registrations;
+  std::vector<std::string> tilings;
+  std::vector<std::string> users;
+  std::vector<Clock::TimePoint> lookupTimes;
+};
+
+// A gate that lookups wait at until a test opens it.
+class Gate {
+ public:
+  void wait() {
+    std::unique_lock<std::mutex> lock(mu_);
+    cv_.wait(lock, [this] { return open_; });
+  }
+  void open() {
+    std::lock_guard<std::mutex> lock(mu_);
+    open_ = true;
+    cv_.notify_all();
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool open_ = false;
+};
+
+// Reachability as a test sets it; `fails` makes the check itself fail.
+class FakeReachability final : public Reachability {
+ public:
+  bool checkReachabilityByName(const std::string& host, uint32_t* out) override {
+    ++checks;
+    lastHost = host;
+    if (fails) return false;
+    *out = flags;
+    return true;
+  }
+  std::atomic<bool> fails{false};
+  std::atomic<uint32_t> flags{kReachable};
+  std::atomic<int> checks{0};
+  std::string lastHost;
+};
+
+// Pages as a test scripts them; records each request's URL and time-out.
+class FakeFetcher final : public HttpFetcher {
+ public:
+  std::optional<std::string> fetch(const std::string& url, std::chrono::milliseconds timeout) override {
+    std::lock_guard<std::mutex> lock(mu);
+    urls.push_back(url);
+    timeouts.push_back(timeout);
+    times.push_back(Clock::get().now());
+    return body;
+  }
+  std::mutex mu;
+  std::optional<std::string> body;
+  std::vector<std::string> urls;
+  std::vector<std::chrono::milliseconds> timeouts;
+  std::vector<Clock::TimePoint> times;
+};
+
+// Moves virtual time forward in steps of `step`, letting the main run loop
+// fire what became due after each step.
+inline void advanceMainLoop(VirtualClock& clock, std::chrono::milliseconds total,
+                            std::chrono::milliseconds step = std::chrono::milliseconds(100)) {
+  for (auto done = std::chrono::milliseconds(0); done < total; done += step) {
+    clock.advance(step);
+    while (RunLoop::main().runOnce()) {
+    }
+  }
+}
+
+// Runs the main loop (without moving virtual time) until `done` or 5 s.
+inline bool pumpUntil(const std::function<bool()>& done) {
+  return RunLoop::main().runUntil(done, std::chrono::seconds(5));
+}
+
+}  // namespace zonara::testing

@@ -1,0 +1,273 @@
+#include "sensors/telluro_sensor.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+
+#include "platform/run_loop.h"
+#include "platform/system_log.h"
+
+namespace zonara {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string numberText(std::optional<double> value) {
+  if (!value) return "(null)";
+  char text[64];
+  std::snprintf(text, sizeof text, "%.15g", *value);
+  return text;
+}
+
+}  // namespace
+
+TelluroSensor::TelluroSensor(TelluroHelper& helper, Reachability& reachability, HttpFetcher& fetcher,
+                             LocationTrigger& trigger, Config config)
+    : helper_(helper), reachability_(reachability), fetcher_(fetcher), trigger_(trigger), config_(std::move(config)) {
+  ready_ = true;
+  refreshLocation();
+}
+
+TelluroSensor::~TelluroSensor() {
+  shuttingDown_ = true;
+  ready_ = true;  // ends the connectivity wait; the give-up thread sees shuttingDown_
+  // Lookups still running may hand work to the main thread and wait for it:
+  // keep the main loop turning while they end.
+  for (;;) {
+    bool busy = helper_.lookupsRunning();
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      for (const Worker& w : workers_) busy = busy || !*w.done;
+    }
+    if (!busy) break;
+    if (RunLoop::isMainThread()) RunLoop::main().runOnce();
+    std::this_thread::sleep_for(1ms);
+  }
+  reapThreads(true);
+  helper_.waitForLookups();
+}
+
+TelluroHelper::Callback TelluroSensor::callbackTo(
+    void (TelluroSensor::*method)(const std::optional<TelluroLocation>&)) {
+  return [this, method](const std::optional<TelluroLocation>& location) {
+    if (!shuttingDown_) (this->*method)(location);
+  };
+}
+
+std::optional<double> TelluroSensor::currentLongitude() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return currentLongitude_;
+}
+
+std::optional<double> TelluroSensor::currentLatitude() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return currentLatitude_;
+}
+
+void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<double> latitude) {
+  std::lock_guard<std::mutex> lock(mu_);
+  currentLongitude_ = longitude;
+  currentLatitude_ = latitude;
+}
+
+void TelluroSensor::performLocationCheck() {
+  // The previous check must end first; simple polling by design.
+  while (!ready_) Clock::get().sleepFor(100ms);
+  ready_ = false;
+  helper_.reportCurrentLocationQuickly(callbackTo(&TelluroSensor::finishQuickLocationCheck));
+}
+
+void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation>& location) {
+  if (location) {
+    setPosition(location->longitude, location->latitude);
+    trigger_.triggerNotification();
+    ready_ = true;
+    return;
+  }
+  // Wait for the service to become reachable, giving up after 10 s.
+  // The give-up time counts from now, however late its thread starts.
+  const Clock::TimePoint giveUpAt = Clock::get().now() + 10000ms;
+  std::lock_guard<std::mutex> lock(mu_);
+  reapThreads(false);
+  std::function<void()> bodies[] = {[this] { waitForConnectivity(); }, [this, giveUpAt] { createTimer(giveUpAt); }};
+  for (std::function<void()>& body : bodies) {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    workers_.push_back(Worker{std::thread([body = std::move(body), done] {
+                                body();
+                                *done = true;
+                              }),
+                              done});
+  }
+}
+
+// Joins finished workers (all of them with `all`); callers hold mu_ unless
+// `all` is set.
+void TelluroSensor::reapThreads(bool all) {
+  for (auto it = workers_.begin(); it != workers_.end();) {
+    if (all || *it->done) {
+      if (it->thread.joinable()) it->thread.join();
+      it = workers_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+bool TelluroSensor::isConnected(uint32_t flags) {
+  return flags != 0 && (flags & (Reachability::kTransientConnection | Reachability::kConnectionRequired |
+                                 Reachability::kInterventionRequired)) == 0;
+}
+
+void TelluroSensor::waitForConnectivity() {
+  while (!ready_) {
+    uint32_t flags = 0;
+    if (!reachability_.checkReachabilityByName(config_.reachabilityHost, &flags)) {
+      Clock::get().sleepFor(500ms);
+      continue;
+    }
+    if (isConnected(flags)) {
+      Clock::get().sleepFor(200ms);
+      if (!shuttingDown_) fetchLocation();
+      ready_ = true;
+    }
+    // Not connected: ask again at once until connectivity comes or the
+    // give-up timer ends the wait.
+  }
+}
+
+void TelluroSensor::createTimer(Clock::TimePoint giveUpAt) {
+  RunLoop& loop = RunLoop::current();
+  RunLoop::TimerId timer = 0;
+  RunLoop::TimerId watch = 0;
+  timer = loop.addTimer(giveUpAt - Clock::get().now(), false, [this, &timer] {
+    // timeoutOccured: give up the wait without a lookup.
+    timer = 0;
+    ready_ = true;
+  });
+  watch = loop.addTimer(200ms, true, [this, &loop, &timer, &watch] {
+    // readyWatch: once the check has ended, both timers go.
+    if (!ready_) return;
+    loop.cancelTimer(watch);
+    if (timer) loop.cancelTimer(timer);
+    timer = 0;
+  });
+  (void)loop.runUntil([&] { return loop.timerCount() == 0 || shuttingDown_; }, std::chrono::hours(24));
+  loop.cancelTimer(watch);
+  if (timer) loop.cancelTimer(timer);
+}
+
+void TelluroSensor::fetchLocation() {
+  // Started on the connectivity-wait thread, whose run loop never runs: the
+  // 7.0 s time-out does not fire and the lookup alone delivers.
+  helper_.reportCurrentLocation(callbackTo(&TelluroSensor::finishFetch));
+}
+
+void TelluroSensor::finishFetch(const std::optional<TelluroLocation>& location) {
+  RunLoop::performOnMainThread([this, location] { triggerSensor(location); }, true);
+}
+
+void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location) {
+  if (location) {
+    setPosition(location->longitude, location->latitude);
+    SystemLog("setting current longitude to %s, latitude to %s", numberText(location->longitude).c_str(),
+              numberText(location->latitude).c_str());
+    trigger_.triggerNotification();
+    return;
+  }
+  setPosition(std::nullopt, std::nullopt);
+  (void)performIPLocationCheckAndTrigger(true);
+}
+
+void TelluroSensor::refreshLocation() {
+  // Only primes the resolver; the answer does not matter.
+  uint32_t flags = 0;
+  (void)reachability_.checkReachabilityByName(config_.reachabilityHost, &flags);
+  helper_.reportCurrentLocation(callbackTo(&TelluroSensor::finishRefresh));
+}
+
+void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location) {
+  if (location) {
+    setPosition(location->longitude, location->latitude);
+    return;
+  }
+  (void)performIPLocationCheckAndTrigger(false);
+}
+
+bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
+  SystemLog("performing ip location");
+  std::optional<std::string> body;
+  if (!config_.ipLocationURL.empty()) {
+    std::string base = config_.ipLocationURL;
+    while (!base.empty() && base.back() == '/') base.pop_back();
+    const std::string url = base + kIPLocationPath;
+    for (int attempt = 0; attempt < 10 && !body && !shuttingDown_; ++attempt) {
+      body = fetcher_.fetch(url, 10000ms);
+      if (!body) Clock::get().sleepFor(30000ms);
+    }
+  }
+  if (!body) return false;
+  std::optional<TelluroLocation> location = scrapeIPLocationPage(*body);
+  if (!location || shuttingDown_) return false;
+  if (trigger) {
+    RunLoop::performOnMainThread([this, location] { triggerSensor(location); }, true);
+  } else {
+    RunLoop::performOnMainThread([this, location] { finishRefresh(location); }, true);
+  }
+  return true;
+}
+
+std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::string& page) {
+  size_t at = page.find("Latitude/Longitude");
+  if (at == std::string::npos) return std::nullopt;
+  at = page.find("class=output", at);
+  if (at == std::string::npos) return std::nullopt;
+  at = page.find('>', at);
+  if (at == std::string::npos) return std::nullopt;
+  const char* start = page.c_str() + at + 1;
+  char* end = nullptr;
+  const double latitude = std::strtod(start, &end);
+  if (end == start) return std::nullopt;
+  const char* next = end;
+  while (*next == ' ' || *next == '\t' || *next == '\n' || *next == '\r') ++next;
+  if (*next == '/') ++next;
+  const double longitude = std::strtod(next, &end);
+  if (end == next) return std::nullopt;
+  return TelluroLocation{longitude, latitude};
+}
+
+TelluroStatus TelluroSensor::telluroStatus() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return TelluroStatus{currentLongitude_, currentLatitude_};
+}
+
+bool TelluroSensor::statusIsEqualToStatus(const TelluroStatus& other) const {
+  const TelluroStatus mine = telluroStatus();
+  if (!other.currentLongitude && !mine.currentLongitude) return true;
+  if (!other.currentLongitude || !mine.currentLongitude) return false;
+  const float distance = TelluroHelper::calculateDistanceFrom(
+      static_cast<float>(*mine.currentLongitude), static_cast<float>(mine.currentLatitude.value_or(NAN)),
+      static_cast<float>(*other.currentLongitude), static_cast<float>(other.currentLatitude.value_or(NAN)));
+  return distance < 0.01f;  // NaN compares unequal
+}
+
+void TelluroSensor::willSleep() {
+  std::lock_guard<std::mutex> lock(mu_);
+  sleepDate_ = Clock::get().wallNow();
+}
+
+void TelluroSensor::didWake() {
+  std::optional<Clock::WallTime> slept;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    slept = sleepDate_;
+    sleepDate_.reset();
+  }
+  if (!slept) return;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::get().wallNow() - *slept).count();
+  if (seconds / 60 > 2) {
+    SystemLog("clearing Telluro currentLongitutde/currentLatitude because it's been more than 2 minutes since sleep occured");
+    setPosition(std::nullopt, std::nullopt);
+  }
+}
+
+}  // namespace zonara

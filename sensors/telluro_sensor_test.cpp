@@ -1,0 +1,279 @@
+#include "sensors/telluro_sensor.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "platform/system_log.h"
+#include "sensors/sensor_test_support.h"
+
+namespace zonara {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::FakeFetcher;
+using testing::FakeLocationLibrary;
+using testing::FakeReachability;
+using testing::Gate;
+
+// Counts triggers with the virtual time of each.
+class RecordingTrigger final : public LocationTrigger {
+ public:
+  void triggerNotification() override {
+    std::lock_guard<std::mutex> lock(mu);
+    times.push_back(Clock::get().now());
+  }
+  size_t count() {
+    std::lock_guard<std::mutex> lock(mu);
+    return times.size();
+  }
+  std::mutex mu;
+  std::vector<Clock::TimePoint> times;
+};
+
+WPS_ReturnCode at(double* lon, double* lat, double x, double y) {
+  *lon = x;
+  *lat = y;
+  return WPS_OK;
+}
+
+class TelluroSensorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = std::string(std::getenv("ZONARA_TEST_TMPDIR")) + "/" +
+              ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::filesystem::remove_all(folder_);
+    std::filesystem::create_directories(folder_);
+    SetTelluroUsername(folder_ + "/Telluro.plist", "user");
+    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) {
+      std::lock_guard<std::mutex> lock(logMu_);
+      log_.push_back(line);
+    });
+    helper_ = std::make_unique<TelluroHelper>(library_, folder_);
+  }
+  void TearDown() override {
+    sensor_.reset();
+    helper_.reset();
+    // Time-out timers of finished lookups are no-ops; let them go.
+    (void)RunLoop::main().runUntilNoTimers(1h);
+    SetSystemLogSinkForTesting(nullptr);
+  }
+
+  // Makes the sensor and lets its silent refresh (no position, no page) end.
+  void makeSensor(std::string ipLocationURL = "") {
+    sensor_ = std::make_unique<TelluroSensor>(*helper_, reachability_, fetcher_, trigger_,
+                                              TelluroSensor::Config{"positioning.test", std::move(ipLocationURL)});
+    helper_->waitForLookups();
+    std::lock_guard<std::mutex> lock(library_.mu);
+    library_.users.clear();
+    library_.lookupTimes.clear();
+    std::lock_guard<std::mutex> pages(fetcher_.mu);
+    fetcher_.urls.clear();
+    fetcher_.timeouts.clear();
+    fetcher_.times.clear();
+  }
+
+  bool logged(const std::string& line) {
+    std::lock_guard<std::mutex> lock(logMu_);
+    return std::find(log_.begin(), log_.end(), line) != log_.end();
+  }
+
+  VirtualClock clock_;
+  ScopedClock installed_{clock_};
+  std::string folder_;
+  FakeLocationLibrary library_;
+  FakeReachability reachability_;
+  FakeFetcher fetcher_;
+  RecordingTrigger trigger_;
+  std::unique_ptr<TelluroHelper> helper_;
+  std::unique_ptr<TelluroSensor> sensor_;
+  std::mutex logMu_;
+  std::vector<std::string> log_;
+};
+
+TEST_F(TelluroSensorTest, StartsWithASilentRefreshThatStoresWithoutTriggering) {
+  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  makeSensor();
+  EXPECT_EQ(reachability_.lastHost, "positioning.test");
+  EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
+  EXPECT_FLOAT_EQ(*sensor_->currentLatitude(), 48.85f);
+  EXPECT_EQ(trigger_.count(), 0u);
+  EXPECT_TRUE(sensor_->ready());
+}
+
+TEST_F(TelluroSensorTest, QuickCheckFoundInUnderASecondStoresAndTriggersOnce) {
+  makeSensor();
+  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  sensor_->performLocationCheck();
+  helper_->waitForLookups();
+  testing::advanceMainLoop(clock_, 2000ms);
+  EXPECT_EQ(trigger_.count(), 1u);
+  EXPECT_TRUE(sensor_->ready());
+  EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
+  EXPECT_EQ(library_.lookupCount(), 1u);
+}
+
+TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthOfASecond) {
+  makeSensor();
+  Gate slowFirst;
+  std::atomic<int> calls{0};
+  library_.locate = [&](double* lon, double* lat) {
+    if (++calls == 1) {
+      slowFirst.wait();
+      return at(lon, lat, 100, 10);
+    }
+    return at(lon, lat, 2.35, 48.85);
+  };
+  struct OpenAtEnd {
+    Gate& gate;
+    ~OpenAtEnd() { gate.open(); }  // a failed assertion must not leave the lookup blocked
+  } openAtEnd{slowFirst};
+  const Clock::TimePoint start = clock_.now();
+  sensor_->performLocationCheck();
+  // The quick lookup must be the one held at the gate.
+  ASSERT_TRUE(testing::pumpUntil([&] { return calls.load() == 1; }));
+  testing::advanceMainLoop(clock_, 1000ms);  // the 1.0 s time-out fires
+  ASSERT_TRUE(testing::pumpUntil([&] { return trigger_.count() == 1; }));
+  {
+    std::lock_guard<std::mutex> lock(library_.mu);
+    ASSERT_EQ(library_.lookupTimes.size(), 2u);
+    EXPECT_EQ(library_.lookupTimes[1] - start, 1200ms);
+  }
+  EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
+  EXPECT_TRUE(logged("setting current longitude to 2.34999990463257, latitude to 48.8499984741211"));
+  // The first lookup's late answer is dropped, and the second lookup's 7.0 s
+  // time-out (on a thread that never ran its loop) never fires.
+  slowFirst.open();
+  helper_->waitForLookups();
+  testing::advanceMainLoop(clock_, 10000ms);
+  EXPECT_EQ(trigger_.count(), 1u);
+  EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
+  EXPECT_EQ(library_.lookupCount(), 2u);
+  EXPECT_EQ(fetcher_.urls.size(), 0u);
+}
+
+TEST_F(TelluroSensorTest, NetworkDownForFifteenSecondsGivesUpWithoutALookup) {
+  makeSensor();
+  reachability_.flags = Reachability::kReachable | Reachability::kConnectionRequired;
+  sensor_->performLocationCheck();  // fails at once: the wait starts
+  helper_->waitForLookups();
+  testing::advanceMainLoop(clock_, 9800ms);
+  EXPECT_FALSE(sensor_->ready());
+  testing::advanceMainLoop(clock_, 5200ms);
+  ASSERT_TRUE(testing::pumpUntil([&] { return sensor_->ready(); }));
+  EXPECT_EQ(library_.lookupCount(), 1u);
+  EXPECT_EQ(trigger_.count(), 0u);
+}
+
+TEST_F(TelluroSensorTest, FailedReachabilityChecksAreRetriedHalfASecondApart) {
+  makeSensor();
+  reachability_.fails = true;
+  sensor_->performLocationCheck();
+  helper_->waitForLookups();
+  // The failing checks sleep 0.5 s each, which moves virtual time towards
+  // the give-up timer by itself; no lookup follows.
+  ASSERT_TRUE(testing::pumpUntil([&] { return sensor_->ready(); }));
+  EXPECT_GE(reachability_.checks, 1);
+  EXPECT_EQ(library_.lookupCount(), 1u);
+}
+
+TEST_F(TelluroSensorTest, FailedLookupFallsBackToTheIPLocationPage) {
+  makeSensor("http://iplocation.test/");
+  fetcher_.body = "<html><tr><td>Latitude/Longitude:</td>\n<td class=output align=left>45.5/-73.6</td></tr>";
+  sensor_->triggerSensor(std::nullopt);
+  EXPECT_TRUE(logged("performing ip location"));
+  ASSERT_EQ(fetcher_.urls.size(), 1u);
+  EXPECT_EQ(fetcher_.urls[0], "http://iplocation.test/app/locate_my_ip");
+  EXPECT_EQ(fetcher_.timeouts[0], 10000ms);
+  EXPECT_DOUBLE_EQ(*sensor_->currentLongitude(), -73.6);
+  EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 45.5);
+  EXPECT_EQ(trigger_.count(), 1u);
+}
+
+TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecondsApart) {
+  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  makeSensor("http://iplocation.test");
+  ASSERT_TRUE(sensor_->currentLongitude());
+  sensor_->triggerSensor(std::nullopt);
+  EXPECT_FALSE(sensor_->currentLongitude());
+  EXPECT_FALSE(sensor_->currentLatitude());
+  EXPECT_EQ(trigger_.count(), 0u);
+  ASSERT_EQ(fetcher_.times.size(), 10u);
+  for (size_t i = 1; i < fetcher_.times.size(); ++i) EXPECT_EQ(fetcher_.times[i] - fetcher_.times[i - 1], 30000ms);
+
+  // A page without the expected text gives nothing either.
+  fetcher_.body = "<html>nothing here</html>";
+  EXPECT_FALSE(sensor_->performIPLocationCheckAndTrigger(true));
+  EXPECT_FALSE(sensor_->currentLongitude());
+}
+
+TEST(TelluroSensorScrape, ReadsLatitudeThenLongitude) {
+  struct Case {
+    const char* page;
+    std::optional<std::pair<double, double>> lonLat;
+  } cases[] = {
+      {"Latitude/Longitude x class=output y>45.5/-73.6<", std::make_pair(-73.6, 45.5)},
+      {"Latitude/Longitude<td class=output> 45.5 / -73.6", std::make_pair(-73.6, 45.5)},
+      {"Latitude/Longitude class=output>-33.9 151.2", std::make_pair(151.2, -33.9)},
+      {"class=output>45.5/-73.6 Latitude/Longitude", std::nullopt},
+      {"Latitude/Longitude>45.5/-73.6", std::nullopt},
+      {"Latitude/Longitude class=output 45.5/-73.6", std::nullopt},
+      {"Latitude/Longitude class=output>n/a", std::nullopt},
+      {"Latitude/Longitude class=output>45.5/", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    std::optional<TelluroLocation> got = TelluroSensor::scrapeIPLocationPage(c.page);
+    ASSERT_EQ(got.has_value(), c.lonLat.has_value()) << c.page;
+    if (got) {
+      EXPECT_DOUBLE_EQ(got->longitude, c.lonLat->first) << c.page;
+      EXPECT_DOUBLE_EQ(got->latitude, c.lonLat->second) << c.page;
+    }
+  }
+}
+
+TEST(TelluroSensorFlags, ConnectedWithoutTransientRequiredOrIntervention) {
+  struct Case {
+    uint32_t flags;
+    bool connected;
+  } cases[] = {{0, false}, {2, true}, {2 | 1, false}, {2 | 4, false}, {2 | 16, false}, {8, true}, {32 | 2, true}};
+  for (const Case& c : cases) EXPECT_EQ(TelluroSensor::isConnected(c.flags), c.connected) << c.flags;
+}
+
+TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePosition) {
+  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  makeSensor();
+  struct Case {
+    std::chrono::milliseconds slept;
+    bool kept;
+  } cases[] = {{179000ms, true}, {180000ms, false}};
+  for (const Case& c : cases) {
+    sensor_->triggerSensor(TelluroLocation{2.35, 48.85});
+    sensor_->willSleep();
+    clock_.advance(c.slept);
+    sensor_->didWake();
+    EXPECT_EQ(sensor_->currentLongitude().has_value(), c.kept) << c.slept.count();
+  }
+  EXPECT_TRUE(logged("clearing Telluro currentLongitutde/currentLatitude because it's been more than 2 minutes "
+                     "since sleep occured"));
+  // A wake without a sleep changes nothing.
+  sensor_->triggerSensor(TelluroLocation{2.35, 48.85});
+  clock_.advance(600000ms);
+  sensor_->didWake();
+  EXPECT_TRUE(sensor_->currentLongitude());
+}
+
+TEST_F(TelluroSensorTest, StatusComparison) {
+  makeSensor();
+  const TelluroStatus none{};
+  EXPECT_TRUE(sensor_->statusIsEqualToStatus(none));
+  EXPECT_FALSE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0, 20.0}));
+  sensor_->triggerSensor(TelluroLocation{10.0, 20.0});
+  EXPECT_FALSE(sensor_->statusIsEqualToStatus(none));
+  EXPECT_TRUE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0 + 0.005 / 111.0, 20.0}));
+  EXPECT_FALSE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0 + 0.02 / 111.0, 20.0}));
+  EXPECT_FALSE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0, std::nullopt}));  // NaN distance
+}
+
+}  // namespace
+}  // namespace zonara

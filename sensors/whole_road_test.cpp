@@ -1,0 +1,273 @@
+// The helper's whole road in one process: the controller with its real
+// services on a private session bus (with a stand-in desktop notification
+// service), location sensing over the real network watcher, a loopback
+// IP-location page and time-zone service, and a set-time-zone command that
+// records what it is asked -- in virtual time.
+#include <date/date.h>
+#include <gio/gio.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "app/app_controller.h"
+#include "app/zonara_application.h"
+#include "platform/system_log.h"
+#include "platform/testing/http_test_server.h"
+#include "platform/testing/fakes.h"
+#include "platform/testing/test_bus.h"
+#include "sensors/location_sensing.h"
+#include "sensors/sensor_test_support.h"
+#ifdef ZONARA_WITH_WPS_API
+#include "sensors/wps_location_library.h"
+#include "wps/spi/simulated_clock.h"
+#endif
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace zonara {
+namespace {
+
+using testing::HttpRequest;
+using testing::HttpResponse;
+
+// org.freedesktop.Notifications on the bus, recording "summary|body".
+class FakeNotificationService {
+ public:
+  explicit FakeNotificationService(DBusConnection& bus) : bus_(bus) {
+    static const char* xml =
+        "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
+        "<arg type='s' direction='in'/><arg type='u' direction='in'/><arg type='s' direction='in'/>"
+        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
+        "<arg type='a{sv}' direction='in'/><arg type='i' direction='in'/><arg type='u' direction='out'/>"
+        "</method></interface></node>";
+    node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
+    static const GDBusInterfaceVTable vtable = {
+        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
+           GDBusMethodInvocation* invocation, gpointer data) {
+          const gchar *app, *icon, *summary, *body;
+          guint32 replaces;
+          gint32 timeout;
+          g_variant_get(p, "(&su&s&s&s^a&s@a{sv}i)", &app, &replaces, &icon, &summary, &body, nullptr, nullptr,
+                        &timeout);
+          static_cast<FakeNotificationService*>(data)->received.push_back(std::string(summary) + "|" + body);
+          g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 1u));
+        },
+        nullptr, nullptr, {nullptr}};
+    g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications", node_->interfaces[0], &vtable,
+                                      this, nullptr, nullptr);
+    GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                              "org.freedesktop.DBus", "RequestName",
+                                              g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
+                                              G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    if (r) g_variant_unref(r);
+  }
+  ~FakeNotificationService() { g_dbus_node_info_unref(node_); }
+  std::vector<std::string> received;
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+};
+
+std::vector<std::string> fileLines(const fs::path& p) {
+  std::ifstream in(p);
+  std::vector<std::string> out;
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+// A helper wired to real services except the desktop (a stand-in
+// notification service on a private bus) and the positioning library (given
+// by each test). Its servers answer on the loopback interface: "/timezone"
+// with Europe/Paris, "/app/locate_my_ip" with `ipPage` (404 when empty), and
+// the positioning protocol's paths under "/wps2/" with Paris as well.
+class WholeRoadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) {
+      std::lock_guard<std::mutex> lock(logMu_);
+      log_.push_back(line);
+    });
+    root_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "config");
+    tzFile_ = root_ / "timezone";
+    std::ofstream(tzFile_) << "UTC\n";
+    http_.setHandler([this](const HttpRequest& r) {
+      const std::string path = r.path();
+      auto endsWith = [&](const std::string& tail) {
+        return path.size() >= tail.size() && path.compare(path.size() - tail.size(), tail.size(), tail) == 0;
+      };
+      if (path == "/app/locate_my_ip") return ipPage.empty() ? HttpResponse(404, "") : HttpResponse(200, ipPage);
+      if (path == "/timezone")
+        return HttpResponse(200,
+                            "<geonames><timezone><timezoneId>Europe/Paris</timezoneId><gmtOffset>1</gmtOffset>"
+                            "<dstOffset>2</dstOffset></timezone></geonames>");
+      if (endsWith("/registration")) return HttpResponse(200, "<RegistrationRS xmlns='http://telluro.example/wps/2005'/>");
+      if (endsWith("/tiling")) return HttpResponse(200, "<TilingRS xmlns='http://telluro.example/wps/2005'/>");
+      if (endsWith("/location"))
+        return HttpResponse(200,
+                            "<LocationRS xmlns='http://telluro.example/wps/2005' version='2.6'><location nap='3'>"
+                            "<latitude>48.8566</latitude><longitude>2.3522</longitude><hpe>40</hpe></location>"
+                            "</LocationRS>");
+      return HttpResponse(404, "");
+    });
+    prefs_ = std::make_unique<PreferencesDomain>(AppController::kServerName, (root_ / "config").string());
+    prefs_->setValue("TimezoneServiceURL", PrefValue::string(http_.url()));
+    prefs_->setValue("IPLocationURL", PrefValue::string(http_.url()));
+    prefs_->setValue("PositioningServerURL", PrefValue::string(http_.url() + "/wps2/"));
+    const std::string script = "printf '%s\\n' \"$1\" >> '" + (root_ / "commands").string() +
+                               "' && printf '%s\\n' \"$1\" > '" + tzFile_.string() + "'";
+    prefs_->setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/sh"), PrefValue::string("-c"),
+                                                             PrefValue::string(script), PrefValue::string("set")}));
+    ASSERT_TRUE(prefs_->synchronize());
+  }
+  void TearDown() override { SetSystemLogSinkForTesting(nullptr); }
+
+  // Runs twenty seconds of the helper's life with `library`; lookups are
+  // let finish before virtual time moves on (they take no virtual time).
+  void run(LocationLibrary& library) {
+    VirtualClock clock(Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch()));
+    ScopedClock installed(clock);
+    testing::TestBus bus;
+    ASSERT_TRUE(bus.ok());
+    auto helperBus = DBusConnection::openAddress(bus.address(), nullptr);
+    auto serviceBus = DBusConnection::openAddress(bus.address(), nullptr);
+    ASSERT_TRUE(helperBus && serviceBus);
+    FakeNotificationService service(*serviceBus);
+
+    ZonaraApplication application(RunLoop::main());
+    NotificationCenter center;
+    DBusDistributedNotificationCenter distributed(*helperBus);
+    DBusNameServer server(*helperBus, AppController::kServerName);
+    FreedesktopNotifier notifier(*helperBus, "Zonara");
+    SubprocessCommandRunner runner;
+    testing::FakeWorkspace workspace;
+    DateTzDatabase zones(tzFile_.string());
+    CurlHttpFetcher fetcher;
+    testing::FakeReachability reachability;
+    std::unique_ptr<LocationSensing> sensing;
+
+    struct Forward final : LocationSource {
+      std::optional<double> currentLongitude() const override {
+        return *sensing ? (*sensing)->telluroSensor().currentLongitude() : std::nullopt;
+      }
+      std::optional<double> currentLatitude() const override {
+        return *sensing ? (*sensing)->telluroSensor().currentLatitude() : std::nullopt;
+      }
+      std::unique_ptr<LocationSensing>* sensing = nullptr;
+    } location;
+    location.sensing = &sensing;
+
+    AppController::Services services;
+    services.application = &application;
+    services.runLoop = &RunLoop::main();
+    services.notificationCenter = &center;
+    services.distributedCenter = &distributed;
+    services.server = &server;
+    services.commandRunner = &runner;
+    services.workspace = &workspace;
+    services.notifier = &notifier;
+    services.zones = &zones;
+    services.fetcher = &fetcher;
+    services.preferences = prefs_.get();
+    services.preferencesDirectory = (root_ / "config").string();
+    services.dataHome = (root_ / "data").string();
+    services.location = &location;
+    services.sensorAggregator = [&]() -> LocationTrigger* {
+      LocationSensing::Dependencies d;
+      d.library = &library;
+      d.reachability = &reachability;
+      d.fetcher = &fetcher;
+      d.center = &center;
+      d.dataFolder = (root_ / "data/Zonara").string();
+      d.settings = LocationSensingSettings::fromPreferences(*prefs_, "");
+      sensing = LocationSensing::create(d);
+      return &sensing->aggregator();
+    };
+    auto controller = AppController::create(services);
+    ASSERT_TRUE(controller);
+
+    for (int i = 0; i < 200; ++i) {
+      while (sensing && sensing->helper().lookupsRunning()) (void)RunLoop::main().runUntil([] { return false; }, 5ms);
+      clock.advance(100ms);
+      (void)RunLoop::main().runUntil([] { return false; }, 2ms);
+    }
+    ASSERT_TRUE(RunLoop::main().runUntil([&] { return service.received.size() >= 2; }, 5s));
+    (void)RunLoop::main().runUntil([] { return false; }, 200ms);  // a wrong third message would be here by now
+
+    received_ = service.received;
+    ASSERT_TRUE(sensing);
+    latitude_ = sensing->telluroSensor().currentLatitude();
+    controller.reset();
+    sensing.reset();
+  }
+
+  std::vector<std::string> commands() { return fileLines(root_ / "commands"); }
+  bool askedFor(const std::string& path) {
+    for (const HttpRequest& r : http_.requests())
+      if (r.path() == path) return true;
+    return false;
+  }
+  bool askedForTheZoneAtParis() {
+    for (const HttpRequest& r : http_.requests())
+      if (r.path() == "/timezone" && r.query().find("lat=48.8566") == 0 && r.query().find("&lng=2.3522") != std::string::npos)
+        return true;
+    return false;
+  }
+
+  fs::path root_, tzFile_;
+  std::string ipPage;
+  testing::HttpTestServer http_;
+  std::unique_ptr<PreferencesDomain> prefs_;
+  std::vector<std::string> received_;
+  std::optional<double> latitude_;
+  std::mutex logMu_;
+  std::vector<std::string> log_;
+};
+
+const std::vector<std::string> kExpectedNotifications = {"Zonara|Launched", "Zonara|Timezone changed to: Europe/Paris"};
+
+TEST_F(WholeRoadTest, WithoutAPositionFromTheLibraryTheIPLocationPageLeadsToParis) {
+  ipPage = "<table><tr><td>Latitude/Longitude</td><td class=output>48.8566/2.3522</td></tr>";
+  testing::FakeLocationLibrary library;  // finds nothing
+  run(library);
+  EXPECT_EQ(received_, kExpectedNotifications);
+  EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});
+  EXPECT_DOUBLE_EQ(latitude_.value_or(0), 48.8566);
+  EXPECT_GE(library.lookupCount(), 1u);  // the library was asked first
+  EXPECT_TRUE(askedForTheZoneAtParis());
+}
+
+#ifdef ZONARA_WITH_WPS_API
+// The real positioning library, scanning a scan file and asking the loopback
+// positioning server; the IP-location page is never needed.
+TEST_F(WholeRoadTest, PositioningLibraryWithAScanFileLeadsToParis) {
+  const fs::path scans = root_ / "scans.txt";
+  std::ofstream(scans) << "00:12:A3:B4:C5:D6 -60 6 -95 Home\n00:12:A3:B4:C5:D7 -70 11 0 Cafe\n";
+  setenv("WPS_SCAN_FILE", scans.c_str(), 1);
+  WPS::SPI::SimulatedClock libraryClock;  // the library's scan pauses pass at once
+  WPS::SPI::ScopedClock libraryClockInstalled(libraryClock);
+  WpsLocationLibrary::setServerURL(http_.url() + "/wps2/");
+  WpsLocationLibrary library;
+  run(library);
+  unsetenv("WPS_SCAN_FILE");
+  EXPECT_EQ(received_, kExpectedNotifications);
+  EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});
+  EXPECT_FLOAT_EQ(static_cast<float>(latitude_.value_or(0)), 48.8566f);
+  EXPECT_TRUE(askedFor("/wps2//registration"));
+  EXPECT_TRUE(askedFor("/wps2//location"));
+  EXPECT_FALSE(askedFor("/app/locate_my_ip"));
+  EXPECT_TRUE(askedForTheZoneAtParis());
+  // The account made on the first lookup is kept.
+  std::optional<std::string> user = GetTelluroUsername((root_ / "data/Zonara/Telluro.plist").string());
+  ASSERT_TRUE(user);
+  EXPECT_EQ(user->size(), 36u);
+}
+#endif
+
+}  // namespace
+}  // namespace zonara

@@ -1,0 +1,26 @@
+// The lookup wrapper's view of the positioning library, through its public
+// WPS_ functions.
+//
+// Thread safety: any thread (the library serialises its calls).
+#pragma once
+
+#include <string>
+
+#include "sensors/telluro_helper.h"
+
+namespace zonara {
+
+class WpsLocationLibrary final : public LocationLibrary {
+ public:
+  [[nodiscard]] WPS_ReturnCode registerUser(const WPS_SimpleAuthentication& registrar,
+                                            const WPS_SimpleAuthentication& user) override;
+  [[nodiscard]] WPS_ReturnCode tiling(const std::string& folder, unsigned long perSession,
+                                      unsigned long total) override;
+  // No street address is asked for; the library's record is freed here.
+  [[nodiscard]] WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
+                                        double* latitude) override;
+  // Points the library at `url` ("" leaves its default).
+  static void setServerURL(const std::string& url);
+};
+
+}  // namespace zonara
