@@ -28,6 +28,7 @@ namespace {
 using testing::HttpRequest;
 using testing::HttpResponse;
 using testing::HttpTestServer;
+using testing::FakeNotificationService;
 using testing::FakeWorkspace;
 
 std::string readFile(const fs::path& p) {
@@ -373,51 +374,6 @@ TEST_F(AppControllerTest, MemoryIsResetEveryThirtySecondsWhileTheApplicationRuns
 // On a private session bus: the real name server, distributed notifications
 // and a fake desktop notification service.
 
-class FakeNotificationService {
- public:
-  explicit FakeNotificationService(DBusConnection& bus) : bus_(bus) {
-    static const char* xml =
-        "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
-        "<arg type='s' direction='in'/><arg type='u' direction='in'/><arg type='s' direction='in'/>"
-        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
-        "<arg type='a{sv}' direction='in'/><arg type='i' direction='in'/><arg type='u' direction='out'/>"
-        "</method></interface></node>";
-    node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
-    static const GDBusInterfaceVTable vtable = {
-        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
-           GDBusMethodInvocation* invocation, gpointer data) {
-          auto* self = static_cast<FakeNotificationService*>(data);
-          const gchar *app, *icon, *summary, *body;
-          guint32 replaces;
-          GVariant* hints;
-          gint32 timeout;
-          g_variant_get(p, "(&su&s&s&s^a&s@a{sv}i)", &app, &replaces, &icon, &summary, &body, nullptr, &hints, &timeout);
-          std::string name;
-          if (GVariant* v = g_variant_lookup_value(hints, "x-zonara-notification-name", G_VARIANT_TYPE_STRING)) {
-            name = g_variant_get_string(v, nullptr);
-            g_variant_unref(v);
-          }
-          g_variant_unref(hints);
-          self->received.push_back(std::string(app) + "|" + summary + "|" + body + "|" + name + "|" +
-                                   fs::path(icon).filename().string());
-          g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 1u));
-        },
-        nullptr, nullptr, {nullptr}};
-    g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications", node_->interfaces[0], &vtable,
-                                      this, nullptr, nullptr);
-    GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                              "org.freedesktop.DBus", "RequestName",
-                                              g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
-                                              G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (r) g_variant_unref(r);
-  }
-  ~FakeNotificationService() { g_dbus_node_info_unref(node_); }
-  std::vector<std::string> received;
-
- private:
-  DBusConnection& bus_;
-  GDBusNodeInfo* node_;
-};
 
 std::string readProperty(const std::string& address, const std::string& property) {
   auto c = DBusConnection::openAddress(address, nullptr);
@@ -517,8 +473,13 @@ TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties)
   center_.post(AppController::kSensorNotification);  // applied
   center_.post(AppController::kSensorNotification);  // confirmed
   ASSERT_TRUE(loop.runUntil([&] { return service.received.size() >= 2; }, 5s));
+  std::vector<std::string> received;
+  for (const auto& n : service.received) {
+    received.push_back(n.app + "|" + n.summary + "|" + n.body + "|" + n.name + "|" +
+                       fs::path(n.icon).filename().string());
+  }
   loop.runUntil([] { return false; }, 200ms);  // a wrong third message would arrive by now
-  EXPECT_EQ(service.received, (std::vector<std::string>{"Zonara|Zonara|Launched|Zonara Launched|Zonara.png",
+  EXPECT_EQ(received, (std::vector<std::string>{"Zonara|Zonara|Launched|Zonara Launched|Zonara.png",
                                                         "Zonara|Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png"}));
 
   std::string zone, where;

@@ -32,45 +32,8 @@ namespace {
 
 using testing::HttpRequest;
 using testing::HttpResponse;
+using testing::FakeNotificationService;
 
-// org.freedesktop.Notifications on the bus, recording "summary|body".
-class FakeNotificationService {
- public:
-  explicit FakeNotificationService(DBusConnection& bus) : bus_(bus) {
-    static const char* xml =
-        "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
-        "<arg type='s' direction='in'/><arg type='u' direction='in'/><arg type='s' direction='in'/>"
-        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
-        "<arg type='a{sv}' direction='in'/><arg type='i' direction='in'/><arg type='u' direction='out'/>"
-        "</method></interface></node>";
-    node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
-    static const GDBusInterfaceVTable vtable = {
-        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
-           GDBusMethodInvocation* invocation, gpointer data) {
-          const gchar *app, *icon, *summary, *body;
-          guint32 replaces;
-          gint32 timeout;
-          g_variant_get(p, "(&su&s&s&s^a&s@a{sv}i)", &app, &replaces, &icon, &summary, &body, nullptr, nullptr,
-                        &timeout);
-          static_cast<FakeNotificationService*>(data)->received.push_back(std::string(summary) + "|" + body);
-          g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 1u));
-        },
-        nullptr, nullptr, {nullptr}};
-    g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications", node_->interfaces[0], &vtable,
-                                      this, nullptr, nullptr);
-    GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                              "org.freedesktop.DBus", "RequestName",
-                                              g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
-                                              G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (r) g_variant_unref(r);
-  }
-  ~FakeNotificationService() { g_dbus_node_info_unref(node_); }
-  std::vector<std::string> received;
-
- private:
-  DBusConnection& bus_;
-  GDBusNodeInfo* node_;
-};
 
 std::vector<std::string> fileLines(const fs::path& p) {
   std::ifstream in(p);
@@ -199,7 +162,7 @@ class WholeRoadTest : public ::testing::Test {
     ASSERT_TRUE(RunLoop::main().runUntil([&] { return service.received.size() >= 2; }, 5s));
     (void)RunLoop::main().runUntil([] { return false; }, 200ms);  // a wrong third message would be here by now
 
-    received_ = service.received;
+    for (const auto& n : service.received) received_.push_back(n.summary + "|" + n.body);
     ASSERT_TRUE(sensing);
     latitude_ = sensing->telluroSensor().currentLatitude();
     controller.reset();

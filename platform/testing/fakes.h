@@ -5,6 +5,8 @@
 // Thread safety: like the services they stand for, main thread only.
 #pragma once
 
+#include <gio/gio.h>
+
 #include <functional>
 #include <map>
 #include <string>
@@ -97,6 +99,32 @@ class FakeBusNameServer final : public BusNameServer {
   bool refuse = false;
   std::map<std::string, PropertyGetter> properties;
   std::vector<std::string> events;
+};
+
+// The desktop notification service (org.freedesktop.Notifications) on a
+// test's bus: takes the well-known name and records every Notify call.
+// Calls are answered on the thread that runs the bus connection's context.
+class FakeNotificationService {
+ public:
+  struct Notification {
+    std::string app;
+    std::string icon;
+    std::string summary;
+    std::string body;
+    std::string name;  // the hint x-zonara-notification-name, "" when absent
+  };
+
+  explicit FakeNotificationService(DBusConnection& bus);
+  ~FakeNotificationService();
+  FakeNotificationService(const FakeNotificationService&) = delete;
+  FakeNotificationService& operator=(const FakeNotificationService&) = delete;
+
+  std::vector<Notification> received;
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+  unsigned registration_ = 0;
 };
 
 }  // namespace zonara::testing
