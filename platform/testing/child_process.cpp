@@ -30,6 +30,7 @@ struct ChildProcess::Capture {
   mutable std::mutex mu;
   mutable std::condition_variable grew;
   std::string text;
+  bool ended = false;  // the reader has finished
 
   ~Capture() {
     if (reader.joinable()) {
@@ -41,6 +42,13 @@ struct ChildProcess::Capture {
   }
 
   void run() {
+    read();
+    std::lock_guard<std::mutex> lock(mu);
+    ended = true;
+    grew.notify_all();
+  }
+
+  void read() {
     char buffer[4096];
     for (;;) {
       pollfd fds[2] = {{fd, POLLIN, 0}, {wake[0], POLLIN, 0}};
@@ -289,6 +297,16 @@ std::string ChildProcess::capturedErr() const {
   if (!err_) return "";
   std::lock_guard<std::mutex> lock(err_->mu);
   return err_->text;
+}
+
+bool ChildProcess::waitForEndOfOutput(std::chrono::milliseconds timeout) const {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  for (const Capture* c : {out_.get(), err_.get()}) {
+    if (!c || !c->reader.joinable()) continue;
+    std::unique_lock<std::mutex> lock(c->mu);
+    if (!c->grew.wait_until(lock, end, [c] { return c->ended; })) return false;
+  }
+  return true;
 }
 
 bool ChildProcess::waitForOut(const std::string& text, std::chrono::milliseconds timeout, size_t from) const {

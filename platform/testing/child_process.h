@@ -94,6 +94,11 @@ class ChildProcess {
   [[nodiscard]] bool waitForOut(const std::string& text, std::chrono::milliseconds timeout, size_t from = 0) const;
   [[nodiscard]] bool waitForErr(const std::string& text, std::chrono::milliseconds timeout, size_t from = 0) const;
 
+  // Waits until every captured stream has reached end of file (the child and
+  // everything that inherited the stream closed it) or `timeout` passed; true
+  // when they have. After that the captured text is complete.
+  [[nodiscard]] bool waitForEndOfOutput(std::chrono::milliseconds timeout) const;
+
   // Resident set size from /proc/<pid>/status, in KiB: the peak (VmHWM) and
   // the current value (VmRSS). nullopt once the child has ended or when the
   // kernel does not say.

@@ -92,8 +92,7 @@ ServiceGate::~ServiceGate() {
   {
     std::lock_guard<std::mutex> lock(mu_);
     stopping_ = true;
-    if (listenFd_ >= 0) ::close(listenFd_);
-    listenFd_ = -1;
+    closeListeningLocked();
     cutRelaysLocked();
   }
   (void)!::write(wake_[1], "x", 1);
@@ -105,6 +104,15 @@ ServiceGate::~ServiceGate() {
 
 std::string ServiceGate::url(const std::string& path) const {
   return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+void ServiceGate::closeListeningLocked() {
+  if (listenFd_ < 0) return;
+  // shutdown first: the acceptor may be polling the socket, and that keeps
+  // it listening (and queueing connections) after close until poll returns.
+  ::shutdown(listenFd_, SHUT_RDWR);
+  ::close(listenFd_);
+  listenFd_ = -1;
 }
 
 bool ServiceGate::listenLocked() {
@@ -139,8 +147,7 @@ bool ServiceGate::open() {
 void ServiceGate::close() {
   {
     std::lock_guard<std::mutex> lock(mu_);
-    if (listenFd_ >= 0) ::close(listenFd_);
-    listenFd_ = -1;
+    closeListeningLocked();
     cutRelaysLocked();
   }
   (void)!::write(wake_[1], "x", 1);

@@ -46,6 +46,7 @@ class ServiceGate {
  private:
   struct Relay;
   [[nodiscard]] bool listenLocked();
+  void closeListeningLocked();
   void acceptLoop();
   void cutRelaysLocked();
 
