@@ -297,6 +297,26 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
                                  number(where.latitude) + "/" + number(where.longitude) +
                                  "</td></tr></table></body></html>");
   });
+  // The positioning server places a scan in the city most of whose access
+  // points it holds, so the scan file decides where the system is.
+  positioning_->setLocator([](const HttpRequest& request) -> std::optional<WPS::API::LocatedAccessPoint> {
+    const City* best = nullptr;
+    size_t bestCount = 0;
+    for (const City& city : Cities()) {
+      size_t count = 0;
+      for (const WPS::API::LocatedAccessPoint& ap : city.accessPoints)
+        if (request.body.find(ap.mac.toString()) != std::string::npos) ++count;
+      if (count > bestCount) {
+        best = &city;
+        bestCount = count;
+      }
+    }
+    if (!best) return std::nullopt;
+    WPS::API::LocatedAccessPoint where;
+    where.latitude = best->latitude;
+    where.longitude = best->longitude;
+    return where;
+  });
   gates_[Service::Positioning] = std::make_unique<ServiceGate>(positioning_->http().port());
   gates_[Service::TimeZone] = std::make_unique<ServiceGate>(timezone_->port());
   gates_[Service::IPLocation] = std::make_unique<ServiceGate>(ipPage_->port());
@@ -315,12 +335,13 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
     std::ofstream out(script);
     out << "#!/bin/sh\n"
            "# Records the request and makes the zone the one the helper reads back.\n"
+           "# The link first: whoever sees the record may rely on the zone.\n"
            "for zone; do :; done\n"
-           "printf '%s\\n' \"$*\" >> '"
-        << commandLog()
-        << "'\n"
            "[ -e \"/usr/share/zoneinfo/$zone\" ] && ln -sfn \"/usr/share/zoneinfo/$zone\" '"
-        << localtimeLink() << "'\nexit 0\n";
+        << localtimeLink()
+        << "'\n"
+           "printf '%s\\n' \"$*\" >> '"
+        << commandLog() << "'\nexit 0\n";
   }
   ::chmod(script.c_str(), 0755);
 
@@ -400,7 +421,7 @@ bool HelperSystem::startHelper(const std::map<std::string, std::string>& environ
   ChildProcess::Options options;
   options.argv = {(binDir() / "ZonaraHelper").string()};
   options.setEnvironment = helperEnvironment();
-  options.unsetEnvironment = {"LOG4CPP_CONFIGURATION", "ZONARA_TIME_SCALE", "http_proxy", "https_proxy",
+  options.unsetEnvironment = {"LOG4CPP_CONFIGURATION", "ZONARA_TIME_SCALE", "JOURNAL_STREAM", "http_proxy", "https_proxy",
                               "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "all_proxy", "no_proxy", "NO_PROXY"};
   for (const auto& [name, value] : environment) {
     if (value.empty()) {
@@ -412,7 +433,7 @@ bool HelperSystem::startHelper(const std::map<std::string, std::string>& environ
   }
   options.workingDirectory = root();
   options.out = {ChildProcess::Output::File, root() + "/helper.out", ""};
-  options.err = {ChildProcess::Output::Terminal, "", helperLogFile()};
+  options.err = {ChildProcess::Output::Pipe, "", helperLogFile()};
   std::string problem;
   helper_ = ChildProcess::start(options, &problem);
   if (!helper_) fail("cannot start the helper: " + problem);
@@ -468,17 +489,12 @@ void HelperSystem::writeScanFile(const City* city) {
 void HelperSystem::travelTo(const std::string& name) {
   const City& city = CityNamed(name);
   writeScanFile(&city);
-  WPS::API::LocatedAccessPoint where;
-  where.latitude = city.latitude;
-  where.longitude = city.longitude;
-  positioning_->setLocation(where, 30.0, static_cast<unsigned>(city.accessPoints.size()));
   std::lock_guard<std::mutex> lock(worldMu_);
   ipCity_ = name;
 }
 
 void HelperSystem::travelNowhere() {
   writeScanFile(nullptr);
-  positioning_->setLocation(std::nullopt);
 }
 
 void HelperSystem::setIPLocationCity(const std::string& city) {

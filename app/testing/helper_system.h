@@ -13,7 +13,9 @@
 //     the time-zone web service (answers from the city table below) and the
 //     IP-location page;
 //   - a scan file (WPS_SCAN_FILE) showing the access points of the city the
-//     system is "in" (`travelTo`);
+//     system is "in" (`travelTo`); the positioning server places a scan in the
+//     city whose access points it shows, the IP-location page reports the
+//     city travelled to last;
 //   - the system's current zone as a link (ZONARA_LOCALTIME) into the zone
 //     database, and a recording set-time-zone command (a shell script) that
 //     logs its arguments and re-points that link, so the helper sees the zone
@@ -24,9 +26,9 @@
 //     helper sees as wireless (through ZONARA_SYSFS_ROOT), joined to a network
 //     at start. Without the namespace the fake sysfs lists no interface, so the
 //     helper sees no wireless interface at all.
-// The helper (build/bin/ZonaraHelper) is started with `startHelper`; its
-// standard error is a pseudo-terminal, so it writes every system-log line
-// there ("ZonaraHelper: <message>"), which the harness keeps for `waitForLog`
+// The helper (build/bin/ZonaraHelper) is started with `startHelper`; it
+// writes every system-log line to its standard error as well
+// ("ZonaraHelper: <message>"), which the harness captures for `waitForLog`
 // and also writes to `helperLogFile()`, which outlives the test.
 //
 // Everything is stopped and removed by the destructor (the helper first,
@@ -154,11 +156,10 @@ class HelperSystem {
   [[nodiscard]] bool waitForLog(const std::string& text, std::chrono::milliseconds timeout, size_t count = 1) const;
 
   // ---- The world.
-  // The scan file shows `city`'s access points, and the positioning server and
-  // IP-location page answer with its position.
+  // The scan file shows `city`'s access points (so the positioning server and
+  // tile files place the system there), and the IP-location page reports it.
   void travelTo(const std::string& city);
-  // An empty scan and no position from the positioning server (the
-  // IP-location page keeps its city).
+  // An empty scan (the IP-location page keeps its city).
   void travelNowhere();
   // The city the IP-location page reports ("" = a page without a position).
   void setIPLocationCity(const std::string& city);
