@@ -80,7 +80,11 @@ TEST(ScenarioTest, ANetworkChangeInAnotherCityAppliesItsZone) {
 
   // Leaving the network changes nothing; the scan then shows Tokyo and the
   // interface joins a network there.
+  // The helper must see the searching state before the join, or both land in
+  // one read of the links and cancel out.
+  const std::string searching = "path = State:/Network/Interface/zw0/AirPort, change = {Busy = 1;";
   ASSERT_TRUE(system.wirelessSearch());
+  ASSERT_TRUE(system.waitForLog(searching, patience(5s))) << system.helperLogFile();
   system.travelTo("Tokyo");
   ASSERT_TRUE(system.wirelessJoin());
   ASSERT_TRUE(system.waitForAppliedZones(2, patience(15s))) << system.helperLogFile();
