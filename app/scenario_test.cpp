@@ -21,16 +21,29 @@ std::chrono::milliseconds patience(std::chrono::milliseconds base) { return Help
 const std::string kLaunched = "Zonara|Launched";
 std::string changedTo(const std::string& zone) { return "Zonara|Timezone changed to: " + zone; }
 
+// Checks that the system was built, starts its helper and waits for the
+// helper's bus name.
+#define START_SYSTEM(system)                                   \
+  ASSERT_TRUE((system).ok()) << (system).error();              \
+  ASSERT_TRUE((system).startHelper()) << (system).error();     \
+  ASSERT_TRUE((system).waitForHelperName(true, patience(10s))) \
+      << (system).helperLogFile()
+
+// A system whose helper runs `scale` times faster than real time.
+HelperSystem::Options scaled(double scale) {
+  HelperSystem::Options options;
+  options.timeScale = scale;
+  return options;
+}
+
 // Start-up in real time: the silent refresh finds the position at once but
 // tells no one; the first trigger comes 3.5 s after start and the aggregator's
 // quiet period of 4 s follows, so the zone is applied no earlier than 7.5 s
 // after start, exactly once, with one notification besides "Launched".
 TEST(ScenarioTest, StartUpFindsTheZoneAfterTheQuietPeriodAndNotifiesOnce) {
   HelperSystem system;
-  ASSERT_TRUE(system.ok()) << system.error();
   const auto started = Clock::now();
-  ASSERT_TRUE(system.startHelper()) << system.error();
-  ASSERT_TRUE(system.waitForHelperName(true, patience(10s)));
+  START_SYSTEM(system);
 
   // The silent refresh asks the positioning server; nothing is applied yet.
   ASSERT_TRUE(HelperSystem::waitUntil([&] { return system.positioningServer().countTo("/location") >= 1; },
@@ -53,20 +66,6 @@ TEST(ScenarioTest, StartUpFindsTheZoneAfterTheQuietPeriodAndNotifiesOnce) {
   EXPECT_EQ(system.stopHelper(), 0);
 }
 
-
-// Starts a system with `options` and its helper; waits for the helper's bus
-// name.
-#define START_SYSTEM(system)                                              \
-  ASSERT_TRUE((system).ok()) << (system).error();                         \
-  ASSERT_TRUE((system).startHelper()) << (system).error();                \
-  ASSERT_TRUE((system).waitForHelperName(true, patience(10s)))            \
-      << (system).helperLogFile()
-
-HelperSystem::Options scaled(double scale) {
-  HelperSystem::Options options;
-  options.timeScale = scale;
-  return options;
-}
 
 // The machine joins a network in another city: the network watcher asks for
 // a fresh position, which the new scan places in Tokyo.
