@@ -46,6 +46,11 @@ std::string FakePositioningServer::makeTileFile(const std::vector<LocatedAccessP
   return std::string(bytes.begin(), bytes.end());
 }
 
+void FakePositioningServer::setLocator(Locator locator) {
+  std::lock_guard<std::mutex> lock(mu_);
+  locator_ = std::move(locator);
+}
+
 void FakePositioningServer::setLocation(std::optional<LocatedAccessPoint> where, double hpe, unsigned nap) {
   std::lock_guard<std::mutex> lock(mu_);
   location_ = where;
@@ -119,11 +124,12 @@ HttpResponse FakePositioningServer::answer(const HttpRequest& request) {
   std::lock_guard<std::mutex> lock(mu_);
   const std::string path = request.path();
   if (request.method == "POST" && path == "/location") {
-    if (!location_) return HttpResponse(200, rootOpen("LocationRS") + "<error>no location</error></LocationRS>");
+    const std::optional<LocatedAccessPoint> where = locator_ ? locator_(request) : location_;
+    if (!where) return HttpResponse(200, rootOpen("LocationRS") + "<error>no location</error></LocationRS>");
     char text[256];
     std::snprintf(text, sizeof text,
                   "<location nap='%u'><latitude>%.7f</latitude><longitude>%.7f</longitude><hpe>%.1f</hpe></location>",
-                  nap_, location_->latitude, location_->longitude, hpe_);
+                  nap_, where->latitude, where->longitude, hpe_);
     return HttpResponse(200, rootOpen("LocationRS") + text + "</LocationRS>");
   }
   if (request.method == "POST" && path == "/registration") {

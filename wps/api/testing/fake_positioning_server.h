@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -57,6 +58,12 @@ class FakePositioningServer {
 
   // The answer to /location: the given fix, or (nullopt) an error document.
   void setLocation(std::optional<LocatedAccessPoint> where, double hpe = 25.0, unsigned nap = 5);
+  // When set, /location answers where `locator` places the request (whose
+  // body holds the scanned access points): a fix, or (nullopt) an error
+  // document; the configured location is then not used. Called on a server
+  // thread under the server's lock: it must not call back into the server.
+  using Locator = std::function<std::optional<LocatedAccessPoint>(const zonara::testing::HttpRequest&)>;
+  void setLocator(Locator locator);
   void setRegistrationAccepted(bool accepted);
 
   // Adds (or replaces, by id and version) a tile. Tiles are offered in the
@@ -82,6 +89,7 @@ class FakePositioningServer {
 
   mutable std::mutex mu_;
   std::optional<LocatedAccessPoint> location_;
+  Locator locator_;
   double hpe_ = 25.0;
   unsigned nap_ = 5;
   bool registrationAccepted_ = true;
