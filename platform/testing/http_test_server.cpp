@@ -449,6 +449,11 @@ size_t HttpTestServer::pendingResponses() const {
   return queue_.size();
 }
 
+void HttpTestServer::clearQueue() {
+  std::lock_guard<std::mutex> lock(mu_);
+  queue_.clear();
+}
+
 std::vector<HttpRequest> HttpTestServer::requests() const {
   std::lock_guard<std::mutex> lock(mu_);
   return requests_;

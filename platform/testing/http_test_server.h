@@ -167,6 +167,8 @@ class HttpTestServer {
   void setDefaultResponse(HttpResponse response);
   // Scripted responses not yet used.
   [[nodiscard]] size_t pendingResponses() const;
+  // Drops the scripted responses not yet used.
+  void clearQueue();
 
   // Recorded requests, oldest first (copies).
   [[nodiscard]] std::vector<HttpRequest> requests() const;
