@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "app/testing/helper_system.h"
+#include "app/testing/network_soak.h"
 
 namespace zonara {
 namespace {
@@ -70,14 +71,7 @@ std::string logLibraryToFile(HelperSystem& system) {
 const std::string kNotXml = "<html><body>Service Temporarily Unavailable</body></html>";
 constexpr uint64_t k50MB = 50ull * 1024 * 1024;
 
-// The wireless interface leaves its network and joins one again; true once
-// the helper saw both changes.
-bool changeNetwork(HelperSystem& system) {
-  const std::string seen = "NetworkSensor change detected, path = State:/Network/Interface/zw0/AirPort";
-  const size_t before = system.logCount(seen);
-  return system.wirelessSearch() && system.waitForLog(seen, patience(5s), before + 1) && system.wirelessJoin() &&
-         system.waitForLog(seen, patience(5s), before + 2);
-}
+bool changeNetwork(HelperSystem& system) { return testing::RejoinNetwork(system, patience(5s)); }
 
 #define START_SYSTEM(system)                                   \
   ASSERT_TRUE((system).ok()) << (system).error();              \
