@@ -67,6 +67,15 @@ std::string logLibraryToFile(HelperSystem& system) {
   return log;
 }
 
+// The helper's peak resident set with a 50 MB answer on offer: far below what
+// holding the answer would take (the sanitizer's shadow memory and
+// quarantine add about 30 MB to the helper's usual 21 MB).
+#ifdef __SANITIZE_ADDRESS__
+constexpr long kPeakBoundKiB = 96 * 1024;
+#else
+constexpr long kPeakBoundKiB = 40 * 1024;
+#endif
+
 // Answers that are not what a client expects.
 const std::string kNotXml = "<html><body>Service Temporarily Unavailable</body></html>";
 constexpr uint64_t k50MB = 50ull * 1024 * 1024;
@@ -94,8 +103,7 @@ TEST(FaultTest, TimeZoneServiceResetAndHugeAnswersAreRetriedUntilItAnswers) {
   EXPECT_EQ(system.logCount("/timezone?lat=48.85"), 3u) << "the URL, then one line per failed fetch";
   EXPECT_EQ(system.logCount(" failed: "), 1u) << system.helperLogFile();
   EXPECT_EQ(system.logCount("is larger than 4194304 bytes; ignored"), 1u) << system.helperLogFile();
-  // Far below the 50 MB the service offered.
-  EXPECT_LT(system.helper()->peakRssKiB(), 40 * 1024);
+  EXPECT_LT(system.helper()->peakRssKiB(), kPeakBoundKiB);
   EXPECT_TRUE(system.helper()->running());
   EXPECT_EQ(system.stopHelper(), 0);
 }
@@ -148,7 +156,7 @@ TEST(FaultTest, PositioningServerFaultsFallBackToTheIPPageAndRecover) {
   EXPECT_GE(http.requestCount(), 2u);
   EXPECT_GT(http.pendingResponses(), 0u) << "every request was answered wrongly";
   EXPECT_GE(system.logCount("performing ip location"), 1u);
-  EXPECT_LT(system.helper()->peakRssKiB(), 40 * 1024);
+  EXPECT_LT(system.helper()->peakRssKiB(), kPeakBoundKiB);
   const std::string said = readFile(libraryLog);
   EXPECT_NE(said.find("ERROR WPS."), std::string::npos) << "the library says what failed:\n" << said;
 
@@ -178,7 +186,7 @@ TEST(FaultTest, IPLocationPageResetAndHugeAnswersAreRetried) {
   EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Asia/Tokyo"});
   EXPECT_GE(system.logCount("/app/locate_my_ip failed: "), 1u) << system.helperLogFile();
   EXPECT_GE(system.logCount("/app/locate_my_ip is larger than 4194304 bytes; ignored"), 1u);
-  EXPECT_LT(system.helper()->peakRssKiB(), 40 * 1024);
+  EXPECT_LT(system.helper()->peakRssKiB(), kPeakBoundKiB);
   EXPECT_EQ(system.stopHelper(), 0);
 }
 
