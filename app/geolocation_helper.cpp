@@ -146,7 +146,11 @@ std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longit
   // service, a proxy's page -- says nothing about the place: no zone, rather
   // than a guess from zero offsets.
   xmlNode* record = doc ? lastChild(xmlDocGetRootElement(doc.get()), "timezone") : nullptr;
-  if (!record) return std::nullopt;
+  if (!record) {
+    SystemLogAt(LogPriority::Warning, "time-zone service answer for %s holds no time zone (%zu bytes%s)", url.c_str(),
+                data ? data->size() : 0, doc ? "" : ", not XML");
+    return std::nullopt;
+  }
   std::optional<std::string> identifier = textOf(lastChild(record, "timezoneId"));
   const float gmtHours = floatValue(textOf(lastChild(record, "gmtOffset")));
   const float dstHours = floatValue(textOf(lastChild(record, "dstOffset")));

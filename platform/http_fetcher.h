@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -19,10 +20,20 @@ class HttpFetcher {
 };
 
 // libcurl's easy interface; follows redirects, honours the usual proxy
-// environment variables.
+// environment variables. A body larger than `maxBodyBytes` is not data: the
+// transfer stops as soon as the size is known to be exceeded (nothing beyond
+// the limit is ever held) and fetch gives nullopt. Every failed fetch is
+// logged to the system log with the URL and the reason.
 class CurlHttpFetcher final : public HttpFetcher {
  public:
+  // Far more than a time-zone answer or an IP-location page ever needs.
+  static constexpr size_t kDefaultMaxBodyBytes = 4 * 1024 * 1024;
+
+  explicit CurlHttpFetcher(size_t maxBodyBytes = kDefaultMaxBodyBytes) : maxBodyBytes_(maxBodyBytes) {}
   [[nodiscard]] std::optional<std::string> fetch(const std::string& url, std::chrono::milliseconds timeout) override;
+
+ private:
+  size_t maxBodyBytes_;
 };
 
 }  // namespace zonara

@@ -220,11 +220,36 @@ std::string FormatResponse(const HttpRequest& request, const HttpResponse& respo
   }
   const bool bodyless = (response.status >= 100 && response.status < 200) || response.status == 204 ||
                         response.status == 304;
-  if (!hasLength && !bodyless) out += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
+  const uint64_t length = response.streamedBodyBytes > 0 ? response.streamedBodyBytes : response.body.size();
+  if (!hasLength && !bodyless) out += "Content-Length: " + std::to_string(length) + "\r\n";
   if (close && !hasConnection) out += "Connection: close\r\n";
   out += "\r\n";
-  if (request.method != "HEAD" && !bodyless) out += response.body;
+  if (request.method != "HEAD" && !bodyless && response.streamedBodyBytes == 0) out += response.body;
   return out;
+}
+
+// Aborts the connection: with a zero linger time, close sends RST.
+void ResetConnection(int fd) {
+  linger abort{1, 0};
+  (void)::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+}
+
+// Sends `bytes` filler bytes in 64 KiB pieces, chunked or plain. False when
+// the client went away.
+bool SendFiller(int fd, uint64_t bytes, bool chunked) {
+  const std::string piece(64 * 1024, 'x');
+  while (bytes > 0) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(bytes, piece.size()));
+    if (chunked) {
+      char size[32];
+      std::snprintf(size, sizeof size, "%zx\r\n", n);
+      if (!SendAll(fd, size)) return false;
+    }
+    if (!SendAll(fd, n == piece.size() ? piece : piece.substr(0, n))) return false;
+    if (chunked && !SendAll(fd, "\r\n")) return false;
+    bytes -= n;
+  }
+  return !chunked || SendAll(fd, "0\r\n\r\n");
 }
 
 }  // namespace
@@ -288,6 +313,19 @@ HttpResponse HttpResponse::proxyAuthenticationRequired(const std::string& realm)
   return HttpResponse(407, "").withHeader("Proxy-Authenticate", "Basic realm=\"" + realm + "\"");
 }
 
+HttpResponse HttpResponse::connectionReset() {
+  HttpResponse r;
+  r.reset = true;
+  return r;
+}
+
+HttpResponse HttpResponse::streamedBody(uint64_t bytes, bool chunked) {
+  HttpResponse r(200, "");
+  r.streamedBodyBytes = bytes;
+  if (chunked) r.headers.push_back({"Transfer-Encoding", "chunked"});
+  return r;
+}
+
 HttpResponse HttpResponse::rawBytes(std::string bytes) {
   HttpResponse r;
   r.raw = std::move(bytes);
@@ -332,11 +370,16 @@ const char* StandardReason(int status) {
 // ---------------------------------------------------------------------------
 
 struct HttpTestServer::Connection {
-  int fd = -1;
+  // Atomic: a connection that resets closes its socket at once, while the
+  // destructor may be shutting the sockets of all connections down.
+  std::atomic<int> fd{-1};
   uint64_t number = 0;
   std::atomic<bool> done{false};
   std::thread thread;
-  ~Connection() { CloseFd(fd); }
+  ~Connection() {
+    int f = fd.exchange(-1);
+    CloseFd(f);
+  }
 };
 
 HttpTestServer::HttpTestServer() : HttpTestServer(Handler()) {}
@@ -404,6 +447,11 @@ void HttpTestServer::setDefaultResponse(HttpResponse response) {
 size_t HttpTestServer::pendingResponses() const {
   std::lock_guard<std::mutex> lock(mu_);
   return queue_.size();
+}
+
+void HttpTestServer::clearQueue() {
+  std::lock_guard<std::mutex> lock(mu_);
+  queue_.clear();
 }
 
 std::vector<HttpRequest> HttpTestServer::requests() const {
@@ -540,13 +588,38 @@ void HttpTestServer::serve(Connection* connection) {
 
     HttpResponse response = scriptedResponse(request);
     if (response.delay.count() > 0 && !waitDelay(response.delay)) break;
+    if (response.reset) {
+      // RST goes out only when the socket is closed, so it is closed now.
+      int fd = connection->fd.exchange(-1);
+      ResetConnection(fd);
+      CloseFd(fd);
+      break;
+    }
     if (response.raw) {
       (void)SendAll(connection->fd, *response.raw);
       break;
     }
     const bool tunnelRefused = request.method == "CONNECT" && response.status >= 200 && response.status < 300;
     close = close || response.closeConnection || tunnelRefused;
-    if (!SendAll(connection->fd, FormatResponse(request, response, close)) || close) break;
+    std::string message = FormatResponse(request, response, close);
+    // With a stall, the body (at the end of the formatted message) waits.
+    std::string body;
+    if (response.stallAfterHead.count() > 0 && message.size() >= response.body.size() &&
+        message.compare(message.size() - response.body.size(), response.body.size(), response.body) == 0) {
+      body = message.substr(message.size() - response.body.size());
+      message.resize(message.size() - response.body.size());
+    }
+    if (!SendAll(connection->fd, message)) break;
+    if (response.stallAfterHead.count() > 0 && !waitDelay(response.stallAfterHead)) break;
+    if (!body.empty() && !SendAll(connection->fd, body)) break;
+    if (response.streamedBodyBytes > 0 && request.method != "HEAD") {
+      bool chunked = false;
+      for (const auto& h : response.headers) {
+        if (EqualsIgnoreCase(h.name, "Transfer-Encoding") && HasToken(h.value, "chunked")) chunked = true;
+      }
+      if (!SendFiller(connection->fd, response.streamedBodyBytes, chunked)) break;
+    }
+    if (close) break;
   }
   // Tell the client we are done; the descriptor itself is closed when the
   // connection is reaped, so it cannot be reused while others still use it.

@@ -38,6 +38,18 @@
 //   - `HttpResponse::raw` bytes are sent verbatim instead of a formatted
 //     response, and the connection is then closed (for malformed-reply tests).
 //
+// Fault modes, for tests of clients against misbehaving servers (each acts
+// after the response's `delay`):
+//   - `reset`: no answer; the connection is aborted with a TCP reset (RST),
+//     as a crashed server or a middlebox would;
+//   - `stallAfterHead`: the status line and headers go out, then the server
+//     waits this long before the body (a transfer that stops half-way);
+//   - `streamedBodyBytes`: a body of that many filler bytes ('x'), produced
+//     in 64 KiB pieces as the client reads them, so a 50 MB answer costs the
+//     server no memory. It is sent with its Content-Length, or chunked when
+//     the script sets "Transfer-Encoding: chunked" (the client then cannot
+//     know the size in advance). `body` is ignored.
+//
 // Thread safety: all public member functions may be called from any thread
 // while the server runs. The handler is called on the server's connection
 // threads, one call at a time (calls are serialized), never while the server
@@ -103,6 +115,9 @@ struct HttpResponse {
   std::chrono::milliseconds delay{0};  // wait before answering (cut short by the destructor)
   bool closeConnection = false;        // close the connection after this response
   std::optional<std::string> raw;      // if set: sent verbatim, then the connection is closed
+  bool reset = false;                    // abort the connection with RST instead of answering
+  std::chrono::milliseconds stallAfterHead{0};  // pause between the head and the body
+  uint64_t streamedBodyBytes = 0;        // > 0: stream this many filler bytes as the body
 
   HttpResponse() = default;
   HttpResponse(int status, std::string body) : status(status), body(std::move(body)) {}
@@ -118,6 +133,11 @@ struct HttpResponse {
   [[nodiscard]] static HttpResponse proxyAuthenticationRequired(const std::string& realm = "proxy");
   // Bytes sent as they are (then the connection closes).
   [[nodiscard]] static HttpResponse rawBytes(std::string bytes);
+  // No answer: the connection is reset (RST).
+  [[nodiscard]] static HttpResponse connectionReset();
+  // A 200 whose body is `bytes` filler bytes, streamed (see above); chunked
+  // when `chunked`, else with its Content-Length.
+  [[nodiscard]] static HttpResponse streamedBody(uint64_t bytes, bool chunked = false);
 };
 
 // The standard reason phrase of a status ("OK", "Not Found", ...; "" if unknown).
@@ -147,6 +167,8 @@ class HttpTestServer {
   void setDefaultResponse(HttpResponse response);
   // Scripted responses not yet used.
   [[nodiscard]] size_t pendingResponses() const;
+  // Drops the scripted responses not yet used.
+  void clearQueue();
 
   // Recorded requests, oldest first (copies).
   [[nodiscard]] std::vector<HttpRequest> requests() const;

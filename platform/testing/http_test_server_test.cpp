@@ -49,10 +49,15 @@ class RawClient {
       if (::poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return out;
       char buf[4096];
       ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
-      if (n <= 0) return out;
+      if (n <= 0) {
+        lastReadErrno_ = n < 0 ? errno : 0;
+        return out;
+      }
       out.append(buf, static_cast<size_t>(n));
     }
   }
+  // errno of the read that ended readToEnd (0 for an orderly close).
+  [[nodiscard]] int lastReadErrno() const { return lastReadErrno_; }
 
   // Reads until `needle` has arrived (or `timeout`).
   std::string readUntil(const std::string& needle, std::chrono::milliseconds timeout = 5s) {
@@ -71,6 +76,7 @@ class RawClient {
  private:
   int fd_ = -1;
   bool connected_ = false;
+  int lastReadErrno_ = 0;
 };
 
 // --- libcurl ---------------------------------------------------------------------
@@ -294,6 +300,71 @@ TEST(HttpTestServerTest, RawBytesAreSentVerbatim) {
   RawClient client(server.port());
   client.send("GET / HTTP/1.1\r\nHost: h\r\n\r\n");
   EXPECT_EQ(client.readToEnd(), "HTTP/1.1 2OO Bogus\r\n\r\nxyz");
+}
+
+size_t Count(char*, size_t size, size_t n, void* target) {
+  *static_cast<uint64_t*>(target) += size * n;
+  return size * n;
+}
+
+TEST(HttpTestServerTest, FaultModesAsAClientSeesThem) {
+  const uint64_t kLarge = 3u * 1024 * 1024 + 17;  // not a whole number of pieces
+  const struct {
+    const char* name;
+    HttpResponse response;
+    CURLcode code;
+    long status;         // as far as the client got
+    uint64_t bodyBytes;  // received
+    bool headSaysLength;
+  } cases[] = {
+      {"reset instead of an answer", HttpResponse::connectionReset(), CURLE_RECV_ERROR, 0, 0, false},
+      {"streamed body with its length", HttpResponse::streamedBody(kLarge), CURLE_OK, 200, kLarge, true},
+      {"streamed body, chunked", HttpResponse::streamedBody(kLarge, true), CURLE_OK, 200, kLarge, false},
+      {"stall after the head beyond the time-out",
+       [] {
+         HttpResponse r(200, "tail");
+         r.stallAfterHead = 5s;
+         return r;
+       }(),
+       CURLE_OPERATION_TIMEDOUT, 200, 0, true},
+      {"short stall, then the body",
+       [] {
+         HttpResponse r(200, "tail");
+         r.stallAfterHead = 100ms;
+         return r;
+       }(),
+       CURLE_OK, 200, 4, true},
+  };
+  for (const auto& c : cases) {
+    HttpTestServer server;
+    server.enqueue(c.response);
+    CurlPtr h = NewHandle();
+    uint64_t received = 0;
+    std::string headers;
+    curl_easy_setopt(h.get(), CURLOPT_URL, server.url("/fault").c_str());
+    curl_easy_setopt(h.get(), CURLOPT_TIMEOUT_MS, 600L);
+    curl_easy_setopt(h.get(), CURLOPT_WRITEFUNCTION, Count);
+    curl_easy_setopt(h.get(), CURLOPT_WRITEDATA, &received);
+    curl_easy_setopt(h.get(), CURLOPT_HEADERFUNCTION, Append);
+    curl_easy_setopt(h.get(), CURLOPT_HEADERDATA, &headers);
+    const CURLcode code = curl_easy_perform(h.get());
+    long status = 0;
+    curl_easy_getinfo(h.get(), CURLINFO_RESPONSE_CODE, &status);
+    EXPECT_EQ(code, c.code) << c.name << ": " << curl_easy_strerror(code);
+    EXPECT_EQ(status, c.status) << c.name;
+    EXPECT_EQ(received, c.bodyBytes) << c.name;
+    EXPECT_EQ(headers.find("Content-Length: ") != std::string::npos, c.headSaysLength) << c.name << headers;
+    EXPECT_EQ(server.requestCount(), 1u) << c.name;
+  }
+}
+
+TEST(HttpTestServerTest, ResetConnectionIsARealResetNotAnOrderlyClose) {
+  HttpTestServer server;
+  server.enqueue(HttpResponse::connectionReset());
+  RawClient client(server.port());
+  client.send("GET / HTTP/1.1\r\nHost: h\r\n\r\n");
+  EXPECT_EQ(client.readToEnd(), "");
+  EXPECT_EQ(client.lastReadErrno(), ECONNRESET);
 }
 
 TEST(HttpTestServerTest, ActsAsProxyAnswering407ToAbsoluteFormAndConnect) {

@@ -38,6 +38,7 @@ int LocationDeterminationRemote::sendRequest(const std::string& path, const std:
 
   const int status = http->getStatusCode();
   logger_.debug("status code: %d status text: %s", status, http->getStatusText().c_str());
+  if (status != 200) logger_.error("server answered %s with %d %s", path.c_str(), status, http->getStatusText().c_str());
   switch (status) {
     case 200:
       break;

@@ -6,6 +6,7 @@
 #include "wps/api/config.h"
 #include "wps/api/location_client.h"
 #include "wps/api/protocol.h"
+#include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
 #include "wps/spi/xml_http_request.h"
 
@@ -14,6 +15,7 @@ namespace API {
 namespace {
 
 using SPI::ScannedAccessPoint;
+using SPI::LogCapture;
 using SPI::Time;
 using zonara::testing::ClosedPort;
 using zonara::testing::HttpResponse;
@@ -109,11 +111,16 @@ TEST_F(RemoteTest, StatusAndReplyMapToResultCodes) {
   };
   for (const auto& c : cases) {
     server.enqueue(c.response);
+    LogCapture log("WPS.API.LocationDeterminationRemote");
     Location location;
     EXPECT_EQ(remote->getLocationRemotely(user, WPS_NO_STREET_ADDRESS_LOOKUP, scan(), {}, location), c.code) << c.name;
     if (c.code != WPS_OK) {
       EXPECT_EQ(location.time, Time()) << c.name;  // stamped only on success
     }
+    // A refusal by status is an error the log names.
+    EXPECT_EQ(log.containsFragment("server answered /location with " + std::to_string(c.response.status)),
+              c.response.status != 200)
+        << c.name;
   }
 }
 

@@ -90,6 +90,8 @@ void FileDownloadQueue::next() {
     queueLogger_.info("downloading tile %s (%u of %u) from %s", tileName(tile).c_str(),
                       static_cast<unsigned>(index_ + 1), count, tile.url.c_str());
     std::unique_ptr<XmlHttpRequest> request = openDownload(tile.url);
+    // What the session has left bounds the body (0 would mean no bound).
+    if (request) (void)request->setMaxResponseBytes(std::max(maxBytes_ - std::min(bytes_.load(), maxBytes_), 1ul));
     const int rc = request ? RESTClient::send(std::move(request), XmlHttpRequest::GET, nullptr, 0, this) : -1;
     if (rc == 0) return;  // continues in onSuccess or onFailure
     queueLogger_.error("failed to start the download of tile %s: %d", tileName(tile).c_str(), rc);
@@ -137,6 +139,13 @@ void FileDownloadQueue::onFailure(int error) {
   const TileInfo tile = tiles_[index_];
   const unsigned number = static_cast<unsigned>(++index_);
   if (stopped_.load()) {
+    finish();
+    return;
+  }
+  if (error == XmlHttpRequest::kEFBIG) {
+    queueLogger_.info("per-session limit of %lu bytes reached, tile %s (larger than the %lu bytes left) dropped",
+                      maxBytes_, tileName(tile).c_str(), maxBytes_ - std::min(bytes_.load(), maxBytes_));
+    stopped_ = true;
     finish();
     return;
   }

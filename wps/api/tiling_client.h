@@ -104,8 +104,10 @@ class FileDownloadQueue final : public RESTClient::Callback {
 
   // Starts downloading `tiles`, at most `maxBytes` bytes in all: a tile that
   // would take the count past it is dropped and ends the queue ("per-session
-  // limit of %lu bytes reached..."). Returns false (and does nothing) while a
-  // queue is running.
+  // limit of %lu bytes reached..."). Each download is itself stopped as soon
+  // as its body outgrows what the session has left, so an oversized tile is
+  // never held in memory. Returns false (and does nothing) while a queue is
+  // running.
   bool start(const TileInfoList& tiles, unsigned long maxBytes);
   // Ends the queue: the running download is aborted and no further one
   // starts. Any thread but a handler's; does not wait.

@@ -2,6 +2,8 @@
 // answer, the downloads and what they leave in the tiles directory.
 #include "wps/api/tiling.h"
 
+#include <sys/resource.h>
+
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -321,6 +323,33 @@ TEST_F(TilingExchangeTest, PerSessionLimitStopsTheDownloadsPartWay) {
   EXPECT_EQ(server_.downloadCount(), 3u) << "the fourth tile is never asked for";
   EXPECT_TRUE(log.containsFragment("per-session limit of " + std::to_string(size * 5 / 2) + " bytes reached"));
   EXPECT_EQ(callback_.recorded(), (Calls{{0, 4}, {1, 4}, {2, 4}}));
+}
+
+// A server that sends a 50 MB "tile": the download stops once the body
+// outgrows what the session has left, instead of holding 50 MB first; the
+// session ends cleanly and the next session with a sane server works.
+TEST_F(TilingExchangeTest, OversizedTileIsStoppedWhileArrivingAndLeavesNothing) {
+  FakePositioningServer::Tile huge{"H", "1", ""};
+  huge.streamedBytes = 50ull << 20;
+  server_.addTile(huge);
+  serve("D", "1", apsA_);
+  SPI::LogCapture log("WPS.API.FileDownloadQueue");
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  auto tiling = makeTiling(1 << 20);
+  runSession(*tiling, scanOf(apsA_));
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+
+  EXPECT_TRUE(log.containsFragment("per-session limit of 1048576 bytes reached, tile H_1 (larger than the 1048576"));
+  EXPECT_TRUE(dir_.names().empty()) << "nothing kept of the oversized tile";
+  EXPECT_EQ(server_.downloadCount(), 1u) << "the session ends at the oversized tile";
+  // Peak memory may not grow by anything near the 50 MB that were offered.
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 24 * 1024) << "KiB";
+
+  server_.setOfferedTiles({"D_1"});
+  runSession(*tiling, scanOf(apsA_));
+  EXPECT_EQ(datFiles(), std::set<std::string>{"D_1.dat"});
 }
 
 TEST_F(TilingExchangeTest, FailedOrTimedOutDownloadLeavesNoFileBehind) {

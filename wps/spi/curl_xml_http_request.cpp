@@ -113,6 +113,12 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     return 0;
   }
 
+  int setMaxResponseBytes(unsigned long bytes) override {
+    if (sent_) return EINVAL;
+    maxResponseBytes_ = bytes;
+    return 0;
+  }
+
   int setRequestCallback(RequestCallback callback, void* user) override {
     callback_ = callback;
     callbackUser_ = user;
@@ -160,7 +166,7 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
   }
 
   int getResponseText(const char*& data, unsigned long& length) const override {
-    if (!finished_.load() || statusCode_ == -1) return -1;
+    if (!finished_.load() || statusCode_ == -1 || tooLarge_ || cutShort_) return -1;
     data = responseBody_.data();
     length = responseBody_.size();
     return 0;
@@ -179,6 +185,11 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
   static size_t writeBody(char* data, size_t size, size_t count, void* self) {
     auto* request = static_cast<CurlXmlHttpRequest*>(self);
     const size_t bytes = size * count;
+    if (request->maxResponseBytes_ != 0 && bytes > request->maxResponseBytes_ - request->responseBody_.size()) {
+      // Anything but `bytes` makes libcurl end the transfer.
+      request->tooLarge_ = true;
+      return 0;
+    }
     request->responseBody_.insert(request->responseBody_.end(), data, data + bytes);
     return bytes;
   }
@@ -239,6 +250,11 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
         curl_easy_setopt(e, CURLOPT_POSTFIELDS, requestBody_.data());
         curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE, static_cast<long>(requestBody_.size()));
         break;
+    }
+    if (maxResponseBytes_ != 0) {
+      // Refuses an announced length at once; a body without one is counted
+      // as it arrives (writeBody).
+      curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(maxResponseBytes_));
     }
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs_);
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, transferTimeoutMs_);
@@ -302,11 +318,29 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     }
     curl_multi_remove_handle(multi.get(), e);
 
+    if (completed && (tooLarge_ || code == CURLE_FILESIZE_EXCEEDED)) {
+      logger_.error("response from %s is larger than the limit of %lu bytes; transfer stopped", url_.c_str(),
+                    maxResponseBytes_);
+      tooLarge_ = true;
+      responseBody_.clear();
+      responseBody_.shrink_to_fit();
+      finished_ = true;
+      return kEFBIG;
+    }
     int result;
     if (!completed) {
       result = -1;
-    } else if (statusCode_ != -1) {
+    } else if (statusCode_ != -1 && (code == CURLE_OK || statusCode_ < 200 || statusCode_ >= 300)) {
+      // An answer, whatever its status (a proxy's refusal included).
       result = 0;
+    } else if (statusCode_ != -1) {
+      // A success whose body was cut short (time-out, reset, fewer bytes
+      // than announced): the truncated body must not pass for the answer.
+      result = translateCurlCode(code);
+      if (result == 0) result = -1;
+      cutShort_ = true;
+      logger_.error("response from %s was cut short: %s", url_.c_str(),
+                    errorBuffer[0] != 0 ? errorBuffer : curl_easy_strerror(code));
     } else {
       result = translateCurlCode(code);
     }
@@ -340,6 +374,9 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
   std::string statusText_;
   HeaderMap responseHeaders_;
   std::vector<char> responseBody_;
+  unsigned long maxResponseBytes_ = kDefaultMaxResponseBytes;
+  bool tooLarge_ = false;  // the body outgrew maxResponseBytes_
+  bool cutShort_ = false;  // a success response ended before its body did
   std::atomic<bool> aborted_{false};
   std::atomic<bool> finished_{false};
   std::mutex threadMutex_;

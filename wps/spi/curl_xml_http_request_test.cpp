@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "platform/testing/http_test_server.h"
+#include "wps/spi/log_capture.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {
@@ -259,6 +260,91 @@ TEST_F(CurlXmlHttpRequestTest, CallbackMayDestroyItsRequest) {
     ASSERT_EQ(raw->send(), 0);
     ASSERT_TRUE(holder.completion.wait(5s));
     EXPECT_EQ(holder.completion.result, 0);
+  }
+}
+
+// A server that misbehaves once: the request fails with the expected result,
+// leaves no body to read, says why in the log, and the next request to the
+// same server (behaving again) succeeds.
+TEST_F(CurlXmlHttpRequestTest, FaultyAnswersFailCleanlyAndTheServerIsUsableAfterwards) {
+  constexpr uint64_t k50MB = 50ull * 1024 * 1024;
+  auto stalled = [] {
+    HttpResponse r(200, "<LocationRS/>");
+    r.stallAfterHead = 3s;
+    return r;
+  };
+  const struct {
+    const char* name;
+    HttpResponse response;
+    int result;
+    int status;           // getStatusCode afterwards
+    const char* logged;   // a fragment of the error logged, or "" for none
+  } cases[] = {
+      {"connection reset", HttpResponse::connectionReset(), XmlHttpRequest::kECONNREFUSED, -1, ""},
+      {"head, then silence past the time-out", stalled(), XmlHttpRequest::kETIMEDOUT, 200, "was cut short"},
+      {"fewer bytes than announced", HttpResponse::rawBytes("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n<short"),
+       -1, 200, "was cut short"},
+      {"50 MB announced", HttpResponse::streamedBody(k50MB), XmlHttpRequest::kEFBIG, 200,
+       "is larger than the limit of 4194304 bytes"},
+      {"50 MB chunked", HttpResponse::streamedBody(k50MB, true), XmlHttpRequest::kEFBIG, 200,
+       "is larger than the limit of 4194304 bytes"},
+      {"garbage", HttpResponse::rawBytes(std::string("\x16\x03\x01\x00\xff garbage\r\n\r\n", 17)),
+       XmlHttpRequest::kEPROTONOSUPPORT, -1, ""},
+  };
+  XmlHttpRequest::setDefaultTimeouts(2000, 500);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpTestServer server;
+    server.enqueue(c.response);
+    server.setDefaultResponse(HttpResponse(200, "<LocationRS/>"));
+    LogCapture log("WPS.SPI.XmlHttpRequest.CurlXmlHttpRequest");
+    auto request = XmlHttpRequest::newInstance();
+    ASSERT_EQ(request->open(XmlHttpRequest::POST, server.url("/location"), false), 0);
+    EXPECT_EQ(request->send("<x/>", 4), c.result);
+    EXPECT_EQ(request->getStatusCode(), c.status);
+    const char* data = nullptr;
+    unsigned long length = 0;
+    EXPECT_EQ(request->getResponseText(data, length), -1) << "no partial body passes for an answer";
+    if (*c.logged != '\0') {
+      EXPECT_TRUE(log.containsFragment(c.logged));
+    }
+
+    auto again = XmlHttpRequest::newInstance();
+    ASSERT_EQ(again->open(XmlHttpRequest::POST, server.url("/location"), false), 0);
+    ASSERT_EQ(again->send("<x/>", 4), 0);
+    ASSERT_EQ(again->getResponseText(data, length), 0);
+    EXPECT_EQ(std::string(data, length), "<LocationRS/>");
+  }
+}
+
+TEST_F(CurlXmlHttpRequestTest, SizeLimitIsExactAndCanBeLiftedBeforeSending) {
+  const std::string fiveMB(5u * 1024 * 1024, 'x');
+  const struct {
+    const char* name;
+    unsigned long limit;
+    HttpResponse response;
+    int result;
+    unsigned long length;
+  } cases[] = {
+      {"body exactly at the limit", 4, HttpResponse(200, "four"), 0, 4},
+      {"one byte over", 4, HttpResponse(200, "fives"), XmlHttpRequest::kEFBIG, 0},
+      {"one byte over, chunked", 4, HttpResponse::streamedBody(5, true), XmlHttpRequest::kEFBIG, 0},
+      {"an error page over the limit is refused too", 4, HttpResponse(500, "broken"), XmlHttpRequest::kEFBIG, 0},
+      {"no limit", 0, HttpResponse::streamedBody(fiveMB.size(), true), 0, 5u * 1024 * 1024},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpTestServer server;
+    server.enqueue(c.response);
+    auto request = XmlHttpRequest::newInstance();
+    ASSERT_EQ(request->open(XmlHttpRequest::GET, server.url("/tile"), false), 0);
+    ASSERT_EQ(request->setMaxResponseBytes(c.limit), 0);
+    EXPECT_EQ(request->send(), c.result);
+    const char* data = nullptr;
+    unsigned long length = 0;
+    EXPECT_EQ(request->getResponseText(data, length), c.result == 0 ? 0 : -1);
+    EXPECT_EQ(length, c.length);
+    EXPECT_EQ(request->setMaxResponseBytes(1), EINVAL) << "too late once sent";
   }
 }
 

@@ -10,8 +10,10 @@
 // ends a running transfer within about 0.1 s.
 //
 // Results are integers, 0 for success. The result of a transfer is 0 when a
-// status line was received (whatever the status: a 404 is a successful
-// transfer here); otherwise an error number in the numbering the library has
+// response was received (whatever the status: a 404 is a successful
+// transfer here), except that a 2xx response whose body was cut short (a
+// time-out or a reset half-way, fewer bytes than announced) is a failed
+// transfer, logged as an error; otherwise an error number in the numbering the library has
 // always reported (kEPROTONOSUPPORT, kEHOSTUNREACH, kECONNREFUSED, kETIMEDOUT,
 // kEPERM), or -1 for any other failure, an abort included.
 //
@@ -38,6 +40,11 @@ class XmlHttpRequest {
   static constexpr int kETIMEDOUT = 60;         // connect or transfer time-out
   static constexpr int kECONNREFUSED = 61;      // connection, TLS, send or receive failure
   static constexpr int kEHOSTUNREACH = 65;      // host or proxy name not resolved
+  static constexpr int kEFBIG = 27;             // response body larger than the request's limit
+
+  // The response body size a request accepts unless set otherwise: far more
+  // than any protocol answer, far less than would hurt.
+  static constexpr unsigned long kDefaultMaxResponseBytes = 4ul * 1024 * 1024;
 
   // The time-outs every request starts with, in milliseconds.
   static constexpr long kDefaultConnectTimeoutMs = 30000;
@@ -66,6 +73,10 @@ class XmlHttpRequest {
                                  bool async) = 0;
   // Adds (or replaces) a request header. 0, or 22 before open.
   virtual int setRequestHeader(const std::string& name, const std::string& value) = 0;
+  // The largest response body accepted, in bytes (0: no limit). A longer
+  // body -- announced by Content-Length or found while receiving -- stops the
+  // transfer, whose result is then kEFBIG. 0, or 22 after send.
+  virtual int setMaxResponseBytes(unsigned long bytes) = 0;
   // The function called when an asynchronous transfer ends, with `user`.
   virtual int setRequestCallback(RequestCallback callback, void* user) = 0;
   // Sends without a body. Synchronous: the transfer's result. Asynchronous: 0
@@ -89,7 +100,8 @@ class XmlHttpRequest {
   [[nodiscard]] virtual std::string getAllResponseHeaders() const = 0;
   // Points `data` and `length` at the response body, which stays valid while
   // the request lives. Returns 0 after a transfer that received a status line,
-  // otherwise -1 (not sent, still running, or failed before any response).
+  // otherwise -1 (not sent, still running, failed before any response, cut
+  // short, or stopped for a body over the size limit).
   [[nodiscard]] virtual int getResponseText(const char*& data, unsigned long& length) const = 0;
 };
 

@@ -147,6 +147,7 @@ HttpResponse FakePositioningServer::answer(const HttpRequest& request) {
       if (tile.id + "_" + tile.version != name) continue;
       HttpResponse response(tile.status, tile.status == 200 ? tile.bytes : std::string());
       response.delay = tile.delay;
+      if (tile.status == 200 && tile.streamedBytes > 0) response.streamedBodyBytes = tile.streamedBytes;
       return response;
     }
   }

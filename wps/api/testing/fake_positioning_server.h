@@ -17,6 +17,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -39,6 +40,7 @@ class FakePositioningServer {
     std::string bytes;  // the file served
     int status = 200;   // a status other than 200 is served with an empty body
     std::chrono::milliseconds delay{0};
+    uint64_t streamedBytes = 0;  // > 0: served as that many filler bytes, streamed (`bytes` unused)
   };
 
   FakePositioningServer();

@@ -1,0 +1,118 @@
+#include "platform/http_fetcher.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/system_log.h"
+#include "platform/testing/http_test_server.h"
+
+namespace zonara {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ClosedPort;
+using testing::HttpResponse;
+using testing::HttpTestServer;
+
+// Collects system-log lines for the life of the object.
+class LogLines {
+ public:
+  LogLines() {
+    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) {
+      std::lock_guard<std::mutex> lock(mu_);
+      lines_.push_back(line);
+    });
+  }
+  ~LogLines() { SetSystemLogSinkForTesting(nullptr); }
+  [[nodiscard]] bool has(const std::string& fragment) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const auto& l : lines_) {
+      if (l.find(fragment) != std::string::npos) return true;
+    }
+    return false;
+  }
+  [[nodiscard]] size_t count() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return lines_.size();
+  }
+
+ private:
+  mutable std::mutex mu_;
+  std::vector<std::string> lines_;
+};
+
+// Each fault gives no data and one log line naming the URL and the reason;
+// the same fetcher then gets the answer once the server behaves.
+TEST(CurlHttpFetcherTest, FaultsGiveNoDataALogLineAndDoNotOutliveTheFault) {
+  constexpr uint64_t k50MB = 50ull * 1024 * 1024;
+  auto stalled = [] {
+    HttpResponse r(200, "<geonames/>");
+    r.stallAfterHead = 3s;
+    return r;
+  };
+  const struct {
+    const char* name;
+    HttpResponse response;
+    const char* logged;
+  } cases[] = {
+      {"connection reset", HttpResponse::connectionReset(), "failed"},
+      {"answer slower than the time-out", HttpResponse(200, "<geonames/>").withDelay(3s), "failed: Operation timed out"},
+      {"head, then silence", stalled(), "failed: Operation timed out"},
+      {"fewer bytes than announced", HttpResponse::rawBytes("HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n<geo"),
+       "failed"},
+      {"garbage instead of HTTP", HttpResponse::rawBytes("\x01\x02 no status line\r\n\r\n"), "failed"},
+      {"empty answer", HttpResponse(200, ""), "failed: empty reply"},
+      {"50 MB announced", HttpResponse::streamedBody(k50MB), "is larger than 4194304 bytes; ignored"},
+      {"50 MB chunked", HttpResponse::streamedBody(k50MB, true), "is larger than 4194304 bytes; ignored"},
+  };
+  CurlHttpFetcher fetcher;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpTestServer server;
+    server.enqueue(c.response);
+    server.setDefaultResponse(HttpResponse(200, "<geonames/>"));
+    LogLines log;
+    EXPECT_EQ(fetcher.fetch(server.url("/timezone"), 500ms), std::nullopt);
+    EXPECT_TRUE(log.has(server.url("/timezone"))) << "the URL is named";
+    EXPECT_TRUE(log.has(c.logged));
+    EXPECT_EQ(fetcher.fetch(server.url("/timezone"), 2s), "<geonames/>");
+  }
+}
+
+TEST(CurlHttpFetcherTest, ErrorPagesAreDataAndTheLimitIsExact) {
+  const struct {
+    const char* name;
+    size_t limit;
+    HttpResponse response;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"an error page is data", 100, HttpResponse(503, "busy"), "busy"},
+      {"exactly the limit", 4, HttpResponse(200, "four"), "four"},
+      {"one byte over", 4, HttpResponse(200, "fives"), std::nullopt},
+      {"one byte over, chunked", 4, HttpResponse::streamedBody(5, true), std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpTestServer server;
+    server.enqueue(c.response);
+    LogLines log;
+    CurlHttpFetcher fetcher(c.limit);
+    EXPECT_EQ(fetcher.fetch(server.url("/"), 2s), c.expected);
+    EXPECT_EQ(log.count(), c.expected ? 0u : 1u);
+  }
+}
+
+TEST(CurlHttpFetcherTest, RefusedConnectionIsLogged) {
+  ClosedPort closed;
+  LogLines log;
+  CurlHttpFetcher fetcher;
+  EXPECT_EQ(fetcher.fetch(closed.url("/app/locate_my_ip"), 2s), std::nullopt);
+  EXPECT_TRUE(log.has("request to " + closed.url("/app/locate_my_ip") + " failed"));
+}
+
+}  // namespace
+}  // namespace zonara
