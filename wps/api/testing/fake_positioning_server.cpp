@@ -53,6 +53,11 @@ void FakePositioningServer::setLocation(std::optional<LocatedAccessPoint> where,
   nap_ = nap;
 }
 
+void FakePositioningServer::setLocator(Locator locator) {
+  std::lock_guard<std::mutex> lock(mu_);
+  locator_ = std::move(locator);
+}
+
 void FakePositioningServer::setRegistrationAccepted(bool accepted) {
   std::lock_guard<std::mutex> lock(mu_);
   registrationAccepted_ = accepted;
@@ -115,15 +120,39 @@ std::string FakePositioningServer::tilingReply() const {
   return body;
 }
 
+namespace {
+
+// The texts of the <mac> elements of a request body, in order.
+std::vector<std::string> requestMacs(const std::string& body) {
+  std::vector<std::string> macs;
+  const std::string open = "<mac>", close = "</mac>";
+  for (size_t at = body.find(open); at != std::string::npos; at = body.find(open, at)) {
+    at += open.size();
+    const size_t end = body.find(close, at);
+    if (end == std::string::npos) break;
+    macs.push_back(body.substr(at, end - at));
+  }
+  return macs;
+}
+
+}  // namespace
+
 HttpResponse FakePositioningServer::answer(const HttpRequest& request) {
-  std::lock_guard<std::mutex> lock(mu_);
+  std::unique_lock<std::mutex> lock(mu_);
   const std::string path = request.path();
   if (request.method == "POST" && path == "/location") {
-    if (!location_) return HttpResponse(200, rootOpen("LocationRS") + "<error>no location</error></LocationRS>");
+    std::optional<LocatedAccessPoint> where = location_;
+    if (Locator locator = locator_) {
+      // Outside the lock: the locator may take its time or call back in.
+      lock.unlock();
+      where = locator(requestMacs(request.body));
+      lock.lock();
+    }
+    if (!where) return HttpResponse(200, rootOpen("LocationRS") + "<error>no location</error></LocationRS>");
     char text[256];
     std::snprintf(text, sizeof text,
                   "<location nap='%u'><latitude>%.7f</latitude><longitude>%.7f</longitude><hpe>%.1f</hpe></location>",
-                  nap_, location_->latitude, location_->longitude, hpe_);
+                  nap_, where->latitude, where->longitude, hpe_);
     return HttpResponse(200, rootOpen("LocationRS") + text + "</LocationRS>");
   }
   if (request.method == "POST" && path == "/registration") {
