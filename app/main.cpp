@@ -5,11 +5,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "app/app_controller.h"
 #include "app/zonara_application.h"
+#include "platform/clock.h"
 #include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
 #include "sensors/location_sensing.h"
@@ -80,9 +83,30 @@ std::string dataFolder() {
   return std::string(home ? home : "") + "/.local/share/Zonara";
 }
 
+// The link (or file) the system's current zone is read from. Tests and the
+// demonstration point ZONARA_LOCALTIME at a private link that their
+// set-time-zone command re-points, so the real system is never involved.
+std::string localtimePath() {
+  if (const char* path = std::getenv("ZONARA_LOCALTIME"); path && *path) return path;
+  return "/etc/localtime";
+}
+
 }  // namespace
 
 int main() {
+  // ZONARA_TIME_SCALE speeds up the helper's clock for tests and the
+  // demonstration: every timer and pause is shortened alike, nothing else
+  // changes.
+  std::unique_ptr<ScaledClock> scaledClock;
+  if (const char* scale = std::getenv("ZONARA_TIME_SCALE"); scale && *scale) {
+    if (std::optional<double> factor = ScaledClock::parseFactor(scale); factor && *factor > 1.0) {
+      scaledClock = std::make_unique<ScaledClock>(*factor);
+      Clock::set(scaledClock.get());
+    } else if (!factor) {
+      SystemLogAt(LogPriority::Warning, "ignoring ZONARA_TIME_SCALE=%s: not a number >= 1", scale);
+    }
+  }
+
   // The positioning library looks for its logging configuration in the
   // running program's preferences domain: ours.
   WPS::SPI::Logger::setApplicationDomain(AppController::kServerName);
@@ -117,7 +141,7 @@ int main() {
   }
   SubprocessCommandRunner commandRunner;
   LinuxWorkspace workspace;
-  DateTzDatabase zones;
+  DateTzDatabase zones(localtimePath());
   CurlHttpFetcher fetcher;
 
   AppController::Services services;
@@ -196,5 +220,6 @@ int main() {
   sleepWatcher.reset();
   location.sensing = nullptr;
   sensing.reset();
+  Clock::set(nullptr);
   return 0;
 }

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 
 namespace zonara {
 
@@ -31,6 +32,11 @@ class Clock {
   // True for clocks whose time moves only when told to; run loops then wait
   // for a wake-up instead of a real time-out.
   [[nodiscard]] virtual bool isVirtual() const { return false; }
+  // How much real time passes while `d` of this clock's time passes: what a
+  // run loop waits for in poll() before its next timer is due. Clocks that
+  // keep real time return `d`; a sped-up clock returns less (never 0 for a
+  // positive `d`, so a loop never spins).
+  [[nodiscard]] virtual Duration realDuration(Duration d) const { return d; }
 
   // The installed clock: the real one unless a test installed another.
   [[nodiscard]] static Clock& get();
@@ -45,6 +51,32 @@ class RealClock final : public Clock {
   [[nodiscard]] TimePoint now() const override;
   [[nodiscard]] WallTime wallNow() const override;
   void sleepFor(Duration d) override;
+};
+
+// Real time sped up by a constant factor (>= 1), counted from construction:
+// `now()` and `wallNow()` advance `factor` times as fast as the real clocks,
+// and `sleepFor(d)` blocks for d / factor. The helper installs one when its
+// environment asks for shorter delays (tests and the demonstration), so the
+// same code runs with every timer and pause shortened alike.
+class ScaledClock final : public Clock {
+ public:
+  explicit ScaledClock(double factor);
+  [[nodiscard]] TimePoint now() const override;
+  [[nodiscard]] WallTime wallNow() const override;
+  void sleepFor(Duration d) override;
+  [[nodiscard]] Duration realDuration(Duration d) const override;
+  [[nodiscard]] double factor() const { return factor_; }
+
+  // The factor in `text` (a decimal number >= 1), or nullopt for anything
+  // else (empty, not a number, below 1, not finite).
+  [[nodiscard]] static std::optional<double> parseFactor(const char* text);
+
+ private:
+  [[nodiscard]] std::chrono::microseconds scaledSinceStart() const;
+  const double factor_;
+  const std::chrono::steady_clock::time_point realStart_;
+  const TimePoint start_;
+  const WallTime wallStart_;
 };
 
 // Time that moves only through `advance`, `advanceTo` and `sleepFor` (which

@@ -133,7 +133,7 @@ int RunLoop::pollTimeoutMs() const {
   if (*next <= now) return 0;
   // A virtual clock wakes the loop when it moves; no real time-out applies.
   if (clock.isVirtual()) return -1;
-  auto remaining = (*next - now).count();
+  auto remaining = clock.realDuration(*next - now).count();
   return remaining > INT32_MAX ? INT32_MAX : static_cast<int>(remaining);
 }
 

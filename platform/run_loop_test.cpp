@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -182,6 +183,50 @@ TEST(VirtualClockTest, SleepAdvancesAndWallTimeFollows) {
   clock.advanceTo(Clock::TimePoint(1000ms));  // in the past: no change
   EXPECT_EQ(clock.now(), Clock::TimePoint(1500ms));
   EXPECT_EQ(clock.wallNow(), Clock::WallTime(std::chrono::hours(24 * 365) + 1500ms));
+}
+
+TEST(ScaledClockTest, ParseFactorAcceptsOnlyNumbersOfAtLeastOne) {
+  struct Case {
+    const char* text;
+    std::optional<double> factor;
+  };
+  for (const Case& c : std::vector<Case>{{"1", 1.0},
+                                         {"20", 20.0},
+                                         {"2.5", 2.5},
+                                         {nullptr, std::nullopt},
+                                         {"", std::nullopt},
+                                         {"0.5", std::nullopt},
+                                         {"-3", std::nullopt},
+                                         {"fast", std::nullopt},
+                                         {"10x", std::nullopt},
+                                         {"inf", std::nullopt},
+                                         {"nan", std::nullopt}}) {
+    EXPECT_EQ(ScaledClock::parseFactor(c.text), c.factor) << (c.text ? c.text : "(null)");
+  }
+}
+
+TEST(ScaledClockTest, TimersSleepsAndWallTimeRunFaster) {
+  ScaledClock clock(100);
+  ScopedClock installed(clock);
+  EXPECT_EQ(clock.realDuration(2000ms), 20ms);
+  EXPECT_EQ(clock.realDuration(1ms), 1ms);  // never 0: a loop must not spin
+  EXPECT_EQ(clock.realDuration(0ms), 0ms);
+
+  const auto realStart = std::chrono::steady_clock::now();
+  const auto start = clock.now();
+  const auto wallStart = clock.wallNow();
+  clock.sleepFor(500ms);
+  EXPECT_GE(clock.now() - start, 500ms);
+  EXPECT_GE(clock.wallNow() - wallStart, 500ms);
+
+  // A 60 s timer of the scaled clock fires after 0.6 s of real time, well
+  // before the loop's own real limit.
+  RunLoop& loop = RunLoop::current();
+  bool fired = false;
+  loop.performAfterDelay(std::chrono::seconds(60), [&] { fired = true; });
+  EXPECT_TRUE(loop.runUntil([&] { return fired; }, std::chrono::seconds(20)));
+  EXPECT_GE(clock.now() - start, std::chrono::seconds(60));
+  EXPECT_GE(std::chrono::steady_clock::now() - realStart, 600ms);
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include "platform/system_log.h"
 
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #include <errno.h>
@@ -33,6 +35,23 @@ int SyslogPriority(LogPriority p) {
   return LOG_NOTICE;
 }
 
+// Standard error gets every message too, unless it is the journal's own
+// stream (systemd then sets JOURNAL_STREAM to its device and inode), where
+// the syslog copy already lands. Under a terminal, a test or a script, the
+// messages are thus visible without a system logger.
+bool StderrWanted() {
+  static const bool wanted = [] {
+    struct stat st {};
+    if (fstat(STDERR_FILENO, &st) != 0) return false;
+    const char* journal = std::getenv("JOURNAL_STREAM");
+    if (!journal || !*journal) return true;
+    unsigned long long device = 0, inode = 0;
+    if (std::sscanf(journal, "%llu:%llu", &device, &inode) != 2) return true;
+    return !(device == static_cast<unsigned long long>(st.st_dev) && inode == static_cast<unsigned long long>(st.st_ino));
+  }();
+  return wanted;
+}
+
 void Emit(LogPriority priority, const char* format, va_list args) {
   char buffer[2048];
   std::vsnprintf(buffer, sizeof buffer, format, args);
@@ -45,7 +64,7 @@ void Emit(LogPriority priority, const char* format, va_list args) {
   }
   // openlog is not needed: syslog uses program_invocation_short_name as ident.
   syslog(SyslogPriority(priority), "%s", buffer);
-  if (isatty(STDERR_FILENO)) {
+  if (StderrWanted()) {
     std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, buffer);
   }
 }

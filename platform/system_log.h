@@ -1,5 +1,7 @@
 // The system log: syslog(3) under the program's name (journald keeps it), and
-// standard error as well when that is a terminal.
+// standard error as well unless standard error is the journal's stream
+// (JOURNAL_STREAM names it), so terminals, scripts and tests see every line
+// and the journal gets each line once.
 //
 // Thread safety: any thread.
 #pragma once
