@@ -114,23 +114,33 @@ std::string degrees(double value) {
   return text;
 }
 
-// Reports the positioning server's requests other than location requests
-// (the locator reports those itself) as they are recorded.
+// Reports the positioning server's requests in the order they came. What a
+// location request was answered is told by the locator (`located`), on the
+// server's thread; the report waits for it.
 class RequestReporter {
  public:
   explicit RequestReporter(FakePositioningServer& server) : server_(server) {}
+  void located(std::string line) {
+    std::lock_guard<std::mutex> lock(mu_);
+    answers_.push_back(std::move(line));
+  }
   void poll() {
     const std::vector<testing::HttpRequest> requests = server_.http().requests();
     for (; seen_ < requests.size(); ++seen_) {
       const testing::HttpRequest& request = requests[seen_];
       const std::string path = request.path();
-      if (path == "/registration") {
+      if (path == "/location") {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (answers_.empty()) return;  // being answered: next time
+        say(answers_.front());
+        answers_.erase(answers_.begin());
+      } else if (path == "/registration") {
         say("positioning server: registration of a new user");
       } else if (path == "/tiling") {
         say("positioning server: tiling request; offering the tiles of every city");
       } else if (path.rfind("/tiles/", 0) == 0) {
         say("positioning server: download of tile " + path.substr(7, path.rfind('/') - 7));
-      } else if (path != "/location") {
+      } else {
         say("positioning server: " + request.method + " " + path + " (not served)");
       }
     }
@@ -139,6 +149,8 @@ class RequestReporter {
  private:
   FakePositioningServer& server_;
   size_t seen_ = 0;
+  std::mutex mu_;
+  std::vector<std::string> answers_;
 };
 
 }  // namespace
@@ -205,17 +217,18 @@ int main(int argc, char** argv) {
     positioning->addTile(std::move(tile));
   }
   const CityTable& cities = *table;
-  positioning->setLocator([&locator, &cities](const std::vector<std::string>& macs)
+  RequestReporter reporter(*positioning);
+  positioning->setLocator([&locator, &cities, &reporter](const std::vector<std::string>& macs)
                               -> std::optional<WPS::API::LocatedAccessPoint> {
     const std::optional<AccessPointLocator::Fix> fix = locator.locate(macs);
     if (!fix) {
-      say("positioning server: location request with " + std::to_string(macs.size()) +
-          " access points, none known: no location");
+      reporter.located("positioning server: location request with " + std::to_string(macs.size()) +
+                       " access points, none known: no location");
       return std::nullopt;
     }
-    say("positioning server: location request with " + std::to_string(macs.size()) + " access points, " +
-        std::to_string(fix->known) + " known: " + degrees(fix->latitude) + " " + degrees(fix->longitude) +
-        " (" + cities.nearest(fix->latitude, fix->longitude).name + ")");
+    reporter.located("positioning server: location request with " + std::to_string(macs.size()) +
+                     " access points, " + std::to_string(fix->known) + " known: " + degrees(fix->latitude) + " " +
+                     degrees(fix->longitude) + " (" + cities.nearest(fix->latitude, fix->longitude).name + ")");
     WPS::API::LocatedAccessPoint where;
     where.latitude = fix->latitude;
     where.longitude = fix->longitude;
@@ -238,7 +251,6 @@ int main(int argc, char** argv) {
         },
         loop);
   }
-  RequestReporter reporter(*positioning);
   g_timeout_add(
       100,
       [](gpointer data) -> gboolean {
