@@ -26,9 +26,15 @@ function(zonara_add_test name)
   endif()
   set(tmp ${CMAKE_BINARY_DIR}/test-tmp/${name})
   file(MAKE_DIRECTORY ${tmp})
+  # Tests that wait for other processes stretch their time-outs by
+  # ZONARA_TEST_TIMEOUT_SCALE; sanitized programs run several times slower.
+  set(timeout_scale 1)
+  if(ZONARA_SANITIZE)
+    set(timeout_scale 4)
+  endif()
   set_tests_properties(${name} PROPERTIES
     TIMEOUT ${ARG_TIMEOUT}
-    ENVIRONMENT "ZONARA_TEST_TMPDIR=${tmp};ZONARA_SOURCE_DIR=${PROJECT_SOURCE_DIR}"
+    ENVIRONMENT "ZONARA_TEST_TMPDIR=${tmp};ZONARA_SOURCE_DIR=${PROJECT_SOURCE_DIR};ZONARA_TEST_TIMEOUT_SCALE=${timeout_scale}"
     LABELS "${ARG_LABELS}")
 endfunction()
 

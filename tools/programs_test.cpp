@@ -14,6 +14,7 @@
 #include "platform/dbus.h"
 #include "platform/preferences_store.h"
 #include "platform/run_loop.h"
+#include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/test_bus.h"
 #include "prefs/ZonaraPreferencesController.h"
@@ -29,55 +30,29 @@ using testing::HttpResponse;
 
 fs::path binDir() { return fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin"; }
 
-struct Child {
-  pid_t pid = -1;
-  int out = -1;
-};
-
 // Starts `argv` with `env` added to this process's environment; standard
-// output goes to a pipe.
-Child spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env) {
-  int fds[2];
-  if (pipe(fds) != 0) return {};
-  pid_t pid = fork();
-  if (pid == 0) {
-    for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-    dup2(fds[1], STDOUT_FILENO);
-    close(fds[0]);
-    close(fds[1]);
-    int devnull = open("/dev/null", O_RDWR);
-    dup2(devnull, STDIN_FILENO);
-    dup2(devnull, STDERR_FILENO);
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  return {pid, fds[0]};
+// output is captured.
+std::unique_ptr<testing::ChildProcess> spawn(const std::vector<std::string>& argv,
+                                             const std::map<std::string, std::string>& env) {
+  testing::ChildProcess::Options options;
+  options.argv = argv;
+  options.setEnvironment = env;
+  options.out = {testing::ChildProcess::Output::Pipe, "", ""};
+  std::string error;
+  auto child = testing::ChildProcess::start(options, &error);
+  EXPECT_TRUE(child) << error;
+  return child;
 }
 
 // Waits up to `limit` for the child to end; its exit status, or -1 if it is
 // still running.
-int waitFor(const Child& c, std::chrono::milliseconds limit) {
-  auto end = std::chrono::steady_clock::now() + limit;
-  int status = 0;
-  while (true) {
-    pid_t r = waitpid(c.pid, &status, WNOHANG);
-    if (r == c.pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (std::chrono::steady_clock::now() >= end) return -1;
-    std::this_thread::sleep_for(10ms);
-  }
-}
+int waitFor(testing::ChildProcess& c, std::chrono::milliseconds limit) { return c.waitFor(limit).value_or(-1); }
 
-std::string readAll(int fd) {
-  std::string s;
-  char buf[256];
-  ssize_t n;
-  while ((n = read(fd, buf, sizeof buf)) > 0) s.append(buf, n);
-  close(fd);
-  return s;
+// Everything the child wrote to standard output, once it has ended (up to 20 s).
+std::string readAll(testing::ChildProcess& c) {
+  (void)c.waitFor(20s);
+  EXPECT_TRUE(c.waitForEndOfOutput(5s));
+  return c.capturedOut();
 }
 
 class ProgramsTest : public ::testing::Test {
@@ -121,9 +96,10 @@ TEST_F(ProgramsTest, ZonaraTimezonePrintsTheZoneTheHelperWouldChoose) {
                                          {{"frobnicate"}, "", 2}}) {
     std::vector<std::string> argv{(binDir() / "zonara").string()};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
-    Child child = spawn(argv, env_);
-    std::string out = readAll(child.out);
-    EXPECT_EQ(waitFor(child, 10s), c.status) << c.args.back();
+    auto child = spawn(argv, env_);
+    ASSERT_TRUE(child);
+    std::string out = readAll(*child);
+    EXPECT_EQ(waitFor(*child, 10s), c.status) << c.args.back();
     EXPECT_EQ(out, c.out) << c.args.back();
   }
   EXPECT_EQ(http_.requestCount(), 2u);
@@ -149,24 +125,23 @@ TEST_F(ProgramsTest, HelperRegistersItsNameASecondCopyStaysInertAndShutdownEndsI
   env_["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
   const std::string helper = (binDir() / "ZonaraHelper").string();
 
-  Child first = spawn({helper}, env_);
+  auto first = spawn({helper}, env_);
+  ASSERT_TRUE(first);
   RunLoop& loop = RunLoop::current();
   ASSERT_TRUE(loop.runUntil([&] { return nameHasOwner(*client, "org.quillon.ZonaraHelper"); }, 5s));
   EXPECT_TRUE(fs::is_directory(root_ / "data/Zonara/Telluro Cache"));
 
-  Child second = spawn({helper}, env_);
-  EXPECT_EQ(waitFor(second, 300ms), -1);  // stays, inert
+  auto second = spawn({helper}, env_);
+  ASSERT_TRUE(second);
+  EXPECT_EQ(waitFor(*second, 300ms), -1);  // stays, inert
 
   DBusDistributedNotificationCenter center(*client);
   center.post({"ZonaraShutdown", "", {}});
-  EXPECT_EQ(waitFor(first, 5s), 0);
-  EXPECT_EQ(waitFor(second, 200ms), -1);  // the inert copy does not listen
+  EXPECT_EQ(waitFor(*first, 5s), 0);
+  EXPECT_EQ(waitFor(*second, 200ms), -1);  // the inert copy does not listen
   EXPECT_FALSE(nameHasOwner(*client, "org.quillon.ZonaraHelper"));
 
-  kill(second.pid, SIGTERM);  // ends it cleanly
-  EXPECT_EQ(waitFor(second, 5s), 0);
-  close(first.out);
-  close(second.out);
+  EXPECT_EQ(second->terminate(), 0);  // SIGTERM ends it cleanly
 }
 
 
@@ -179,9 +154,10 @@ struct ZonaraRun {
 ZonaraRun zonara(const std::vector<std::string>& args, const std::map<std::string, std::string>& env) {
   std::vector<std::string> argv{(binDir() / "zonara").string()};
   argv.insert(argv.end(), args.begin(), args.end());
-  Child child = spawn(argv, env);
-  std::string out = readAll(child.out);
-  return {waitFor(child, 20s), out, child.pid};
+  auto child = spawn(argv, env);
+  if (!child) return {-1, "", -1};
+  std::string out = readAll(*child);
+  return {waitFor(*child, 20s), out, child->pid()};
 }
 
 pid_t ownerPid(DBusConnection& c, const char* name) {

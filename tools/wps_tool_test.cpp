@@ -1,8 +1,6 @@
 // wps-tool's location commands run as a user runs them: the built program,
 // a scan file for the Wi-Fi, and a positioning server on loopback.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
 #include "wps/api/config.h"
 
@@ -23,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HttpRequest;
 using testing::HttpResponse;
+using testing::ChildProcess;
 using testing::HttpTestServer;
 
 fs::path binDir() { return fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin"; }
@@ -78,29 +78,17 @@ class WpsToolTest : public ::testing::Test {
     const fs::path err = dir_ / "stderr";
     std::vector<std::string> argv{(binDir() / "wps-tool").string()};
     argv.insert(argv.end(), args.begin(), args.end());
-    const pid_t pid = fork();
-    if (pid == 0) {
-      setenv("WPS_SCAN_FILE", scanFile.c_str(), 1);
-      setenv("XDG_CONFIG_HOME", (dir_ / "config").c_str(), 1);
-      unsetenv("LOG4CPP_CONFIGURATION");
-      const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int in = open("/dev/null", O_RDONLY);
-      if (o < 0 || e < 0 || in < 0) _exit(126);
-      dup2(o, STDOUT_FILENO);
-      dup2(e, STDERR_FILENO);
-      dup2(in, STDIN_FILENO);
-      std::vector<char*> raw;
-      for (auto& a : argv) raw.push_back(a.data());
-      raw.push_back(nullptr);
-      execv(raw[0], raw.data());
-      _exit(127);
-    }
+    ChildProcess::Options options;
+    options.argv = argv;
+    options.setEnvironment = {{"WPS_SCAN_FILE", scanFile.string()}, {"XDG_CONFIG_HOME", (dir_ / "config").string()}};
+    options.unsetEnvironment = {"LOG4CPP_CONFIGURATION"};
+    options.out = {ChildProcess::Output::File, out.string(), ""};
+    options.err = {ChildProcess::Output::File, err.string(), ""};
     Result result;
-    int status = 0;
-    if (pid > 0 && waitpid(pid, &status, 0) == pid) {
-      result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
+    std::string error;
+    auto child = ChildProcess::start(options, &error);
+    EXPECT_TRUE(child) << error;
+    if (child) result.status = child->waitFor(std::chrono::seconds(60)).value_or(-1);
     result.out = slurp(out);
     result.err = slurp(err);
     return result;

@@ -1,12 +1,7 @@
 #include "platform/testing/test_bus.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 
@@ -26,37 +21,18 @@ TestBus::TestBus() {
         << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow send_destination=\"*\" "
            "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
   }
-  int fds[2];
-  if (pipe(fds) != 0) return;
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    close(fds[0]);
-    close(fds[1]);
-    int devnull = open("/dev/null", O_RDWR);
-    if (devnull >= 0) dup2(devnull, STDIN_FILENO);
-    std::string configArg = "--config-file=" + config;
-    execlp("dbus-daemon", "dbus-daemon", configArg.c_str(), "--print-address=1", "--nofork", nullptr);
-    _exit(127);
-  }
-  close(fds[1]);
-  if (pid_ < 0) {
-    close(fds[0]);
-    return;
-  }
-  std::string line;
-  char c;
-  while (read(fds[0], &c, 1) == 1 && c != '\n') line.push_back(c);
-  close(fds[0]);
-  address_ = line;
+  ChildProcess::Options options;
+  options.argv = {"dbus-daemon", "--config-file=" + config, "--print-address=1", "--nofork"};
+  options.out = {ChildProcess::Output::Pipe, "", ""};
+  options.err = {ChildProcess::Output::Inherit, "", ""};
+  daemon_ = ChildProcess::start(options);
+  if (!daemon_ || !daemon_->waitForOut("\n", std::chrono::seconds(10))) return;
+  const std::string printed = daemon_->capturedOut();
+  address_ = printed.substr(0, printed.find('\n'));
 }
 
 TestBus::~TestBus() {
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);
-    int status;
-    waitpid(pid_, &status, 0);
-  }
+  if (daemon_) (void)daemon_->terminate();
   if (!dir_.empty()) {
     std::error_code ignored;
     std::filesystem::remove_all(dir_, ignored);

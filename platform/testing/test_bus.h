@@ -5,9 +5,10 @@
 // Thread safety: one thread.
 #pragma once
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
+
+#include "platform/testing/child_process.h"
 
 namespace zonara::testing {
 
@@ -25,8 +26,8 @@ class TestBus {
   void exportAsSessionBus() const;
 
  private:
-  pid_t pid_ = -1;
   std::string dir_;
+  std::unique_ptr<ChildProcess> daemon_;
   std::string address_;
 };
 

@@ -145,6 +145,18 @@ std::optional<AccessPointLocator::Fix> AccessPointLocator::locate(const std::vec
   return fix;
 }
 
+std::vector<std::string> RequestMacs(const std::string& body) {
+  std::vector<std::string> macs;
+  const std::string open = "<mac>", close = "</mac>";
+  for (size_t at = body.find(open); at != std::string::npos; at = body.find(open, at)) {
+    at += open.size();
+    const size_t end = body.find(close, at);
+    if (end == std::string::npos) break;
+    macs.push_back(body.substr(at, end - at));
+  }
+  return macs;
+}
+
 std::optional<std::string> QueryValue(const std::string& query, const std::string& name) {
   size_t start = 0;
   while (start <= query.size()) {

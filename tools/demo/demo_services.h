@@ -110,6 +110,10 @@ class CityServices {
   testing::HttpTestServer http_;  // last: stops first
 };
 
+// The MACs a positioning request lists (the texts of its <mac> elements), in
+// order.
+[[nodiscard]] std::vector<std::string> RequestMacs(const std::string& body);
+
 // The value of `name` in a URL query ("lat=1&lng=2"), or nullopt.
 [[nodiscard]] std::optional<std::string> QueryValue(const std::string& query, const std::string& name);
 

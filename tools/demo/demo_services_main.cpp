@@ -218,8 +218,11 @@ int main(int argc, char** argv) {
   }
   const CityTable& cities = *table;
   RequestReporter reporter(*positioning);
-  positioning->setLocator([&locator, &cities, &reporter](const std::vector<std::string>& macs)
+  // Called under the server's lock: it touches only the tables and the
+  // reporter's own list.
+  positioning->setLocator([&locator, &cities, &reporter](const testing::HttpRequest& request)
                               -> std::optional<WPS::API::LocatedAccessPoint> {
+    const std::vector<std::string> macs = RequestMacs(request.body);
     const std::optional<AccessPointLocator::Fix> fix = locator.locate(macs);
     if (!fix) {
       reporter.located("positioning server: location request with " + std::to_string(macs.size()) +

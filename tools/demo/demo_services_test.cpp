@@ -127,6 +127,15 @@ TEST(TimeZoneAnswerTest, GivesTheZoneWithItsJanuaryAndJulyOffsetsInHours) {
   EXPECT_FALSE(TimeZoneAnswer(City{"x", 0, 0, "Mars/Olympus_Mons", "Olympus"}, 0, 0, 2026));
 }
 
+TEST(RequestMacsTest, ListsTheMacElementsInOrder) {
+  EXPECT_EQ(RequestMacs("<?xml version='1.0'?><LocationRQ><access-point><mac>0012A3B4C5D6</mac><signal-strength>-61"
+                        "</signal-strength></access-point><access-point><mac>AABBCCDDEEFF</mac></access-point>"
+                        "</LocationRQ>"),
+            (std::vector<std::string>{"0012A3B4C5D6", "AABBCCDDEEFF"}));
+  EXPECT_EQ(RequestMacs("<mac></mac><mac>01</mac><mac>unterminated"), (std::vector<std::string>{"", "01"}));
+  EXPECT_TRUE(RequestMacs("<LocationRQ/>").empty());
+}
+
 TEST(QueryValueTest, FindsWholeNamesOnly) {
   EXPECT_EQ(QueryValue("lat=1.5&lng=-2&style=full", "lng"), "-2");
   EXPECT_EQ(QueryValue("lat=1.5&lng=-2", "lat"), "1.5");
@@ -218,8 +227,8 @@ TEST_F(ShippedDataTest, TheTimeZoneLookupFindsEveryCitysZoneThroughTheService) {
 // library's public function against the stand-in positioning server.
 TEST_F(ShippedDataTest, EachCitysScanIsLocatedInThatCityByThePositioningLibrary) {
   WPS::API::testing::FakePositioningServer server;
-  server.setLocator([this](const std::vector<std::string>& macs) -> std::optional<WPS::API::LocatedAccessPoint> {
-    std::optional<AccessPointLocator::Fix> fix = locator_.locate(macs);
+  server.setLocator([this](const testing::HttpRequest& request) -> std::optional<WPS::API::LocatedAccessPoint> {
+    std::optional<AccessPointLocator::Fix> fix = locator_.locate(RequestMacs(request.body));
     if (!fix) return std::nullopt;
     WPS::API::LocatedAccessPoint where;
     where.latitude = fix->latitude;

@@ -3,8 +3,6 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,52 +13,12 @@
 #include <string>
 #include <thread>
 
-extern char** environ;
-static int counter = 0;
+#include "platform/testing/test_bus.h"
+
 
 namespace WPS {
 namespace SPI {
 namespace {
-
-// A private dbus-daemon for the length of a test.
-class PrivateBus {
- public:
-  PrivateBus() {
-    const char* dir = std::getenv("ZONARA_TEST_TMPDIR");
-    std::string base = std::string(dir ? dir : "/tmp") + "/nm-bus-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
-    std::string config = base + ".conf";
-    std::ofstream(config) << "<busconfig><type>session</type><listen>unix:path=" << base
-                          << ".socket</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                             "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-                             "<allow own=\"*\"/></policy></busconfig>";
-    int out[2];
-    if (pipe(out) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    std::string configArg = "--config-file=" + config;
-    char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>(configArg.c_str()),
-                    const_cast<char*>("--nofork"), const_cast<char*>("--print-address"), nullptr};
-    if (posix_spawnp(&pid_, "dbus-daemon", &actions, nullptr, argv, environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    char c;
-    while (pid_ > 0 && read(out[0], &c, 1) == 1 && c != '\n') address_ += c;
-    ::close(out[0]);
-  }
-  ~PrivateBus() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  const std::string& address() const { return address_; }
-
- private:
-  pid_t pid_ = -1;
-  std::string address_;
-};
 
 const char* kIntrospection =
     "<node>"
@@ -193,7 +151,7 @@ class NetworkManagerScanTest : public ::testing::Test {
   void SetUp() override {
     if (bus_.address().empty()) GTEST_SKIP() << "no dbus-daemon";
   }
-  PrivateBus bus_;
+  zonara::testing::TestBus bus_;  // a private dbus-daemon for the length of a test
 };
 
 TEST_F(NetworkManagerScanTest, NotRunningIsNoEntry) {

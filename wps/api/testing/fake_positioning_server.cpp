@@ -46,16 +46,16 @@ std::string FakePositioningServer::makeTileFile(const std::vector<LocatedAccessP
   return std::string(bytes.begin(), bytes.end());
 }
 
+void FakePositioningServer::setLocator(Locator locator) {
+  std::lock_guard<std::mutex> lock(mu_);
+  locator_ = std::move(locator);
+}
+
 void FakePositioningServer::setLocation(std::optional<LocatedAccessPoint> where, double hpe, unsigned nap) {
   std::lock_guard<std::mutex> lock(mu_);
   location_ = where;
   hpe_ = hpe;
   nap_ = nap;
-}
-
-void FakePositioningServer::setLocator(Locator locator) {
-  std::lock_guard<std::mutex> lock(mu_);
-  locator_ = std::move(locator);
 }
 
 void FakePositioningServer::setRegistrationAccepted(bool accepted) {
@@ -120,34 +120,11 @@ std::string FakePositioningServer::tilingReply() const {
   return body;
 }
 
-namespace {
-
-// The texts of the <mac> elements of a request body, in order.
-std::vector<std::string> requestMacs(const std::string& body) {
-  std::vector<std::string> macs;
-  const std::string open = "<mac>", close = "</mac>";
-  for (size_t at = body.find(open); at != std::string::npos; at = body.find(open, at)) {
-    at += open.size();
-    const size_t end = body.find(close, at);
-    if (end == std::string::npos) break;
-    macs.push_back(body.substr(at, end - at));
-  }
-  return macs;
-}
-
-}  // namespace
-
 HttpResponse FakePositioningServer::answer(const HttpRequest& request) {
-  std::unique_lock<std::mutex> lock(mu_);
+  std::lock_guard<std::mutex> lock(mu_);
   const std::string path = request.path();
   if (request.method == "POST" && path == "/location") {
-    std::optional<LocatedAccessPoint> where = location_;
-    if (Locator locator = locator_) {
-      // Outside the lock: the locator may take its time or call back in.
-      lock.unlock();
-      where = locator(requestMacs(request.body));
-      lock.lock();
-    }
+    const std::optional<LocatedAccessPoint> where = locator_ ? locator_(request) : location_;
     if (!where) return HttpResponse(200, rootOpen("LocationRS") + "<error>no location</error></LocationRS>");
     char text[256];
     std::snprintf(text, sizeof text,

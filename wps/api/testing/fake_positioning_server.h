@@ -56,15 +56,13 @@ class FakePositioningServer {
 
   // The answer to /location: the given fix, or (nullopt) an error document.
   void setLocation(std::optional<LocatedAccessPoint> where, double hpe = 25.0, unsigned nap = 5);
-  void setRegistrationAccepted(bool accepted);
-  // Answers /location from the access points the request lists instead of
-  // the fixed fix: `locator` gets their MACs in request order (twelve
-  // upper-case hexadecimal digits each, as sent) and returns the fix, or
-  // nullopt for the error document; hpe and nap are those of setLocation.
-  // Called on a connection thread, one call at a time, without the server's
-  // lock held. nullptr goes back to the fixed fix.
-  using Locator = std::function<std::optional<LocatedAccessPoint>(const std::vector<std::string>& macs)>;
+  // When set, /location answers where `locator` places the request (whose
+  // body holds the scanned access points): a fix, or (nullopt) an error
+  // document; the configured location is then not used. Called on a server
+  // thread under the server's lock: it must not call back into the server.
+  using Locator = std::function<std::optional<LocatedAccessPoint>(const zonara::testing::HttpRequest&)>;
   void setLocator(Locator locator);
+  void setRegistrationAccepted(bool accepted);
 
   // Adds (or replaces, by id and version) a tile. Tiles are offered in the
   // order they were added unless setOfferedTiles says otherwise.
@@ -89,10 +87,10 @@ class FakePositioningServer {
 
   mutable std::mutex mu_;
   std::optional<LocatedAccessPoint> location_;
+  Locator locator_;
   double hpe_ = 25.0;
   unsigned nap_ = 5;
   bool registrationAccepted_ = true;
-  Locator locator_;
   std::vector<Tile> tiles_;
   std::optional<std::vector<std::string>> offered_;
   std::optional<std::string> tilingBody_;

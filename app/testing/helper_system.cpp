@@ -1,0 +1,640 @@
+#include "app/testing/helper_system.h"
+
+#include <fcntl.h>
+#include <gio/gio.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "platform/dbus.h"
+#include "platform/testing/test_bus.h"
+#include "sensors/telluro_helper.h"
+#include "wps/api/tile_test_support.h"
+
+namespace zonara::testing {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr const char* kHelperName = "org.quillon.ZonaraHelper";
+bool g_namespace = false;
+
+bool writeProcFile(const char* path, const std::string& text) {
+  const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  return ok;
+}
+
+bool run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
+
+fs::path binDir() { return fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin"; }
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+std::optional<double> queryNumber(const std::string& query, const std::string& name) {
+  const std::string key = name + "=";
+  for (size_t at = 0; at < query.size();) {
+    size_t end = query.find('&', at);
+    if (end == std::string::npos) end = query.size();
+    if (query.compare(at, key.size(), key) == 0) {
+      try {
+        return std::stod(query.substr(at + key.size(), end - at - key.size()));
+      } catch (const std::exception&) {
+        return std::nullopt;
+      }
+    }
+    at = end + 1;
+  }
+  return std::nullopt;
+}
+
+std::string number(double value) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.6f", value);
+  return text;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- namespace
+
+bool NetworkNamespace::enterAtStart() {
+  const uid_t uid = ::getuid();
+  const gid_t gid = ::getgid();
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
+  writeProcFile("/proc/self/setgroups", "deny");
+  if (!writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+      !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
+    return false;
+  }
+  // The loopback interface starts down in a fresh namespace.
+  g_namespace = run("ip link set lo up");
+  return g_namespace;
+}
+
+bool NetworkNamespace::available() { return g_namespace; }
+
+// ---------------------------------------------------------------- cities
+
+const std::vector<City>& Cities() {
+  static const std::vector<City> cities = [] {
+    std::vector<City> out = {
+        {"Paris", 48.8566, 2.3522, "Europe/Paris", 1, 2, {}},
+        {"Tokyo", 35.6762, 139.6503, "Asia/Tokyo", 9, 9, {}},
+        {"New York", 40.7128, -74.0060, "America/New_York", -5, -4, {}},
+        {"Sydney", -33.8688, 151.2093, "Australia/Sydney", 11, 10, {}},
+    };
+    uint64_t seed = 1000;
+    for (City& city : out) {
+      std::mt19937_64 rng(++seed);
+      city.accessPoints = WPS::API::testing::randomAccessPoints(rng, 8, city.latitude - 0.005, city.latitude + 0.005,
+                                                       city.longitude - 0.005, city.longitude + 0.005);
+    }
+    return out;
+  }();
+  return cities;
+}
+
+const City& CityNamed(const std::string& name) {
+  for (const City& city : Cities())
+    if (city.name == name) return city;
+  std::fprintf(stderr, "no city named %s\n", name.c_str());
+  std::abort();
+}
+
+// ---------------------------------------------------------------- buses
+
+// The two private buses and the services on them. The notification service
+// and the stand-in logind live on a thread of their own with its own GLib
+// context, so they answer whatever the test thread is doing.
+class HelperSystem::Buses {
+ public:
+  explicit Buses(bool notificationService) {
+    if (!session_.ok() || !system_.ok()) {
+      error = "cannot start dbus-daemon";
+      return;
+    }
+    client_ = DBusConnection::openAddress(session_.address(), &error);
+    if (!client_) return;
+    context_ = g_main_context_new();
+    loop_ = g_main_loop_new(context_, FALSE);
+    std::promise<std::string> started;
+    thread_ = std::thread([this, notificationService, &started] {
+      g_main_context_push_thread_default(context_);
+      std::string problem;
+      serviceSession_ = DBusConnection::openAddress(session_.address(), &problem);
+      serviceSystem_ = DBusConnection::openAddress(system_.address(), &problem);
+      if (serviceSession_ && serviceSystem_) {
+        if (notificationService) notifications_ = std::make_unique<FakeNotificationService>(*serviceSession_);
+        if (!requestName(*serviceSystem_, "org.freedesktop.login1")) problem = "cannot own org.freedesktop.login1";
+      }
+      started.set_value(problem);
+      g_main_loop_run(loop_);
+      notifications_.reset();
+      serviceSession_.reset();
+      serviceSystem_.reset();
+      while (g_main_context_iteration(context_, FALSE)) {
+      }
+      g_main_context_pop_thread_default(context_);
+    });
+    error = started.get_future().get();
+  }
+
+  ~Buses() {
+    if (thread_.joinable()) {
+      g_main_loop_quit(loop_);
+      thread_.join();
+    }
+    if (loop_) g_main_loop_unref(loop_);
+    if (context_) g_main_context_unref(context_);
+    client_.reset();
+  }
+
+  static bool requestName(DBusConnection& bus, const char* name) {
+    GVariant* reply = g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", name, 4u),
+                                                  G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    guint32 result = 0;
+    if (reply) {
+      g_variant_get(reply, "(u)", &result);
+      g_variant_unref(reply);
+    }
+    return result == 1;  // primary owner
+  }
+
+  // Runs `body` on the services' thread and returns its result.
+  template <typename Body>
+  auto onThread(Body body) -> decltype(body()) {
+    using Result = decltype(body());
+    struct Call {
+      Body* body;
+      std::promise<Result> result;
+    } call{&body, {}};
+    g_main_context_invoke(
+        context_,
+        [](gpointer data) -> gboolean {
+          auto* c = static_cast<Call*>(data);
+          c->result.set_value((*c->body)());
+          return G_SOURCE_REMOVE;
+        },
+        &call);
+    return call.result.get_future().get();
+  }
+
+  std::vector<FakeNotificationService::Notification> notifications() {
+    if (!thread_.joinable()) return {};
+    return onThread([this] {
+      return notifications_ ? notifications_->received : std::vector<FakeNotificationService::Notification>{};
+    });
+  }
+
+  bool prepareForSleep(bool sleeping) {
+    if (!serviceSystem_) return false;
+    // Emitting is thread-safe in GDBus; flushing makes sure it left.
+    const gboolean sent = g_dbus_connection_emit_signal(serviceSystem_->get(), nullptr, "/org/freedesktop/login1",
+                                                        "org.freedesktop.login1.Manager", "PrepareForSleep",
+                                                        g_variant_new("(b)", sleeping), nullptr);
+    return sent && g_dbus_connection_flush_sync(serviceSystem_->get(), nullptr, nullptr);
+  }
+
+  DBusConnection& client() { return *client_; }
+  const TestBus& session() const { return session_; }
+  const TestBus& system() const { return system_; }
+
+  std::string error;
+
+ private:
+  TestBus session_;
+  TestBus system_;
+  std::unique_ptr<DBusConnection> client_;  // the test's own connection
+  GMainContext* context_ = nullptr;
+  GMainLoop* loop_ = nullptr;
+  std::thread thread_;
+  // Made, used and destroyed on `thread_`.
+  std::unique_ptr<DBusConnection> serviceSession_;
+  std::unique_ptr<DBusConnection> serviceSystem_;
+  std::unique_ptr<FakeNotificationService> notifications_;
+};
+
+// ---------------------------------------------------------------- system
+
+void HelperSystem::fail(const std::string& what) {
+  if (error_.empty()) error_ = what;
+}
+
+HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
+  std::error_code ec;
+  for (const char* folder : {"config", "data", "home", "cache", "bin", "sys/class/net"})
+    fs::create_directories(root() + "/" + folder, ec);
+  if (ec) { fail("cannot make the folders under " + root()); return; }
+
+  {
+    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = test ? std::string(test->test_suite_name()) + "." + test->name() : std::string("helper");
+    for (char& c : name)
+      if (c == '/') c = '_';  // parameterised tests
+    helperLog_ = std::string(base ? base : root().c_str()) + "/" + name + ".helper.log";
+    std::ofstream truncate(helperLog_, std::ios::trunc);
+  }
+  buses_ = std::make_unique<Buses>(options_.notificationService);
+  if (!buses_->error.empty()) { fail(buses_->error); return; }
+
+  // Services, each behind a gate that can take it down.
+  positioning_ = std::make_unique<WPS::API::testing::FakePositioningServer>();
+  timezone_ = std::make_unique<HttpTestServer>([](const HttpRequest& request) {
+    if (request.path() != "/timezone") return HttpResponse(404, "");
+    const std::optional<double> lat = queryNumber(request.query(), "lat");
+    const std::optional<double> lng = queryNumber(request.query(), "lng");
+    for (const City& city : Cities()) {
+      if (lat && lng && std::abs(*lat - city.latitude) < 0.5 && std::abs(*lng - city.longitude) < 0.5) {
+        std::ostringstream body;
+        body << "<geonames><timezone tzversion=\"tzdata2024a\"><countryCode>XX</countryCode><lat>" << *lat
+             << "</lat><lng>" << *lng << "</lng><timezoneId>" << city.zone << "</timezoneId><dstOffset>"
+             << city.dstOffset << "</dstOffset><gmtOffset>" << city.gmtOffset << "</gmtOffset><rawOffset>"
+             << city.gmtOffset << "</rawOffset></timezone></geonames>";
+        return HttpResponse(200, body.str()).withHeader("Content-Type", "text/xml;charset=UTF-8");
+      }
+    }
+    return HttpResponse(200, "<geonames><status message=\"no timezone information found for lat/lng\" value=\"15\"/>"
+                             "</geonames>");
+  });
+  ipPage_ = std::make_unique<HttpTestServer>([this](const HttpRequest& request) {
+    if (request.path() != "/app/locate_my_ip") return HttpResponse(404, "");
+    std::string city;
+    {
+      std::lock_guard<std::mutex> lock(worldMu_);
+      city = ipCity_;
+    }
+    if (city.empty()) return HttpResponse(200, "<html><body>Location unknown</body></html>");
+    const City& where = CityNamed(city);
+    return HttpResponse(200, "<html><body><table><tr><td>IP</td><td class=output>192.0.2.1</td></tr>"
+                             "<tr><td>Latitude/Longitude</td><td class=output>" +
+                                 number(where.latitude) + "/" + number(where.longitude) +
+                                 "</td></tr></table></body></html>");
+  });
+  // The positioning server places a scan in the city most of whose access
+  // points it holds, so the scan file decides where the system is.
+  positioning_->setLocator([](const HttpRequest& request) -> std::optional<WPS::API::LocatedAccessPoint> {
+    const City* best = nullptr;
+    size_t bestCount = 0;
+    for (const City& city : Cities()) {
+      size_t count = 0;
+      for (const WPS::API::LocatedAccessPoint& ap : city.accessPoints)
+        if (request.body.find(ap.mac.toString()) != std::string::npos) ++count;
+      if (count > bestCount) {
+        best = &city;
+        bestCount = count;
+      }
+    }
+    if (!best) return std::nullopt;
+    WPS::API::LocatedAccessPoint where;
+    where.latitude = best->latitude;
+    where.longitude = best->longitude;
+    return where;
+  });
+  gates_[Service::Positioning] = std::make_unique<ServiceGate>(positioning_->http().port());
+  gates_[Service::TimeZone] = std::make_unique<ServiceGate>(timezone_->port());
+  gates_[Service::IPLocation] = std::make_unique<ServiceGate>(ipPage_->port());
+
+  if (options_.startCity.empty()) {
+    travelNowhere();
+  } else {
+    travelTo(options_.startCity);
+  }
+
+  // The system's zone, and the command that "sets" it.
+  fs::create_symlink("/usr/share/zoneinfo/" + options_.initialZone, localtimeLink(), ec);
+  if (ec) { fail("cannot make " + localtimeLink()); return; }
+  const std::string script = root() + "/bin/set-timezone";
+  {
+    std::ofstream out(script);
+    out << "#!/bin/sh\n"
+           "# Records the request and makes the zone the one the helper reads back.\n"
+           "# The link first: whoever sees the record may rely on the zone.\n"
+           "for zone; do :; done\n"
+           "[ -e \"/usr/share/zoneinfo/$zone\" ] && ln -sfn \"/usr/share/zoneinfo/$zone\" '"
+        << localtimeLink()
+        << "'\n"
+           "printf '%s\\n' \"$*\" >> '"
+        << commandLog() << "'\nexit 0\n";
+  }
+  ::chmod(script.c_str(), 0755);
+
+  preferences_ = std::make_unique<PreferencesDomain>(kHelperName, configHome());
+  PreferencesDomain& p = *preferences_;
+  p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
+  p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+  p.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string(script)}));
+  p.setValue("PositioningServerURL", PrefValue::string(gates_[Service::Positioning]->url()));
+  p.setValue("IPLocationURL", PrefValue::string(gates_[Service::IPLocation]->url()));
+  p.setValue("ZonaraEnabled", PrefValue::boolean(true));
+  if (!p.synchronize()) { fail("cannot write the preferences"); return; }
+
+  setupWireless();
+}
+
+HelperSystem::~HelperSystem() {
+  helper_.reset();  // kills it when a test left it running
+  if (wireless_) run(std::string("ip link del ") + wirelessInterface());
+  gates_.clear();
+  buses_.reset();
+}
+
+void HelperSystem::setupWireless() {
+  if (!NetworkNamespace::available()) return;
+  const std::string a = wirelessInterface();
+  const std::string b = "zw1";
+  fs::create_directories(sysfsRoot() + "/class/net/" + a);
+  fs::create_directories(sysfsRoot() + "/class/net/" + b);
+  std::ofstream(sysfsRoot() + "/class/net/" + a + "/uevent") << "DEVTYPE=wlan\nINTERFACE=" << a << "\n";
+  std::ofstream(sysfsRoot() + "/class/net/" + b + "/uevent") << "INTERFACE=" << b << "\n";
+  run("ip link del " + a);  // left over from a test that crashed
+  if (!run("ip link add " + a + " type veth peer name " + b) || !run("ip link set " + a + " mode dormant") ||
+      !run("ip link set " + b + " up")) {
+    { fail("cannot make the veth pair"); return; }
+  }
+  wireless_ = true;
+  if (!wirelessJoin()) fail("cannot bring the wireless link up");
+}
+
+bool HelperSystem::wirelessJoin() {
+  const std::string a = wirelessInterface();
+  return wireless_ && run("ip link set " + a + " up") && run("ip link set " + a + " state up");
+}
+
+bool HelperSystem::wirelessSearch() {
+  const std::string a = wirelessInterface();
+  return wireless_ && run("ip link set " + a + " up") && run("ip link set " + a + " state dormant");
+}
+
+bool HelperSystem::wirelessOff() { return wireless_ && run(std::string("ip link set ") + wirelessInterface() + " down"); }
+
+// ---------------------------------------------------------------- helper
+
+std::map<std::string, std::string> HelperSystem::helperEnvironment() const {
+  std::map<std::string, std::string> env = {
+      {"HOME", root() + "/home"},
+      {"XDG_CONFIG_HOME", configHome()},
+      {"XDG_DATA_HOME", dataHome()},
+      {"XDG_CACHE_HOME", root() + "/cache"},
+      {"DBUS_SESSION_BUS_ADDRESS", buses_ ? buses_->session().address() : ""},
+      {"DBUS_SYSTEM_BUS_ADDRESS", buses_ ? buses_->system().address() : ""},
+      {"WPS_SCAN_FILE", scanFile()},
+      {"ZONARA_SYSFS_ROOT", sysfsRoot()},
+      {"ZONARA_LOCALTIME", localtimeLink()},
+  };
+  if (options_.timeScale != 1) {
+    std::ostringstream scale;
+    scale << options_.timeScale;
+    env["ZONARA_TIME_SCALE"] = scale.str();
+  }
+  return env;
+}
+
+bool HelperSystem::startHelper(const std::map<std::string, std::string>& environment) {
+  if (!ok() || (helper_ && helper_->running())) return false;
+  ChildProcess::Options options;
+  options.argv = {(binDir() / "ZonaraHelper").string()};
+  options.setEnvironment = helperEnvironment();
+  options.unsetEnvironment = {"LOG4CPP_CONFIGURATION", "ZONARA_TIME_SCALE", "JOURNAL_STREAM", "http_proxy", "https_proxy",
+                              "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "all_proxy", "no_proxy", "NO_PROXY"};
+  for (const auto& [name, value] : environment) {
+    if (value.empty()) {
+      options.setEnvironment.erase(name);
+      options.unsetEnvironment.push_back(name);
+    } else {
+      options.setEnvironment[name] = value;
+    }
+  }
+  options.workingDirectory = root();
+  options.out = {ChildProcess::Output::File, root() + "/helper.out", ""};
+  options.err = {ChildProcess::Output::Pipe, "", helperLogFile()};
+  std::string problem;
+  helper_ = ChildProcess::start(options, &problem);
+  if (!helper_) fail("cannot start the helper: " + problem);
+  return helper_ != nullptr;
+}
+
+std::optional<int> HelperSystem::stopHelper(std::chrono::milliseconds grace) {
+  if (!helper_) return std::nullopt;
+  return helper_->terminate(grace);
+}
+
+std::vector<std::string> HelperSystem::logLines() const {
+  std::vector<std::string> out;
+  if (!helper_) return out;
+  static const std::string prefix = "ZonaraHelper: ";
+  for (std::string& line : lines(helper_->capturedErr())) {
+    if (line.compare(0, prefix.size(), prefix) == 0) line.erase(0, prefix.size());
+    out.push_back(std::move(line));
+  }
+  return out;
+}
+
+size_t HelperSystem::logCount(const std::string& text) const {
+  size_t count = 0;
+  for (const std::string& line : logLines())
+    if (line.find(text) != std::string::npos) ++count;
+  return count;
+}
+
+bool HelperSystem::waitForLog(const std::string& text, std::chrono::milliseconds timeout, size_t count) const {
+  return waitUntil([&] { return logCount(text) >= count; }, timeout);
+}
+
+// ---------------------------------------------------------------- world
+
+void HelperSystem::writeScanFile(const City* city) {
+  std::ostringstream scan;
+  scan << "# " << (city ? city->name : "nowhere") << "\n";
+  if (city) {
+    int signal = -48;
+    for (const WPS::API::LocatedAccessPoint& ap : city->accessPoints) {
+      scan << ap.mac.toColonString() << " " << signal << " 6 -95 " << city->name << " " << (-signal) << "\n";
+      signal -= 3;
+    }
+  }
+  // Replaced in one step, so the library never reads half a file.
+  const std::string temporary = scanFile() + ".new";
+  std::ofstream(temporary) << scan.str();
+  std::error_code ignored;
+  fs::rename(temporary, scanFile(), ignored);
+}
+
+void HelperSystem::travelTo(const std::string& name) {
+  const City& city = CityNamed(name);
+  writeScanFile(&city);
+  std::lock_guard<std::mutex> lock(worldMu_);
+  ipCity_ = name;
+}
+
+void HelperSystem::travelNowhere() {
+  writeScanFile(nullptr);
+}
+
+void HelperSystem::setIPLocationCity(const std::string& city) {
+  if (!city.empty()) (void)CityNamed(city);
+  std::lock_guard<std::mutex> lock(worldMu_);
+  ipCity_ = city;
+}
+
+std::string HelperSystem::tileBytes(const std::vector<std::string>& cities) const {
+  std::vector<WPS::API::LocatedAccessPoint> aps;
+  for (const std::string& name : cities) {
+    const City& city = CityNamed(name);
+    aps.insert(aps.end(), city.accessPoints.begin(), city.accessPoints.end());
+  }
+  return WPS::API::testing::FakePositioningServer::makeTileFile(aps, TelluroHelper::kRealm);
+}
+
+std::string HelperSystem::installTileFile(const std::vector<std::string>& cities, const std::string& id,
+                                          const std::string& version) {
+  std::error_code ignored;
+  fs::create_directories(tileFolder(), ignored);
+  const std::string path = tileFolder() + "/" + id + "_" + version + ".dat";
+  const std::string bytes = tileBytes(cities);
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return path;
+}
+
+void HelperSystem::offerTile(const std::vector<std::string>& cities, const std::string& id, const std::string& version) {
+  WPS::API::testing::FakePositioningServer::Tile tile;
+  tile.id = id;
+  tile.version = version;
+  tile.bytes = tileBytes(cities);
+  positioning_->addTile(std::move(tile));
+}
+
+void HelperSystem::setServiceUp(Service service, bool up) {
+  ServiceGate& gate = *gates_.at(service);
+  if (up) {
+    if (!gate.open()) fail("cannot reopen a service's port");
+  } else {
+    gate.close();
+  }
+}
+
+bool HelperSystem::serviceUp(Service service) const { return gates_.at(service)->isOpen(); }
+
+void HelperSystem::setAllServicesUp(bool up) {
+  for (Service s : {Service::Positioning, Service::TimeZone, Service::IPLocation}) setServiceUp(s, up);
+}
+
+std::vector<std::string> HelperSystem::appliedZones() const { return lines(readFile(commandLog())); }
+
+bool HelperSystem::waitForAppliedZones(size_t count, std::chrono::milliseconds timeout) const {
+  return waitUntil([&] { return appliedZones().size() >= count; }, timeout);
+}
+
+std::string HelperSystem::systemZone() const {
+  std::error_code ec;
+  const fs::path target = fs::read_symlink(localtimeLink(), ec);
+  if (ec) return "";
+  const std::string text = target.string();
+  const size_t at = text.find("zoneinfo/");
+  return at == std::string::npos ? "" : text.substr(at + 9);
+}
+
+std::vector<FakeNotificationService::Notification> HelperSystem::notifications() const {
+  return buses_ ? buses_->notifications() : std::vector<FakeNotificationService::Notification>{};
+}
+
+std::vector<std::string> HelperSystem::notificationTexts() const {
+  std::vector<std::string> out;
+  for (const auto& n : notifications()) out.push_back(n.summary + "|" + n.body);
+  return out;
+}
+
+bool HelperSystem::waitForNotifications(size_t count, std::chrono::milliseconds timeout) const {
+  return waitUntil([&] { return notifications().size() >= count; }, timeout);
+}
+
+bool HelperSystem::prepareForSleep(bool sleeping) { return buses_ && buses_->prepareForSleep(sleeping); }
+
+const std::string& HelperSystem::sessionBusAddress() const { return buses_->session().address(); }
+const std::string& HelperSystem::systemBusAddress() const { return buses_->system().address(); }
+
+bool HelperSystem::helperNameOwned() const {
+  if (!buses_) return false;
+  GVariant* reply = g_dbus_connection_call_sync(buses_->client().get(), "org.freedesktop.DBus",
+                                                "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
+                                                g_variant_new("(s)", kHelperName), G_VARIANT_TYPE("(b)"),
+                                                G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+  gboolean owned = FALSE;
+  if (reply) {
+    g_variant_get(reply, "(b)", &owned);
+    g_variant_unref(reply);
+  }
+  return owned;
+}
+
+bool HelperSystem::waitForHelperName(bool owned, std::chrono::milliseconds timeout) const {
+  return waitUntil([&] { return helperNameOwned() == owned; }, timeout);
+}
+
+std::optional<std::string> HelperSystem::helperProperty(const std::string& name,
+                                                        std::chrono::milliseconds timeout) const {
+  if (!buses_) return std::nullopt;
+  GVariant* reply = g_dbus_connection_call_sync(
+      buses_->client().get(), kHelperName, "/", "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", kHelperName, name.c_str()), G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+      static_cast<int>(timeout.count()), nullptr, nullptr);
+  if (!reply) return std::nullopt;
+  GVariant* value = nullptr;
+  g_variant_get(reply, "(v)", &value);
+  std::optional<std::string> out;
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) out = g_variant_get_string(value, nullptr);
+  g_variant_unref(value);
+  g_variant_unref(reply);
+  return out;
+}
+
+void HelperSystem::postDistributedNotification(const std::string& name, const std::string& object) {
+  if (!buses_) return;
+  {
+    DBusDistributedNotificationCenter center(buses_->client());
+    center.post({name, object, {}});
+  }
+  (void)g_dbus_connection_flush_sync(buses_->client().get(), nullptr, nullptr);
+}
+
+// ---------------------------------------------------------------- time
+
+void HelperSystem::sleepFor(std::chrono::milliseconds duration) { std::this_thread::sleep_for(duration); }
+
+std::chrono::milliseconds HelperSystem::timeout(std::chrono::milliseconds base) {
+  double scale = 1;
+  if (const char* text = std::getenv("ZONARA_TEST_TIMEOUT_SCALE")) {
+    char* end = nullptr;
+    const double value = std::strtod(text, &end);
+    if (end != text && value >= 1) scale = value;
+  }
+  return std::chrono::milliseconds(static_cast<int64_t>(static_cast<double>(base.count()) * scale));
+}
+
+}  // namespace zonara::testing

@@ -1,0 +1,268 @@
+// A whole system around the real `ZonaraHelper` process, for scenario and
+// fault tests.
+//
+// A `HelperSystem` builds, in a fresh temporary root:
+//   - HOME, XDG_CONFIG_HOME (config/), XDG_DATA_HOME (data/);
+//   - a private session bus with the desktop notification service
+//     (FakeNotificationService) and a private system bus with a stand-in
+//     logind (org.freedesktop.login1, able to emit PrepareForSleep), both
+//     served from a thread of the harness;
+//   - loopback services, each behind a `ServiceGate` so a test can take it
+//     down and bring it back on the same address: the positioning server
+//     (FakePositioningServer: location, registration, tiling, tile files),
+//     the time-zone web service (answers from the city table below) and the
+//     IP-location page;
+//   - a scan file (WPS_SCAN_FILE) showing the access points of the city the
+//     system is "in" (`travelTo`); the positioning server places a scan in the
+//     city whose access points it shows, the IP-location page reports the
+//     city travelled to last;
+//   - the system's current zone as a link (ZONARA_LOCALTIME) into the zone
+//     database, and a recording set-time-zone command (a shell script) that
+//     logs its arguments and re-points that link, so the helper sees the zone
+//     it applied. The machine's real zone is never touched;
+//   - the helper's preferences pointing at all of the above;
+//   - when the test program entered a network namespace at start
+//     (`NetworkNamespace::enterAtStart`), a veth pair whose end "zw0" the
+//     helper sees as wireless (through ZONARA_SYSFS_ROOT), joined to a network
+//     at start. Without the namespace the fake sysfs lists no interface, so the
+//     helper sees no wireless interface at all.
+// The helper (build/bin/ZonaraHelper) is started with `startHelper`; it
+// writes every system-log line to its standard error as well
+// ("ZonaraHelper: <message>"), which the harness captures for `waitForLog`
+// and also writes to `helperLogFile()`, which outlives the test.
+//
+// Everything is stopped and removed by the destructor (the helper first,
+// killed with its process group when it does not end on SIGTERM within 5 s),
+// also when a test ends on a failed assertion.
+//
+// Thread safety: use a HelperSystem from the test's thread only, except the
+// accessors documented as thread-safe. Only one HelperSystem may exist at a
+// time in a process (they share the veth names).
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/preferences_store.h"
+#include "platform/testing/child_process.h"
+#include "platform/testing/fakes.h"
+#include "platform/testing/http_test_server.h"
+#include "platform/testing/service_gate.h"
+#include "platform/testing/temp_dir.h"
+#include "wps/api/located_access_point.h"
+#include "wps/api/testing/fake_positioning_server.h"
+
+namespace zonara::testing {
+
+// Network namespace for the whole test program: call `enterAtStart()` first
+// thing in main(), while the process has a single thread. It enters a user
+// namespace (mapping the caller to root) and a fresh network namespace and
+// brings `lo` up, so loopback services keep working and veth pairs can be
+// made without privilege. Processes started later inherit it.
+struct NetworkNamespace {
+  // True when the namespace was entered; false (and nothing changed) when the
+  // machine does not allow it.
+  static bool enterAtStart();
+  [[nodiscard]] static bool available();
+};
+
+// A place the system can be: its position, the zone the time-zone service
+// gives for it (with the offsets in hours the service sends), and access
+// points around it that the positioning server and tile files know.
+struct City {
+  std::string name;
+  double latitude = 0;
+  double longitude = 0;
+  std::string zone;
+  double gmtOffset = 0;
+  double dstOffset = 0;
+  std::vector<WPS::API::LocatedAccessPoint> accessPoints;
+};
+
+// Paris (Europe/Paris), Tokyo (Asia/Tokyo), New York (America/New_York),
+// Sydney (Australia/Sydney); 8 access points each, the same on every run.
+[[nodiscard]] const std::vector<City>& Cities();
+// The city of that name; aborts the program for an unknown name.
+[[nodiscard]] const City& CityNamed(const std::string& name);
+
+class HelperSystem {
+ public:
+  enum class Service { Positioning, TimeZone, IPLocation };
+
+  struct Options {
+    // ZONARA_TIME_SCALE for the helper (1 = real time).
+    double timeScale = 1;
+    // The system's zone when the helper starts.
+    std::string initialZone = "UTC";
+    // The city the scan file, the positioning server and the IP-location
+    // page show at start ("" = an empty scan and no position anywhere).
+    std::string startCity = "Paris";
+    // The desktop notification service on the session bus.
+    bool notificationService = true;
+  };
+
+  // Builds everything; check `ok()` (and `error()`) before use.
+  explicit HelperSystem(Options options);
+  HelperSystem() : HelperSystem(Options{}) {}
+  ~HelperSystem();
+  HelperSystem(const HelperSystem&) = delete;
+  HelperSystem& operator=(const HelperSystem&) = delete;
+
+  [[nodiscard]] bool ok() const { return error_.empty(); }
+  [[nodiscard]] const std::string& error() const { return error_; }
+
+  // ---- Places on disk.
+  [[nodiscard]] const std::string& root() const { return root_.path(); }
+  [[nodiscard]] std::string configHome() const { return root() + "/config"; }
+  [[nodiscard]] std::string dataHome() const { return root() + "/data"; }
+  // $XDG_DATA_HOME/Zonara and its tile folder.
+  [[nodiscard]] std::string supportFolder() const { return dataHome() + "/Zonara"; }
+  [[nodiscard]] std::string tileFolder() const { return supportFolder() + "/Telluro Cache"; }
+  [[nodiscard]] std::string scanFile() const { return root() + "/scans.txt"; }
+  [[nodiscard]] std::string localtimeLink() const { return root() + "/localtime"; }
+  [[nodiscard]] std::string commandLog() const { return root() + "/set-timezone.log"; }
+  // The helper's log as a file, kept after the test (for reading failures):
+  // $ZONARA_TEST_TMPDIR/<test suite>.<test name>.helper.log, emptied at start.
+  [[nodiscard]] const std::string& helperLogFile() const { return helperLog_; }
+  [[nodiscard]] std::string sysfsRoot() const { return root() + "/sys"; }
+
+  // The helper's preferences domain (org.quillon.ZonaraHelper) in
+  // configHome(), already holding every key the harness sets. Change and
+  // synchronize before `startHelper` to test other settings.
+  [[nodiscard]] PreferencesDomain& preferences() { return *preferences_; }
+
+  // ---- The helper process.
+  // Starts build/bin/ZonaraHelper with the system's environment plus
+  // `environment` (a value of "" removes the variable). False when it cannot
+  // be started or one already runs.
+  [[nodiscard]] bool startHelper(const std::map<std::string, std::string>& environment = {});
+  // The running (or ended) helper; nullptr before `startHelper`.
+  [[nodiscard]] ChildProcess* helper() { return helper_.get(); }
+  // SIGTERM, up to `grace` for it to end, then SIGKILL; the exit status
+  // (nullopt when no helper was started).
+  std::optional<int> stopHelper(std::chrono::milliseconds grace = std::chrono::seconds(5));
+  // The environment the helper gets (for starting other programs the same way).
+  [[nodiscard]] std::map<std::string, std::string> helperEnvironment() const;
+
+  // ---- The helper's log (its system-log lines, "ZonaraHelper: " removed).
+  [[nodiscard]] std::vector<std::string> logLines() const;
+  // Lines holding `text`.
+  [[nodiscard]] size_t logCount(const std::string& text) const;
+  // Waits until at least `count` lines hold `text`.
+  [[nodiscard]] bool waitForLog(const std::string& text, std::chrono::milliseconds timeout, size_t count = 1) const;
+
+  // ---- The world.
+  // The scan file shows `city`'s access points (so the positioning server and
+  // tile files place the system there), and the IP-location page reports it.
+  void travelTo(const std::string& city);
+  // An empty scan (the IP-location page keeps its city).
+  void travelNowhere();
+  // The city the IP-location page reports ("" = a page without a position).
+  void setIPLocationCity(const std::string& city);
+  // Writes a tile file of the cities' access points into the helper's tile
+  // folder (as if downloaded earlier); returns its path.
+  std::string installTileFile(const std::vector<std::string>& cities, const std::string& id = "1",
+                              const std::string& version = "1");
+  // The positioning server offers a tile of these cities for download.
+  void offerTile(const std::vector<std::string>& cities, const std::string& id = "1",
+                 const std::string& version = "1");
+
+  // Takes a service down (connections refused) or brings it back.
+  void setServiceUp(Service service, bool up);
+  [[nodiscard]] bool serviceUp(Service service) const;
+  void setAllServicesUp(bool up);
+  // The servers themselves (for scripting answers and counting requests).
+  [[nodiscard]] WPS::API::testing::FakePositioningServer& positioningServer() { return *positioning_; }
+  [[nodiscard]] HttpTestServer& timezoneService() { return *timezone_; }
+  [[nodiscard]] HttpTestServer& ipLocationPage() { return *ipPage_; }
+  // Time-zone service requests so far.
+  [[nodiscard]] size_t timezoneRequests() const { return timezone_->requestCount(); }
+
+  // ---- Time zone.
+  // The arguments of each run of the set-time-zone command, one string per
+  // run ("Europe/Paris").
+  [[nodiscard]] std::vector<std::string> appliedZones() const;
+  [[nodiscard]] bool waitForAppliedZones(size_t count, std::chrono::milliseconds timeout) const;
+  // The zone the system's zone link names now ("" when none).
+  [[nodiscard]] std::string systemZone() const;
+
+  // ---- Desktop notifications received by the notification service
+  // (thread-safe copies; empty without the service).
+  [[nodiscard]] std::vector<FakeNotificationService::Notification> notifications() const;
+  // "summary|body" of each.
+  [[nodiscard]] std::vector<std::string> notificationTexts() const;
+  [[nodiscard]] bool waitForNotifications(size_t count, std::chrono::milliseconds timeout) const;
+
+  // ---- Sleep and wake: logind's PrepareForSleep(sleeping) on the system bus.
+  [[nodiscard]] bool prepareForSleep(bool sleeping);
+
+  // ---- The helper on the session bus.
+  [[nodiscard]] const std::string& sessionBusAddress() const;
+  [[nodiscard]] const std::string& systemBusAddress() const;
+  // Whether "org.quillon.ZonaraHelper" has an owner.
+  [[nodiscard]] bool helperNameOwned() const;
+  [[nodiscard]] bool waitForHelperName(bool owned, std::chrono::milliseconds timeout) const;
+  // A string property of the helper's object ("DetectedTimezone",
+  // "CurrentLocation"); nullopt when the call fails.
+  [[nodiscard]] std::optional<std::string> helperProperty(const std::string& name,
+                                                          std::chrono::milliseconds timeout = std::chrono::seconds(
+                                                              20)) const;
+  // Posts a distributed notification the way the control program does.
+  void postDistributedNotification(const std::string& name, const std::string& object = "");
+  // "ZonaraShutdown".
+  void postShutdown() { postDistributedNotification("ZonaraShutdown"); }
+
+  // ---- The wireless interface (only with the network namespace).
+  [[nodiscard]] bool hasWirelessInterface() const { return wireless_; }
+  [[nodiscard]] static constexpr const char* wirelessInterface() { return "zw0"; }
+  // Joined to a network (operational state up: the helper looks for its
+  // position), searching (powered, no network yet: dormant) and off (link
+  // down). False when the state cannot be set.
+  [[nodiscard]] bool wirelessJoin();
+  [[nodiscard]] bool wirelessSearch();
+  [[nodiscard]] bool wirelessOff();
+
+  // ---- Polling.
+  // Calls `condition` every 20 ms until it holds or `timeout` passes.
+  template <typename Condition>
+  [[nodiscard]] static bool waitUntil(Condition condition, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      if (condition()) return true;
+      if (std::chrono::steady_clock::now() >= end) return false;
+      sleepFor(std::chrono::milliseconds(20));
+    }
+  }
+  static void sleepFor(std::chrono::milliseconds duration);
+  // Time-outs for waits: `base` multiplied by ZONARA_TEST_TIMEOUT_SCALE
+  // (default 1; the sanitizer build sets a larger one).
+  [[nodiscard]] static std::chrono::milliseconds timeout(std::chrono::milliseconds base);
+
+ private:
+  class Buses;
+  void fail(const std::string& what);
+  void writeScanFile(const City* city);
+  void setupWireless();
+  std::string tileBytes(const std::vector<std::string>& cities) const;
+
+  Options options_;
+  std::string error_;
+  TempDir root_{"system-"};
+  std::unique_ptr<Buses> buses_;
+  std::unique_ptr<WPS::API::testing::FakePositioningServer> positioning_;
+  std::unique_ptr<HttpTestServer> timezone_;
+  std::unique_ptr<HttpTestServer> ipPage_;
+  std::map<Service, std::unique_ptr<ServiceGate>> gates_;
+  mutable std::mutex worldMu_;
+  std::string ipCity_;
+  std::unique_ptr<PreferencesDomain> preferences_;
+  bool wireless_ = false;
+  std::string helperLog_;
+  std::unique_ptr<ChildProcess> helper_;
+};
+
+}  // namespace zonara::testing
