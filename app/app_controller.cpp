@@ -70,17 +70,23 @@ std::unique_ptr<AppController> AppController::create(Services services) {
   AppController* self = controller.get();
   self->createSupportFolders();
 
+  // "ZonaraShutdown" is observed before the name is taken: a client that sees
+  // the name may post it at once (the bus handles our subscription before our
+  // name request, both being sent in order on one connection). A copy that
+  // cannot take the name drops the observer again and never reacts.
+  self->shutdownObserver_ = self->services_.distributedCenter->addObserver(
+      kShutdownNotification, [self](const DistributedNotification&) { self->zonaraHelperShouldShutdown(); });
   const bool registered = self->services_.server->start({
       {"DetectedTimezone", [self] { return self->detectedTimezone().value_or(""); }},
       {"CurrentLocation", [self] { return self->currentLocation(); }},
   });
   if (!registered) {
+    self->services_.distributedCenter->removeObserver(self->shutdownObserver_);
+    self->shutdownObserver_ = 0;
     SystemLog("unable to start ZonaraHelper server");
     return nullptr;
   }
 
-  self->shutdownObserver_ = self->services_.distributedCenter->addObserver(
-      kShutdownNotification, [self](const DistributedNotification&) { self->zonaraHelperShouldShutdown(); });
   self->sensorObserver_ = self->services_.notificationCenter->addObserver(
       kSensorNotification, [self](const Notification&) { self->telluroLocationChanged(); });
   self->timers_.push_back(self->services_.runLoop->performAfterDelay(0ms, [self] { self->setupNotificationController(); }));

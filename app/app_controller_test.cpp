@@ -195,6 +195,36 @@ TEST_F(AppControllerTest, WithoutTheBusNameTheHelperIsInert) {
   EXPECT_EQ(http_.requestCount(), 0u);
 }
 
+// A client that sees the name may ask the helper to quit at once, so the
+// shutdown observer must be in place when the name is taken -- for the
+// running helper, and only for it.
+TEST_F(AppControllerTest, TheShutdownObserverIsInPlaceWhenTheNameIsTaken) {
+  class WatchingServer final : public BusNameServer {
+   public:
+    explicit WatchingServer(testing::InProcessDistributedNotificationCenter& center, bool refuse)
+        : center_(center), refuse_(refuse) {}
+    bool start(const std::map<std::string, PropertyGetter>&) override {
+      observersAtStart = center_.observerCount();
+      return !refuse_;
+    }
+    void propertiesChanged(const std::map<std::string, std::string>&, const std::vector<std::string>&) override {}
+    size_t observersAtStart = 99;
+
+   private:
+    testing::InProcessDistributedNotificationCenter& center_;
+    bool refuse_;
+  };
+  for (bool refuse : {false, true}) {
+    WatchingServer server(distributed_, refuse);
+    auto s = services();
+    s.server = &server;
+    auto controller = AppController::create(s);
+    EXPECT_EQ(controller != nullptr, !refuse);
+    EXPECT_EQ(server.observersAtStart, 1u) << refuse;
+    EXPECT_EQ(distributed_.observerCount(), refuse ? 0u : 1u) << refuse;
+  }
+}
+
 TEST_F(AppControllerTest, ShutdownEndsTheApplicationBeforeTheFirstCheck) {
   auto controller = start();
   RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({AppController::kShutdownNotification, "", {}}); });

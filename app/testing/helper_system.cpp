@@ -361,7 +361,11 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 HelperSystem::~HelperSystem() {
   helper_.reset();  // kills it when a test left it running
   if (wireless_) run(std::string("ip link del ") + wirelessInterface());
+  // The servers go before the state their handlers read.
   gates_.clear();
+  ipPage_.reset();
+  timezone_.reset();
+  positioning_.reset();
   buses_.reset();
 }
 
