@@ -39,14 +39,18 @@ function(zonara_add_test name)
 endfunction()
 
 # zonara_add_program(<name> SOURCES <files...> [DEPS <targets...>]
-#                    [INSTALL_DESTINATION <dir>])
+#                    [INSTALL_DESTINATION <dir> | NO_INSTALL])
 #   A command-line program built into build/bin and installed into
 #   <prefix>/bin, or into <prefix>/<dir> when given (a program that lives
-#   inside a bundle).
+#   inside a bundle). NO_INSTALL: built only (programs for the build tree,
+#   such as the demonstration's stand-in services).
 function(zonara_add_program name)
-  cmake_parse_arguments(ARG "" "INSTALL_DESTINATION" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "NO_INSTALL" "INSTALL_DESTINATION" "SOURCES;DEPS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+  if(ARG_NO_INSTALL)
+    return()
+  endif()
   if(NOT ARG_INSTALL_DESTINATION)
     set(ARG_INSTALL_DESTINATION bin)
   endif()

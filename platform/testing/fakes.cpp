@@ -58,6 +58,7 @@ FakeNotificationService::FakeNotificationService(DBusConnection& bus) : bus_(bus
         }
         g_variant_unref(hints);
         self->received.push_back(std::move(n));
+        if (self->onNotification) self->onNotification(self->received.back());
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 1u));
       },
       nullptr, nullptr, {nullptr}};

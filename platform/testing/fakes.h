@@ -120,6 +120,9 @@ class FakeNotificationService {
   FakeNotificationService& operator=(const FakeNotificationService&) = delete;
 
   std::vector<Notification> received;
+  // Told of each notification after it is recorded (for programs that show
+  // them as they come); may be empty.
+  std::function<void(const Notification&)> onNotification;
 
  private:
   DBusConnection& bus_;
