@@ -74,14 +74,18 @@ std::unique_ptr<AppController> AppController::create(Services services) {
   // the name may post it at once (the bus handles our subscription before our
   // name request, both being sent in order on one connection). A copy that
   // cannot take the name drops the observer again and never reacts.
-  self->shutdownObserver_ = self->services_.distributedCenter->addObserver(
-      kShutdownNotification, [self](const DistributedNotification&) { self->zonaraHelperShouldShutdown(); });
+  // Without a session bus there is no distributed centre: the name request
+  // below fails too and the helper stays inert.
+  if (self->services_.distributedCenter) {
+    self->shutdownObserver_ = self->services_.distributedCenter->addObserver(
+        kShutdownNotification, [self](const DistributedNotification&) { self->zonaraHelperShouldShutdown(); });
+  }
   const bool registered = self->services_.server->start({
       {"DetectedTimezone", [self] { return self->detectedTimezone().value_or(""); }},
       {"CurrentLocation", [self] { return self->currentLocation(); }},
   });
   if (!registered) {
-    self->services_.distributedCenter->removeObserver(self->shutdownObserver_);
+    if (self->shutdownObserver_) self->services_.distributedCenter->removeObserver(self->shutdownObserver_);
     self->shutdownObserver_ = 0;
     SystemLog("unable to start ZonaraHelper server");
     return nullptr;
