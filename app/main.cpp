@@ -16,8 +16,7 @@
 #include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
 #include "sensors/location_sensing.h"
-#include "wps/api/protocol/config.h"
-#include "wps/spi/logger.h"
+#include "wps/api/wpsapi.h"
 #ifdef ZONARA_WITH_WPS_API
 #include "sensors/wps_location_library.h"
 #endif
@@ -109,7 +108,7 @@ int main() {
 
   // The positioning library looks for its logging configuration in the
   // running program's preferences domain: ours.
-  WPS::SPI::Logger::setApplicationDomain(AppController::kServerName);
+  WPS_set_preferences_domain(AppController::kServerName);
   ZonaraApplication& application = ZonaraApplication::sharedApplication();
   // SIGTERM (session end, systemd, kill) and SIGINT (Ctrl-C in a terminal)
   // end the helper like "ZonaraShutdown": the loop returns and everything is
@@ -160,7 +159,7 @@ int main() {
 
   // Location sensing: made when the controller sets up its sensors.
   const LocationSensingSettings settings =
-      LocationSensingSettings::fromPreferences(preferences, WPS::API::kDefaultServerUrl);
+      LocationSensingSettings::fromPreferences(preferences, WPS_DEFAULT_SERVER_URL);
 #ifdef ZONARA_WITH_WPS_API
   WpsLocationLibrary::setServerURL(settings.positioningServerURL);
   WpsLocationLibrary library;

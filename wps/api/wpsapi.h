@@ -25,6 +25,11 @@
 extern "C" {
 #endif
 
+/* The server URL the library starts with (WPS_set_server_url changes it). It
+ * lies under the reserved ".example" top-level domain, so that a program
+ * never talks to anyone's server unless it is configured to. */
+#define WPS_DEFAULT_SERVER_URL "https://api.telluro.example/wps2/"
+
 /* Result of every public function. */
 typedef enum {
   /* Success. */
@@ -244,6 +249,15 @@ WPS_ReturnCode WPS_periodic_location(const WPS_SimpleAuthentication* authenticat
  * pointer is ignored. */
 void WPS_free_location(WPS_Location* location);
 void WPS_free_ip_location(WPS_IPLocation* location);
+
+/* Names the embedding program's preferences domain: the library reads its
+ * logging configuration (the text LOG4CPP_CONFIGURATION, a log4cpp properties
+ * file) from that domain's property list first, then from its own domain
+ * "example.telluro.wps", then from the environment variable
+ * LOG4CPP_CONFIGURATION. Without a call the program's file name is the domain.
+ * Call before any other WPS_ function: logging is configured once, on first
+ * use. WPS_ERROR for a null domain. */
+WPS_ReturnCode WPS_set_preferences_domain(const char* domain);
 
 #ifdef __cplusplus
 }

@@ -4,6 +4,8 @@
 // is configured to (WPS_set_server_url).
 #pragma once
 
+#include "wps/api/wpsapi.h"
+
 namespace WPS {
 namespace API {
 
@@ -12,7 +14,7 @@ inline constexpr const char* kProtocolNamespace = "http://telluro.example/wps/20
 
 // The server URL a LocationClient starts with; request paths ("/location",
 // ...) are appended to it as they are.
-inline constexpr const char* kDefaultServerUrl = "https://api.telluro.example/wps2/";
+inline constexpr const char* kDefaultServerUrl = WPS_DEFAULT_SERVER_URL;
 
 // The User-Agent a LocationClient starts with.
 inline constexpr const char* kDefaultUserAgent = "WPS API";
