@@ -15,9 +15,9 @@
 #include "app/notification_controller.h"
 #include "app/zonara_application.h"
 #include "platform/system_log.h"
-#include "platform/testing/http_test_server.h"
 #include "platform/testing/fakes.h"
 #include "platform/testing/test_bus.h"
+#include "wps/spi/testing/http_test_server.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;

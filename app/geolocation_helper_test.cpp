@@ -7,7 +7,7 @@
 #include <fstream>
 #include <map>
 
-#include "platform/testing/http_test_server.h"
+#include "wps/spi/testing/http_test_server.h"
 
 using namespace std::chrono_literals;
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/system_log.h"
-#include "platform/testing/http_test_server.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace zonara {
 namespace {

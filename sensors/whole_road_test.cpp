@@ -14,11 +14,11 @@
 #include "app/app_controller.h"
 #include "app/zonara_application.h"
 #include "platform/system_log.h"
-#include "platform/testing/http_test_server.h"
 #include "platform/testing/fakes.h"
 #include "platform/testing/test_bus.h"
 #include "sensors/location_sensing.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/testing/http_test_server.h"
 #ifdef ZONARA_WITH_WPS_API
 #include "sensors/wps_location_library.h"
 #include "wps/spi/simulated_clock.h"

@@ -15,9 +15,9 @@
 #include "platform/preferences_store.h"
 #include "platform/run_loop.h"
 #include "platform/testing/child_process.h"
-#include "platform/testing/http_test_server.h"
 #include "platform/testing/test_bus.h"
 #include "prefs/ZonaraPreferencesController.h"
+#include "wps/spi/testing/http_test_server.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;

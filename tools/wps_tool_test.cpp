@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "platform/testing/child_process.h"
-#include "platform/testing/http_test_server.h"
 #include "wps/api/protocol/config.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace zonara {
 namespace {

@@ -5,8 +5,8 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/spi/log_capture.h"
+#include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {
