@@ -1,4 +1,4 @@
-#include "app/testing/helper_system.h"
+#include "system_tests/helper_system.h"
 
 #include <fcntl.h>
 #include <gio/gio.h>
