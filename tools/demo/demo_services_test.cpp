@@ -13,6 +13,8 @@
 
 #include "app/geolocation_helper.h"
 #include "platform/http_fetcher.h"
+#include "platform/testing/source_dir.h"
+#include "platform/testing/temp_dir.h"
 #include "platform/time_zone_database.h"
 #include "sensors/telluro_sensor.h"
 #include "wps/api/testing/fake_positioning_server.h"
@@ -23,7 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path kDemoData = fs::path(std::getenv("ZONARA_SOURCE_DIR")) / "tools/demo";
+const fs::path kDemoData = fs::path(zonara::testing::SourceDir()) / "tools/demo";
 
 CityTable parseTable(const std::string& text) {
   std::istringstream in(text);
@@ -202,8 +204,8 @@ TEST_F(ShippedDataTest, TheTimeZoneLookupFindsEveryCitysZoneThroughTheService) {
     reports.push_back(line);
   });
   CurlHttpFetcher fetcher;
-  const fs::path dir = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "zones";
-  fs::create_directories(dir);
+  zonara::testing::TempDir scratch("zones-");
+  const fs::path dir = scratch.path();
   std::ofstream(dir / "localtime") << "UTC\n";
   DateTzDatabase zones((dir / "localtime").string());
   GeolocationHelper helper(fetcher, zones, GeolocationHelper::Config{services.url(), "demo"});
@@ -235,8 +237,8 @@ TEST_F(ShippedDataTest, EachCitysScanIsLocatedInThatCityByThePositioningLibrary)
     where.longitude = fix->longitude;
     return where;
   });
-  const fs::path dir = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "scans";
-  fs::create_directories(dir);
+  zonara::testing::TempDir scratch("scans-");
+  const fs::path dir = scratch.path();
   ASSERT_EQ(WPS_set_server_url(server.url().c_str()), WPS_OK);
   const WPS_SimpleAuthentication user{"demo-user", "vostrel.zz"};
   for (const City& city : cities_.cities()) {
