@@ -151,7 +151,8 @@ class WholeRoadTest : public ::testing::Test {
     return false;
   }
 
-  testing::SystemLogCapture log_;
+  // The helper's log lines are not part of these tests.
+  testing::SystemLogCapture quiet_;
   testing::TempDir scratch_{"whole-road-"};
   const fs::path root_ = scratch_.path();
   std::string ipPage;
@@ -159,8 +160,6 @@ class WholeRoadTest : public ::testing::Test {
   WPS::API::testing::FakePositioningServer positioning_;
   std::vector<std::string> received_;
   std::optional<double> latitude_;
-  std::mutex logMu_;
-  std::vector<std::string> log_;
 };
 
 const std::vector<std::string> kExpectedNotifications = {"Zonara|Launched", "Zonara|Timezone changed to: Europe/Paris"};
