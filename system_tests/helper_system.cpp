@@ -18,7 +18,7 @@
 #include "platform/testing/test_bus.h"
 #include "sensors/telluro_helper.h"
 #include "tools/demo/demo_services.h"
-#include "wps/api/tile_test_support.h"
+#include "wps/api/tiles/tile_test_support.h"
 
 namespace zonara::testing {
 

@@ -56,6 +56,7 @@
 #include "platform/testing/service_gate.h"
 #include "platform/testing/temp_dir.h"
 #include "wps/api/testing/fake_positioning_server.h"
+#include "wps/api/tiles/located_access_point.h"
 
 namespace zonara::testing {
 

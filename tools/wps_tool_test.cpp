@@ -15,7 +15,7 @@
 #include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/temp_dir.h"
-#include "wps/api/config.h"
+#include "wps/api/protocol/config.h"
 
 namespace zonara {
 namespace {

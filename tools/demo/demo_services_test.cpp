@@ -179,6 +179,64 @@ TEST(IPLocationPageTest, TheHelperReadsTheCityFromIt) {
   EXPECT_DOUBLE_EQ(read->longitude, -46.6333);
 }
 
+// The two services the demonstration and the whole-system tests share: what
+// each answers, and that every request is reported.
+TEST(CityServiceAnswersTest, AnswerTheirOwnPathsAndReportEachRequest) {
+  const CityTable table = parseTable(
+      "paris 48.8566 2.3522 Europe/Paris Paris\n"
+      "sydney -33.8688 151.2093 Australia/Sydney Sydney\n");
+  EXPECT_EQ(table.named("Sydney"), table.find("sydney"));
+  EXPECT_EQ(table.named("sydney"), nullptr);
+  const City* sydney = table.named("Sydney");
+  const auto request = [](const std::string& target) {
+    testing::HttpRequest r;
+    r.method = "GET";
+    r.target = target;
+    return r;
+  };
+  struct Case {
+    const char* name;
+    std::function<testing::HttpResponse(const testing::HttpRequest&, const ServiceReport&)> answer;
+    const char* target;
+    int status;
+    const char* bodyHolds;  // "" = nothing asked of the body
+    const char* report;
+  };
+  const auto zones = [&](const testing::HttpRequest& r, const ServiceReport& report) {
+    return AnswerTimeZoneRequest(table, r, report);
+  };
+  const auto page = [&](const City* city) {
+    return [city](const testing::HttpRequest& r, const ServiceReport& report) {
+      return AnswerIPLocationRequest(city, r, report);
+    };
+  };
+  const Case cases[] = {
+      {"zone of the nearest city", zones, "/timezone?lat=-33.9&lng=151.2&username=demo", 200,
+       "<timezoneId>Australia/Sydney</timezoneId>", "time-zone service: -33.9,151.2 is near Sydney: Australia/Sydney"},
+      {"no usable position", zones, "/timezone?lat=north&lng=2", 200, "value=\"14\"",
+       "time-zone service: a request without a usable lat and lng: /timezone?lat=north&lng=2"},
+      {"time-zone service elsewhere", zones, "/app/locate_my_ip", 404, "",
+       "time-zone service: nothing at /app/locate_my_ip"},
+      {"page of a city", page(sydney), "/app/locate_my_ip", 200, "class=output>-33.8688/151.2093<",
+       "IP-location page: this Internet address is in Sydney"},
+      {"page without a city", page(nullptr), "/app/locate_my_ip", 200, "Location unknown",
+       "IP-location page: this Internet address is nowhere known"},
+      {"page elsewhere", page(sydney), "/timezone", 404, "", "IP-location page: nothing at /timezone"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> reports;
+    const testing::HttpResponse response =
+        c.answer(request(c.target), [&](const std::string& line) { reports.push_back(line); });
+    EXPECT_EQ(response.status, c.status) << c.name;
+    EXPECT_NE(response.body.find(c.bodyHolds), std::string::npos) << c.name << ": " << response.body;
+    EXPECT_EQ(reports, std::vector<std::string>{c.report}) << c.name;
+    // Without a report the answer is the same.
+    EXPECT_EQ(c.answer(request(c.target), {}).body, response.body) << c.name;
+  }
+  EXPECT_FALSE(TelluroSensor::scrapeIPLocationPage(
+      AnswerIPLocationRequest(nullptr, request("/app/locate_my_ip"), {}).body));
+}
+
 // The shipped data set, through the code the helper runs.
 class ShippedDataTest : public ::testing::Test {
  protected:
