@@ -291,6 +291,9 @@ class Validator {
 
 // ---- reading a sub-cell's edge chains ----
 
+// A zigzag-encoded coordinate step larger than a full turn: only a corrupt file has one.
+constexpr uint64_t kMaxDelta = uint64_t(2) * 360'000'000 + 1;
+
 // Walks the chains of one sub-cell; every read is bounds-checked.
 class ChainReader {
  public:
@@ -299,7 +302,7 @@ class ChainReader {
     auto [cx, cy] = fmt::subCellCenter(cell.box.x0, cell.box.x1, cell.box.y0, cell.box.y1, cell.n, i, j);
     uint64_t dx = 0, dy = 0, mask = 0, chains = 0;
     ok_ = fmt::getVarint(&p_, end_, &dx) && fmt::getVarint(&p_, end_, &dy) && fmt::getVarint(&p_, end_, &mask) &&
-          fmt::getVarint(&p_, end_, &chains) && mask < (uint64_t(1) << cell.featureCount);
+          fmt::getVarint(&p_, end_, &chains) && mask < (uint64_t(1) << cell.featureCount) && dx <= kMaxDelta && dy <= kMaxDelta;
     refX_ = cx + fmt::unzigzag(dx);
     refY_ = cy + fmt::unzigzag(dy);
     refMask_ = uint32_t(mask);
@@ -324,7 +327,7 @@ class ChainReader {
       double px = 0, py = 0;
       for (uint64_t v = 0; v < count; ++v) {
         uint64_t dx, dy;
-        if (!fmt::getVarint(&p_, end_, &dx) || !fmt::getVarint(&p_, end_, &dy)) return false;
+        if (!fmt::getVarint(&p_, end_, &dx) || !fmt::getVarint(&p_, end_, &dy) || dx > kMaxDelta || dy > kMaxDelta) return false;
         x += fmt::unzigzag(dx);
         y += fmt::unzigzag(dy);
         if (v > 0) edge(feature, flags, px, py, double(x), double(y));
