@@ -115,7 +115,7 @@ void AppController::setupSensor() {
 
 GeolocationHelper AppController::geolocationHelper() const {
   GeolocationHelper::Config config;
-  if (services_.preferences) config = GeolocationHelper::configFromPreferences(*services_.preferences);
+  if (services_.preferences) config = GeoNamesClient::configFromPreferences(*services_.preferences);
   return GeolocationHelper(*services_.fetcher, *services_.zones, config);
 }
 
@@ -127,8 +127,8 @@ void AppController::telluroLocationChanged() {
   if (!isUsablePosition(*longitude, *latitude)) return;
 
   std::optional<std::string> zone = geolocationHelper().timezoneForLongitude(*longitude, *latitude);
-  SystemLog("foundtimezone for (%s, %s) = %s", GeolocationHelper::numberString(*latitude).c_str(),
-            GeolocationHelper::numberString(*longitude).c_str(), orNull(zone));
+  SystemLog("foundtimezone for (%s, %s) = %s", GeoNamesClient::numberString(*latitude).c_str(),
+            GeoNamesClient::numberString(*longitude).c_str(), orNull(zone));
   if (zone) foundTimezone(zone);
   // The description depends on the position, which has just changed; clients
   // read it again when they want it (it costs a look-up).

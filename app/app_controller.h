@@ -21,8 +21,6 @@
 #include <string>
 #include <vector>
 
-#include "app/geolocation_helper.h"
-#include "app/location_source.h"
 #include "platform/command_runner.h"
 #include "platform/dbus.h"
 #include "platform/desktop_notifier.h"
@@ -32,6 +30,8 @@
 #include "platform/run_loop.h"
 #include "platform/time_zone_database.h"
 #include "platform/workspace.h"
+#include "sensors/location_source.h"
+#include "timezone/geolocation_helper.h"
 
 namespace zonara {
 

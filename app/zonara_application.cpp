@@ -2,16 +2,8 @@
 
 #include <malloc.h>
 
-#include <cmath>
-
-#include "app/location_source.h"
 
 namespace zonara {
-
-bool isUsablePosition(double longitude, double latitude) {
-  if (!std::isfinite(longitude) || !std::isfinite(latitude)) return false;
-  return !(std::trunc(longitude) == 0.0 && std::trunc(latitude) == 0.0);
-}
 
 ZonaraApplication& ZonaraApplication::sharedApplication() {
   static ZonaraApplication* app = new ZonaraApplication(RunLoop::main());

@@ -10,7 +10,7 @@
 #include <memory>
 #include <optional>
 
-#include "app/location_source.h"
+#include "sensors/location_source.h"
 #include "platform/notification_center.h"
 #include "platform/run_loop.h"
 #include "sensors/telluro_sensor.h"

@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "app/location_source.h"
+#include "sensors/location_source.h"
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
 #include "sensors/reachability.h"

@@ -33,8 +33,7 @@
 #include <vector>
 
 #include "app/app_controller.h"
-#include "app/geolocation_helper.h"
-#include "app/location_source.h"
+#include "timezone/geolocation_helper.h"
 #include "platform/dbus.h"
 #include "platform/http_fetcher.h"
 #include "platform/preferences_store.h"
@@ -355,7 +354,7 @@ int timezoneCommand(int argc, char** argv) {
   PreferencesDomain prefs(AppController::kServerName);
   CurlHttpFetcher fetcher;
   DateTzDatabase zones;
-  GeolocationHelper helper(fetcher, zones, GeolocationHelper::configFromPreferences(prefs));
+  GeolocationHelper helper(fetcher, zones, GeoNamesClient::configFromPreferences(prefs));
   std::optional<std::string> zone = helper.timezoneForLongitude(longitude, latitude);
   if (!zone) return 1;
   std::printf("%s\n", zone->c_str());
