@@ -30,6 +30,7 @@
 #include "platform/run_loop.h"
 #include "platform/time_zone_database.h"
 #include "platform/workspace.h"
+#include "platform/zonara_names.h"
 #include "sensors/location_source.h"
 #include "timezone/geolocation_helper.h"
 
@@ -40,9 +41,6 @@ class ZonaraApplication;
 
 class AppController {
  public:
-  static constexpr const char* kServerName = "org.quillon.ZonaraHelper";
-  static constexpr const char* kShutdownNotification = "ZonaraShutdown";
-  static constexpr const char* kSensorNotification = "TelluroSensorNotification";
   static constexpr const char* kClockNotification = "com.apple.MenuBarClock.ClockNotification";
   static constexpr const char* kCalendarDomain = "com.apple.iCal";
 

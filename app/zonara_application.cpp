@@ -1,7 +1,6 @@
 #include "app/zonara_application.h"
 
-#include <malloc.h>
-
+#include "platform/memory.h"
 
 namespace zonara {
 
@@ -22,7 +21,7 @@ void ZonaraApplication::resetAutoreleasePool() {
   if (reset_) {
     reset_();
   } else {
-    malloc_trim(0);
+    releaseFreedMemory();
   }
 }
 

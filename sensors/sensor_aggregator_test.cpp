@@ -30,7 +30,7 @@ class SensorAggregatorTest : public ::testing::Test {
  protected:
   void SetUp() override {
     SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) { log_.push_back(line); });
-    observer_ = center_.addObserver(SensorAggregator::kNotification, [this](const Notification& n) {
+    observer_ = center_.addObserver(kSensorNotification, [this](const Notification& n) {
       EXPECT_EQ(n.object, aggregator_.get());
       posted_.push_back(clock_.now());
     });

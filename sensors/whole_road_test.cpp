@@ -19,10 +19,8 @@
 #include "platform/testing/test_bus.h"
 #include "sensors/location_sensing.h"
 #include "sensors/sensor_test_support.h"
-#ifdef ZONARA_WITH_WPS_API
 #include "sensors/wps_location_library.h"
 #include "wps/spi/simulated_clock.h"
-#endif
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -78,7 +76,7 @@ class WholeRoadTest : public ::testing::Test {
                             "</LocationRS>");
       return HttpResponse(404, "");
     });
-    prefs_ = std::make_unique<PreferencesDomain>(AppController::kServerName, (root_ / "config").string());
+    prefs_ = std::make_unique<PreferencesDomain>(kHelperBusName, (root_ / "config").string());
     prefs_->setValue("TimezoneServiceURL", PrefValue::string(http_.url()));
     prefs_->setValue("IPLocationURL", PrefValue::string(http_.url()));
     prefs_->setValue("PositioningServerURL", PrefValue::string(http_.url() + "/wps2/"));
@@ -105,7 +103,7 @@ class WholeRoadTest : public ::testing::Test {
     ZonaraApplication application(RunLoop::main());
     NotificationCenter center;
     DBusDistributedNotificationCenter distributed(*helperBus);
-    DBusNameServer server(*helperBus, AppController::kServerName);
+    DBusNameServer server(*helperBus, kHelperBusName);
     FreedesktopNotifier notifier(*helperBus, "Zonara");
     SubprocessCommandRunner runner;
     testing::FakeWorkspace workspace;
@@ -205,7 +203,6 @@ TEST_F(WholeRoadTest, WithoutAPositionFromTheLibraryTheIPLocationPageLeadsToPari
   EXPECT_TRUE(askedForTheZoneAtParis());
 }
 
-#ifdef ZONARA_WITH_WPS_API
 // The real positioning library, scanning a scan file and asking the loopback
 // positioning server; the IP-location page is never needed.
 TEST_F(WholeRoadTest, PositioningLibraryWithAScanFileLeadsToParis) {
@@ -230,7 +227,6 @@ TEST_F(WholeRoadTest, PositioningLibraryWithAScanFileLeadsToParis) {
   ASSERT_TRUE(user);
   EXPECT_EQ(user->size(), 36u);
 }
-#endif
 
 }  // namespace
 }  // namespace zonara
