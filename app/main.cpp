@@ -20,7 +20,7 @@
 #include "platform/zonara_names.h"
 #include "sensors/location_sensing.h"
 #include "sensors/wps_location_library.h"
-#include "wps/api/config.h"
+#include "wps/api/protocol/config.h"
 #include "wps/spi/logger.h"
 
 using namespace zonara;
