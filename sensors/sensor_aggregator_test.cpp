@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/system_log.h"
+#include "platform/zonara_names.h"
 #include "sensors/sensor_test_support.h"
 
 namespace zonara {
