@@ -13,8 +13,11 @@
 #include <thread>
 
 #include "app/notification_controller.h"
+#include "app/testing/helper_services.h"
 #include "app/zonara_application.h"
 #include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
+#include "platform/testing/temp_dir.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/fakes.h"
 #include "platform/testing/test_bus.h"
@@ -30,20 +33,6 @@ using testing::HttpResponse;
 using testing::HttpTestServer;
 using testing::FakeNotificationService;
 using testing::FakeWorkspace;
-
-std::string readFile(const fs::path& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
-}
 
 std::string zoneReply(const std::string& id, const std::string& gmt, const std::string& dst) {
   return "<geonames><timezone><timezoneId>" + id + "</timezoneId><gmtOffset>" + gmt + "</gmtOffset><dstOffset>" +
@@ -78,45 +67,17 @@ class FakeTrigger final : public LocationTrigger {
 class AppControllerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::remove_all(root_);
-    fs::create_directories(root_ / "config");
-    tzFile_ = root_ / "timezone";
-    std::ofstream(tzFile_) << "UTC\n";
-    zones_ = std::make_unique<DateTzDatabase>(tzFile_.string());
-    prefs_ = std::make_unique<PreferencesDomain>(AppController::kServerName, (root_ / "config").string());
     prefs_->setValue("TimezoneServiceURL", PrefValue::string(http_.url()));
-    const std::string script = "printf '%s\\n' \"$1\" >> '" + (root_ / "commands").string() + "' && printf '%s\\n' \"$1\" > '" +
-                               tzFile_.string() + "'";
-    prefs_->setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/sh"), PrefValue::string("-c"),
-                                                             PrefValue::string(script),
-                                                             PrefValue::string("set-timezone")}));
     ASSERT_TRUE(prefs_->synchronize());
     http_.setHandler([](const HttpRequest& r) {
       if (r.query().find("lat=-33.9&") != std::string::npos) return HttpResponse(200, zoneReply("Australia/Sydney", "10", "11"));
       if (r.query().find("lat=35.7&") != std::string::npos) return HttpResponse(200, zoneReply("Asia/Tokyo", "9", "9"));
       return HttpResponse(200, zoneReply("Europe/Paris", "1", "2"));
     });
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& m) { log_.push_back(m); });
   }
-  void TearDown() override { SetSystemLogSinkForTesting(nullptr); }
 
   AppController::Services services() {
-    AppController::Services s;
-    s.application = &application_;
-    s.runLoop = &RunLoop::main();
-    s.notificationCenter = &center_;
-    s.distributedCenter = &distributed_;
-    s.server = &server_;
-    s.commandRunner = &runner_;
-    s.workspace = &workspace_;
-    s.notifier = &notifier_;
-    s.zones = zones_.get();
-    s.fetcher = &fetcher_;
-    s.preferences = prefs_.get();
-    s.preferencesDirectory = (root_ / "config").string();
-    s.dataHome = (root_ / "data").string();
-    s.iconPath = std::string(std::getenv("ZONARA_SOURCE_DIR")) + "/app/resources/Zonara.png";
+    AppController::Services s = helper_.services();
     s.location = &location_;
     s.sensorAggregator = [this] { return &trigger_; };
     return s;
@@ -126,8 +87,8 @@ class AppControllerTest : public ::testing::Test {
     EXPECT_TRUE(c);
     return c;
   }
-  std::vector<std::string> commands() { return lines(readFile(root_ / "commands")); }
-  bool logged(const std::string& m) { return std::find(log_.begin(), log_.end(), m) != log_.end(); }
+  std::vector<std::string> commands() { return helper_.commands(); }
+  bool logged(const std::string& m) { return log_.has(m); }
   void setCalendar(std::optional<bool> support) {
     PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
     if (support) ical.setValue("TimeZone support enabled", PrefValue::boolean(*support));
@@ -140,23 +101,23 @@ class AppControllerTest : public ::testing::Test {
     return v ? std::optional(v->asString()) : std::nullopt;
   }
 
+  testing::SystemLogCapture log_;
   VirtualClock clock_{Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch())};
   ScopedClock installed_{clock_};
-  fs::path root_, tzFile_;
-  std::unique_ptr<DateTzDatabase> zones_;
-  std::unique_ptr<PreferencesDomain> prefs_;
+  testing::TempDir scratch_{"app-controller-"};
+  const fs::path root_ = scratch_.path();
+  testing::HelperServices helper_{scratch_.path()};
+  const fs::path tzFile_ = helper_.timezoneFile();
+  PreferencesDomain* const prefs_ = &helper_.preferences;
   HttpTestServer http_;
-  ZonaraApplication application_{RunLoop::main()};
-  NotificationCenter center_;
-  testing::InProcessDistributedNotificationCenter distributed_;
-  testing::FakeBusNameServer server_;
-  SubprocessCommandRunner runner_;
-  FakeWorkspace workspace_;
-  testing::RecordingDesktopNotifier notifier_;
-  CurlHttpFetcher fetcher_;
+  ZonaraApplication& application_ = helper_.application;
+  NotificationCenter& center_ = helper_.center;
+  testing::InProcessDistributedNotificationCenter& distributed_ = helper_.distributed;
+  testing::FakeBusNameServer& server_ = helper_.server;
+  FakeWorkspace& workspace_ = helper_.workspace;
+  testing::RecordingDesktopNotifier& notifier_ = helper_.notifier;
   FakeLocation location_;
   FakeTrigger trigger_;
-  std::vector<std::string> log_;
 };
 
 TEST_F(AppControllerTest, StartUpMakesFoldersObservesAndSchedulesItsSteps) {
@@ -189,7 +150,7 @@ TEST_F(AppControllerTest, WithoutTheBusNameTheHelperIsInert) {
   EXPECT_EQ(AppController::create(services()), nullptr);
   EXPECT_TRUE(logged("unable to start ZonaraHelper server"));
   EXPECT_EQ(distributed_.observerCount(), 0u);
-  center_.post(AppController::kSensorNotification);
+  center_.post(kSensorNotification);
   RunLoop::main().runUntilNoTimers();
   EXPECT_TRUE(notifier_.shown.empty());
   EXPECT_EQ(http_.requestCount(), 0u);
@@ -227,7 +188,7 @@ TEST_F(AppControllerTest, TheShutdownObserverIsInPlaceWhenTheNameIsTaken) {
 
 TEST_F(AppControllerTest, ShutdownEndsTheApplicationBeforeTheFirstCheck) {
   auto controller = start();
-  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({AppController::kShutdownNotification, "", {}}); });
+  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({kShutdownNotification, "", {}}); });
   application_.run();  // returns only through terminate
   EXPECT_TRUE(trigger_.triggeredAt.empty());
   EXPECT_LT(clock_.elapsed(), 500ms);
@@ -324,7 +285,7 @@ TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
     server_.events.clear();
     location_.latitude = c.lat;
     location_.longitude = c.lon;
-    center_.post(AppController::kSensorNotification);
+    center_.post(kSensorNotification);
     EXPECT_EQ(http_.requestCount(), c.lookedUp ? 1u : 0u) << c.lat.value_or(-99) << "," << c.lon.value_or(-99);
     // Every look-up announces that the location description changed.
     EXPECT_EQ(std::count(server_.events.begin(), server_.events.end(), "CurrentLocation?"), c.lookedUp ? 1 : 0);
@@ -365,10 +326,10 @@ TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
   auto controller = start();
   RunLoop::main().runOnce();
   location_.set(48.8566, 2.3522);
-  center_.post(AppController::kSensorNotification);
-  center_.post(AppController::kSensorNotification);  // same zone again: the system is there now
+  center_.post(kSensorNotification);
+  center_.post(kSensorNotification);  // same zone again: the system is there now
   location_.set(35.7, 139.7);
-  center_.post(AppController::kSensorNotification);
+  center_.post(kSensorNotification);
   EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png",
                                                        "Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png",
                                                        "Zonara|Timezone changed to: Asia/Tokyo|Timezone changed|Zonara.png"}));
@@ -410,8 +371,8 @@ std::string readProperty(const std::string& address, const std::string& property
   if (!c) return "<no connection>";
   GError* err = nullptr;
   GVariant* r = g_dbus_connection_call_sync(
-      c->get(), AppController::kServerName, "/", "org.freedesktop.DBus.Properties", "Get",
-      g_variant_new("(ss)", AppController::kServerName, property.c_str()), G_VARIANT_TYPE("(v)"),
+      c->get(), kHelperBusName, "/", "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", kHelperBusName, property.c_str()), G_VARIANT_TYPE("(v)"),
       G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &err);
   if (!r) {
     std::string m = err->message;
@@ -472,7 +433,7 @@ class AppControllerBusTest : public AppControllerTest {
 };
 
 TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
-  DBusNameServer server1(*first_, AppController::kServerName), server2(*second_, AppController::kServerName);
+  DBusNameServer server1(*first_, kHelperBusName), server2(*second_, kHelperBusName);
   DBusDistributedNotificationCenter center1(*first_), center2(*second_), poster(*other_);
   FreedesktopNotifier notifier1(*first_, "Zonara"), notifier2(*second_, "Zonara");
   auto first = AppController::create(busServices(*first_, server1, center1, notifier1));
@@ -480,17 +441,17 @@ TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
   log_.clear();
   auto second = AppController::create(busServices(*second_, server2, center2, notifier2));
   EXPECT_EQ(second, nullptr);
-  EXPECT_EQ(log_, std::vector<std::string>{"unable to start ZonaraHelper server"});
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{"unable to start ZonaraHelper server"});
 
   // Posted from another process-like connection while the first check is
   // still 3.5 s away.
-  RunLoop::main().performAfterDelay(0ms, [&] { poster.post({AppController::kShutdownNotification, "", {}}); });
+  RunLoop::main().performAfterDelay(0ms, [&] { poster.post({kShutdownNotification, "", {}}); });
   EXPECT_TRUE(runApplication(5s));
   EXPECT_TRUE(trigger_.triggeredAt.empty());
 }
 
 TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties) {
-  DBusNameServer server(*first_, AppController::kServerName);
+  DBusNameServer server(*first_, kHelperBusName);
   DBusDistributedNotificationCenter center(*first_);
   FreedesktopNotifier notifier(*first_, "Zonara");
   FakeNotificationService service(*other_);
@@ -500,8 +461,8 @@ TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties)
   ASSERT_TRUE(loop.runUntil([&] { return service.received.size() == 1; }, 5s));
 
   location_.set(48.8566, 2.3522);
-  center_.post(AppController::kSensorNotification);  // applied
-  center_.post(AppController::kSensorNotification);  // confirmed
+  center_.post(kSensorNotification);  // applied
+  center_.post(kSensorNotification);  // confirmed
   ASSERT_TRUE(loop.runUntil([&] { return service.received.size() >= 2; }, 5s));
   std::vector<std::string> received;
   for (const auto& n : service.received) {

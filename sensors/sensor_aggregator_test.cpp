@@ -5,6 +5,8 @@
 #include <thread>
 
 #include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
+#include "platform/zonara_names.h"
 #include "sensors/sensor_test_support.h"
 
 namespace zonara {
@@ -29,19 +31,16 @@ class FakeStatusSource final : public TelluroStatusSource {
 class SensorAggregatorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) { log_.push_back(line); });
-    observer_ = center_.addObserver(SensorAggregator::kNotification, [this](const Notification& n) {
+    observer_ = center_.addObserver(kSensorNotification, [this](const Notification& n) {
       EXPECT_EQ(n.object, aggregator_.get());
       posted_.push_back(clock_.now());
     });
     aggregator_ = std::make_unique<SensorAggregator>(center_);
     aggregator_->setStatusSource(&source_);
   }
-  void TearDown() override {
-    aggregator_.reset();
-    SetSystemLogSinkForTesting(nullptr);
-  }
+  void TearDown() override { aggregator_.reset(); }
 
+  testing::SystemLogCapture log_;
   VirtualClock clock_;
   ScopedClock installed_{clock_};
   NotificationCenter center_;
@@ -49,7 +48,6 @@ class SensorAggregatorTest : public ::testing::Test {
   FakeStatusSource source_;
   std::unique_ptr<SensorAggregator> aggregator_;
   std::vector<Clock::TimePoint> posted_;
-  std::vector<std::string> log_;
 };
 
 TEST_F(SensorAggregatorTest, ThreeTriggersASecondApartGiveOneNotificationFourSecondsAfterTheLast) {
@@ -91,7 +89,7 @@ TEST_F(SensorAggregatorTest, PostsWhetherOrNotThePositionChangedAndLogsWhich) {
     testing::advanceMainLoop(clock_, 4000ms);
     ++n;
     ASSERT_EQ(posted_.size(), n);
-    EXPECT_EQ(log_.back(), step.logLine) << n;
+    EXPECT_EQ(log_.last(), step.logLine) << n;
   }
 }
 
