@@ -450,7 +450,7 @@ TEST_F(WpsApiTest, ClientSettingsReachTheRequests) {
   ASSERT_EQ(WPS_set_user_agent(nullptr), WPS_OK);
   ASSERT_EQ(WPS_ip_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
   WPS_free_ip_location(ip);
-  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), kDefaultUserAgent);
+  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), WPS::API::defaultUserAgent());
 
   // Through a proxy (the same loopback server), the request names the server.
   ASSERT_EQ(WPS_set_server_url("http://telluro.example/wps2"), WPS_OK);
