@@ -46,6 +46,11 @@ void GeolocationServer::addAccessPoint(const std::string& mac, double latitude, 
   accessPoints_[lower(mac)] = {latitude, longitude};
 }
 
+void GeolocationServer::clearAccessPoints() {
+  std::lock_guard<std::mutex> lock(mu_);
+  accessPoints_.clear();
+}
+
 void GeolocationServer::setWifiAccuracy(double metres) {
   std::lock_guard<std::mutex> lock(mu_);
   wifiAccuracy_ = metres;

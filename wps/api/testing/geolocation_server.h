@@ -58,6 +58,8 @@ class GeolocationServer {
 
   // Known access points by MAC ("01:23:45:67:89:ab", any case).
   void addAccessPoint(const std::string& mac, double latitude, double longitude);
+  // Forgets every known access point: Wi-Fi requests get notFound.
+  void clearAccessPoints();
   void setWifiAccuracy(double metres);
   void setIpLocation(std::optional<std::pair<double, double>> latitudeLongitude, double accuracy = 25000);
   // `retryAfter` is sent as the Retry-After header when not empty.
