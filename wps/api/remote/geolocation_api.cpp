@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "wps/api/location_client.h"
+#include "wps/api/protocol/location_client.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {

@@ -44,7 +44,7 @@
 #include <string>
 #include <string_view>
 
-#include "wps/api/location.h"
+#include "wps/api/protocol/location.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/scan.h"
 #include "wps/spi/time.h"

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "wps/api/config.h"
-#include "wps/api/location_client.h"
+#include "wps/api/protocol/config.h"
+#include "wps/api/protocol/location_client.h"
 #include "wps/api/testing/geolocation_server.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/os_release.h"
