@@ -199,6 +199,18 @@ class GeolocationReporter {
   size_t seen_ = 0;
 };
 
+// Calls `reporter.poll()` every 0.1 s on the main loop.
+template <typename Reporter>
+void pollEveryTenthOfASecond(Reporter& reporter) {
+  g_timeout_add(
+      100,
+      [](gpointer data) -> gboolean {
+        static_cast<Reporter*>(data)->poll();
+        return G_SOURCE_CONTINUE;
+      },
+      &reporter);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -308,20 +320,8 @@ int main(int argc, char** argv) {
         },
         loop);
   }
-  g_timeout_add(
-      100,
-      [](gpointer data) -> gboolean {
-        static_cast<RequestReporter*>(data)->poll();
-        return G_SOURCE_CONTINUE;
-      },
-      &reporter);
-  g_timeout_add(
-      100,
-      [](gpointer data) -> gboolean {
-        static_cast<GeolocationReporter*>(data)->poll();
-        return G_SOURCE_CONTINUE;
-      },
-      &geolocationReporter);
+  pollEveryTenthOfASecond(reporter);
+  pollEveryTenthOfASecond(geolocationReporter);
   g_main_loop_run(loop);
   g_main_loop_unref(loop);
   // The servers stop (and join their threads) before the tables they read go.
