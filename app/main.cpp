@@ -163,6 +163,8 @@ int main() {
       LocationSensingSettings::fromPreferences(preferences, WPS::API::kDefaultServerUrl);
 #ifdef ZONARA_WITH_WPS_API
   WpsLocationLibrary::setServerURL(settings.positioningServerURL);
+  SystemLog("positioning server: %s",
+            settings.positioningServerURL.empty() ? "none" : settings.positioningServerURL.c_str());
   WpsLocationLibrary library;
 #else
   SystemLogAt(LogPriority::Warning, "built without the positioning library; only the IP-location page is used");

@@ -72,6 +72,10 @@ void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<d
 }
 
 void TelluroSensor::setPosition(const TelluroLocation& location) {
+  if (location.ipBased) {
+    SystemLog("position %s, %s is from the IP address", numberText(location.latitude).c_str(),
+              numberText(location.longitude).c_str());
+  }
   std::lock_guard<std::mutex> lock(mu_);
   currentLongitude_ = location.longitude;
   currentLatitude_ = location.latitude;

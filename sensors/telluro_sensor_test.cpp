@@ -205,6 +205,7 @@ TEST_F(TelluroSensorTest, WithoutAPageTheLibrarysIpLocationIsAskedOnceAndMarked)
   EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 52.5);
   EXPECT_TRUE(sensor_->positionIsIpBased());
   EXPECT_TRUE(logged("setting current longitude to 13.4, latitude to 52.5 (from the IP address)"));
+  EXPECT_TRUE(logged("position 52.5, 13.4 is from the IP address"));
   EXPECT_EQ(trigger_.count(), 1u);
 
   // A Wi-Fi position replaces it and is not marked.
