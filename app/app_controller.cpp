@@ -116,7 +116,7 @@ void AppController::setupSensor() {
 GeolocationHelper AppController::geolocationHelper() const {
   GeolocationHelper::Config config;
   if (services_.preferences) config = GeolocationHelper::configFromPreferences(*services_.preferences);
-  return GeolocationHelper(*services_.fetcher, *services_.zones, config);
+  return GeolocationHelper(*services_.fetcher, *services_.zones, config, services_.boundaries);
 }
 
 void AppController::telluroLocationChanged() {

@@ -6,6 +6,7 @@
 #include <libxml/tree.h>
 
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <memory>
 #include <vector>
@@ -19,9 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kAttempts = 10;
 constexpr auto kRequestTimeout = 10s;
-constexpr auto kPauseBetweenAttempts = 30s;
 
 struct XmlDocDeleter {
   void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
@@ -125,21 +124,70 @@ bool GeolocationHelper::containsIgnoringCaseAndDiacritics(const std::string& tex
 }
 
 std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longitude, double latitude) const {
+  return usesService() ? timezoneFromService(longitude, latitude) : timezoneFromBoundaries(longitude, latitude);
+}
+
+std::optional<std::string> GeolocationHelper::knownZoneMatching(const std::string& identifier) const {
+  const auto now = Clock::get().wallNow();
+  for (const std::string& known : zones_.knownTimeZoneNames()) {
+    auto name = zones_.zoneName(known);
+    if (!name || name->empty() || *name == "posixrules") continue;
+    Candidate c{*name, zones_.abbreviationAt(*name, now).value_or("")};
+    if (containsIgnoringCaseAndDiacritics(c.name, identifier) ||
+        containsIgnoringCaseAndDiacritics(c.abbreviation, identifier)) {
+      return c.name;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> GeolocationHelper::timezoneFromBoundaries(double longitude, double latitude) const {
+  const std::string lat = numberString(latitude);
+  const std::string lon = numberString(longitude);
+  if (!boundaries_) {
+    SystemLogAt(LogPriority::Warning, "no time-zone boundary data and no TimezoneServiceURL: no zone for (%s, %s)",
+                lat.c_str(), lon.c_str());
+    return std::nullopt;
+  }
+  std::string error;
+  std::optional<std::vector<std::string>> zones = boundaries_->zonesAt(latitude, longitude, &error);
+  if (!zones || zones->empty()) {
+    SystemLogAt(LogPriority::Warning, "time-zone boundary data has no zone for (%s, %s): %s", lat.c_str(),
+                lon.c_str(), error.c_str());
+    return std::nullopt;
+  }
+  std::string all;
+  for (const std::string& zone : *zones) all += (all.empty() ? "" : ", ") + zone;
+  SystemLog("timezone from the boundary data (%s) at (%s, %s): %s", boundaries_->release().c_str(), lat.c_str(),
+            lon.c_str(), all.c_str());
+  // The principal zone first; where the data places the point in several
+  // zones, another one may be the one this system knows.
+  for (const std::string& zone : *zones) {
+    if (std::optional<std::string> known = knownZoneMatching(zone)) return known;
+  }
+  // A zone the system does not know (its zone database is older than the
+  // boundaries): the nautical offsets of the point's longitude are the best
+  // guess left.
+  const int32_t offset = static_cast<int32_t>(std::lround(longitude / 15.0)) * 3600;
+  return timezoneForGMTOffset(offset, offset);
+}
+
+std::optional<std::string> GeolocationHelper::timezoneFromService(double longitude, double latitude) const {
   const std::string url = requestURL(config_, latitude, longitude);
   SystemLog("urlString = %s", url.c_str());
 
   std::optional<std::string> data;
   XmlDoc doc;
-  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+  for (int attempt = 1; attempt <= config_.attempts; ++attempt) {
     data = fetcher_.fetch(url, kRequestTimeout);
     if (data) {
       doc = parseXml(*data);
       if (doc) break;
     }
-    Clock::get().sleepFor(kPauseBetweenAttempts);
+    Clock::get().sleepFor(config_.pauseBetweenAttempts);
     // Data that is not XML is not asked for again.
     if (data) break;
-    if (attempt == kAttempts) return std::nullopt;
+    if (attempt == config_.attempts) return std::nullopt;
   }
 
   // An answer without a timezone record -- not XML, an error document of the
@@ -154,18 +202,11 @@ std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longit
   std::optional<std::string> identifier = textOf(lastChild(record, "timezoneId"));
   const float gmtHours = floatValue(textOf(lastChild(record, "gmtOffset")));
   const float dstHours = floatValue(textOf(lastChild(record, "dstOffset")));
+  SystemLog("timezone from the time-zone service at %s: %s", config_.serviceURL.c_str(),
+            identifier ? identifier->c_str() : "(no timezoneId)");
 
   if (identifier) {
-    const auto now = Clock::get().wallNow();
-    for (const std::string& known : zones_.knownTimeZoneNames()) {
-      auto name = zones_.zoneName(known);
-      if (!name || name->empty() || *name == "posixrules") continue;
-      Candidate c{*name, zones_.abbreviationAt(*name, now).value_or("")};
-      if (containsIgnoringCaseAndDiacritics(c.name, *identifier) ||
-          containsIgnoringCaseAndDiacritics(c.abbreviation, *identifier)) {
-        return c.name;
-      }
-    }
+    if (std::optional<std::string> known = knownZoneMatching(*identifier)) return known;
   }
   return timezoneForGMTOffset(secondsFromHours(gmtHours), secondsFromHours(dstHours));
 }

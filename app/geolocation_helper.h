@@ -1,25 +1,32 @@
 // From a latitude and longitude to the name of a time zone the system knows.
 //
-// The GeoNames time-zone service is asked for the zone at the point
-// ("<service>/timezone?lat=LAT&lng=LON&style=full", plus "&username=NAME" when
-// a user name is configured). Its answer is matched against the system's
-// zone names and their current abbreviations; failing that, a zone with the
-// same January and July offsets is looked for.
+// The zone at the point comes from one of two sources:
+//   - by default (no service URL configured) the time-zone boundary data on
+//     the computer (`timezone::BoundaryIndex`): no network, nothing sent;
+//   - with a service URL, the GeoNames time-zone service
+//     ("<service>/timezone?lat=LAT&lng=LON&style=full", plus "&username=NAME"
+//     when a user name is configured).
+// Either answer is matched against the system's zone names and their current
+// abbreviations; failing that, a zone with the same January and July offsets
+// is looked for (the service's offsets; for a boundary-data zone the system
+// does not know, those of the point's 15-degree nautical band).
 //
-// Both look-ups block the calling thread (the fetch, up to 10 attempts of up
-// to 10 s with 30 s pauses between them, is synchronous by design); the
-// pauses are taken on the installed `Clock`.
+// The look-ups block the calling thread: with the service, the fetch (by
+// default up to 10 attempts of up to 10 s with 30 s pauses between them) is
+// synchronous by design; the pauses are taken on the installed `Clock`.
 //
 // Thread safety: the object is immutable; any thread may call it, as long as
 // the fetcher and the zone database allow that too.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 #include "platform/http_fetcher.h"
 #include "platform/time_zone_database.h"
+#include "timezone/boundary_index.h"
 
 namespace zonara {
 
@@ -28,23 +35,40 @@ class PreferencesDomain;
 class GeolocationHelper {
  public:
   struct Config {
-    // Base URL of the service, without a trailing path.
-    std::string serviceURL = "http://api.geonames.org";
+    // Base URL of the service, without a trailing path. Empty: the zone comes
+    // from the boundary data instead.
+    std::string serviceURL;
     // Sent as "username" when not empty; the public service requires one.
     std::string username;
+    // Requests to the service per look-up, and the pause after each one that
+    // brings no XML (after the last one too, as the service path describes).
+    int attempts = 10;
+    std::chrono::seconds pauseBetweenAttempts{30};
   };
 
   // Reads "TimezoneServiceURL" and "TimezoneServiceUsername" (strings) from
   // `prefs`; absent or empty values keep the defaults above.
   [[nodiscard]] static Config configFromPreferences(PreferencesDomain& prefs);
 
-  // `fetcher` and `zones` are borrowed and must outlive this object.
-  GeolocationHelper(HttpFetcher& fetcher, TimeZoneDatabase& zones, Config config)
-      : fetcher_(fetcher), zones_(zones), config_(std::move(config)) {}
+  // `fetcher`, `zones` and `boundaries` are borrowed and must outlive this
+  // object; `boundaries` may be null (no boundary data: without a service
+  // URL, then, no zone is found).
+  GeolocationHelper(HttpFetcher& fetcher, TimeZoneDatabase& zones, Config config,
+                    const timezone::BoundaryIndex* boundaries = nullptr)
+      : fetcher_(fetcher), zones_(zones), config_(std::move(config)), boundaries_(boundaries) {}
 
-  // The zone name at the point, or nullopt when the service gave no usable
-  // answer (see the .cpp for the rules) or no known zone fits.
+  // Whether look-ups ask the web service (a service URL is configured).
+  [[nodiscard]] bool usesService() const { return !config_.serviceURL.empty(); }
+
+  // The zone name at the point, or nullopt when the source gave no usable
+  // answer (see the .cpp for the rules) or no known zone fits. Logs which
+  // source answered.
   [[nodiscard]] std::optional<std::string> timezoneForLongitude(double longitude, double latitude) const;
+
+  // The known zone for a zone identifier (a name such as the service or the
+  // boundary data gives): the first known zone whose name or current
+  // abbreviation contains it, ignoring case and diacritics. nullopt when none.
+  [[nodiscard]] std::optional<std::string> knownZoneMatching(const std::string& identifier) const;
 
   // The zone for offsets from GMT in seconds on 1 January and 1 July of the
   // current year: the first known zone with both offsets is found and the
@@ -66,9 +90,13 @@ class GeolocationHelper {
   [[nodiscard]] static bool containsIgnoringCaseAndDiacritics(const std::string& text, const std::string& part);
 
  private:
+  [[nodiscard]] std::optional<std::string> timezoneFromService(double longitude, double latitude) const;
+  [[nodiscard]] std::optional<std::string> timezoneFromBoundaries(double longitude, double latitude) const;
+
   HttpFetcher& fetcher_;
   TimeZoneDatabase& zones_;
   const Config config_;
+  const timezone::BoundaryIndex* boundaries_;
 };
 
 }  // namespace zonara

@@ -16,6 +16,7 @@
 #include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
 #include "sensors/location_sensing.h"
+#include "timezone/boundary_data.h"
 #include "wps/api/config.h"
 #include "wps/spi/logger.h"
 #ifdef ZONARA_WITH_WPS_API
@@ -91,6 +92,19 @@ std::string localtimePath() {
   return "/etc/localtime";
 }
 
+// The time-zone boundary data, opened once for the helper's lifetime; its
+// absence is logged (zones then come only from a configured service).
+timezone::BoundaryData openBoundaryData() {
+  std::string error;
+  timezone::BoundaryData data = timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  if (data.index) {
+    SystemLog("time-zone boundary data: %s (%s)", data.index->release().c_str(), data.path.c_str());
+  } else {
+    SystemLogAt(LogPriority::Warning, "%s", error.c_str());
+  }
+  return data;
+}
+
 }  // namespace
 
 int main() {
@@ -143,6 +157,7 @@ int main() {
   LinuxWorkspace workspace;
   DateTzDatabase zones(localtimePath());
   CurlHttpFetcher fetcher;
+  const timezone::BoundaryData boundaries = openBoundaryData();
 
   AppController::Services services;
   services.application = &application;
@@ -155,6 +170,7 @@ int main() {
   services.notifier = notifier.get();
   services.zones = &zones;
   services.fetcher = &fetcher;
+  services.boundaries = boundaries.index.get();
   services.preferences = &preferences;
   services.iconPath = iconPath();
 
