@@ -160,10 +160,17 @@ std::optional<std::string> GeolocationHelper::timezoneFromBoundaries(double long
   for (const std::string& zone : *zones) all += (all.empty() ? "" : ", ") + zone;
   SystemLog("timezone from the boundary data (%s) at (%s, %s): %s", boundaries_->release().c_str(), lat.c_str(),
             lon.c_str(), all.c_str());
+  return knownZoneForBoundaryZones(*zones, longitude,
+                                   [this](const std::string& zone) { return knownZoneMatching(zone); });
+}
+
+std::optional<std::string> GeolocationHelper::knownZoneForBoundaryZones(const std::vector<std::string>& zones,
+                                                                        double longitude,
+                                                                        const ZoneMatcher& match) const {
   // The principal zone first; where the data places the point in several
   // zones, another one may be the one this system knows.
-  for (const std::string& zone : *zones) {
-    if (std::optional<std::string> known = knownZoneMatching(zone)) return known;
+  for (const std::string& zone : zones) {
+    if (std::optional<std::string> known = match(zone)) return known;
   }
   // A zone the system does not know (its zone database is older than the
   // boundaries): the nautical offsets of the point's longitude are the best

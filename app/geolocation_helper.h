@@ -21,8 +21,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/http_fetcher.h"
 #include "platform/time_zone_database.h"
@@ -69,6 +71,14 @@ class GeolocationHelper {
   // boundary data gives): the first known zone whose name or current
   // abbreviation contains it, ignoring case and diacritics. nullopt when none.
   [[nodiscard]] std::optional<std::string> knownZoneMatching(const std::string& identifier) const;
+
+  // The known zone for the zones the boundary data gives at a point of
+  // `longitude` (principal first): the first of them that `match` (normally
+  // `knownZoneMatching`, or a memo of it) finds, else the zone for the
+  // offsets of the longitude's 15-degree nautical band.
+  using ZoneMatcher = std::function<std::optional<std::string>(const std::string&)>;
+  [[nodiscard]] std::optional<std::string> knownZoneForBoundaryZones(const std::vector<std::string>& zones,
+                                                                     double longitude, const ZoneMatcher& match) const;
 
   // The zone for offsets from GMT in seconds on 1 January and 1 July of the
   // current year: the first known zone with both offsets is found and the

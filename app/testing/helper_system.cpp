@@ -347,8 +347,10 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 
   preferences_ = std::make_unique<PreferencesDomain>(kHelperName, configHome());
   PreferencesDomain& p = *preferences_;
-  p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
-  p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+  if (options_.timezoneService) {
+    p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
+    p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+  }
   p.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string(script)}));
   p.setValue("PositioningServerURL", PrefValue::string(gates_[Service::Positioning]->url()));
   p.setValue("IPLocationURL", PrefValue::string(gates_[Service::IPLocation]->url()));
