@@ -9,7 +9,7 @@
 
 #include "platform/testing/http_test_server.h"
 #include "timezone/boundary_data.h"
-#include "timezone/testing/built_data.h"
+#include "timezone/testing/built_boundary_file.h"
 
 using namespace std::chrono_literals;
 

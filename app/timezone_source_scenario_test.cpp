@@ -5,7 +5,7 @@
 #include <chrono>
 
 #include "app/testing/helper_system.h"
-#include "timezone/testing/built_data.h"
+#include "timezone/testing/built_boundary_file.h"
 
 namespace zonara {
 namespace {

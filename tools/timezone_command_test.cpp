@@ -11,7 +11,7 @@
 #include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/temp_dir.h"
-#include "timezone/testing/built_data.h"
+#include "timezone/testing/built_boundary_file.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;

@@ -1,4 +1,4 @@
-#include "timezone/testing/built_data.h"
+#include "timezone/testing/built_boundary_file.h"
 
 #include <sys/stat.h>
 
