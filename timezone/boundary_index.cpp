@@ -543,14 +543,29 @@ struct SubCell {
   uint32_t i, j, entry;
 };
 
-// The sub-cells of a mixed cell within `radius`, nearest first; nullopt when an entry is corrupt.
-std::optional<std::vector<SubCell>> subCellsWithin(const MappedBoundaryFile& f, const MappedBoundaryFile::Cell& cell, const Metric& m, double radius) {
+// The sub-cells of a mixed cell within `radius`, nearest first (only those with
+// edges when `edgesOnly`); nullopt when an entry is corrupt.
+std::optional<std::vector<SubCell>> subCellsWithin(const MappedBoundaryFile& f, const MappedBoundaryFile::Cell& cell, const Metric& m,
+                                                   double radius, bool edgesOnly) {
+  // Only the sub-cells whose rows and columns can lie within the radius.
+  double spanX = radius / m.kx, spanY = radius / m.ky;
+  uint32_t i0 = 0, i1 = cell.n - 1;
+  double px = m.px;
+  if (px < cell.box.x0 - kFullTurn / 2) px += kFullTurn;  // the cell lies across the date line from the point
+  if (px > cell.box.x1 + kFullTurn / 2) px -= kFullTurn;
+  if (spanX < kFullTurn / 4) {
+    i0 = fmt::subIndex(px - spanX, cell.box.x0, cell.box.x1, cell.n);
+    i1 = fmt::subIndex(px + spanX, cell.box.x0, cell.box.x1, cell.n);
+  }
+  uint32_t j0 = fmt::subIndex(m.py - spanY, cell.box.y0, cell.box.y1, cell.n);
+  uint32_t j1 = fmt::subIndex(m.py + spanY, cell.box.y0, cell.box.y1, cell.n);
   std::vector<SubCell> out;
-  for (uint32_t j = 0; j < cell.n; ++j) {
-    for (uint32_t i = 0; i < cell.n; ++i) {
+  for (uint32_t j = j0; j <= j1; ++j) {
+    for (uint32_t i = i0; i <= i1; ++i) {
+      uint32_t e = cell.entry(i, j);
+      if (edgesOnly && fmt::entryTag(e) != fmt::kMixed) continue;
       double d = m.toBox(cell.subBox(i, j));
       if (d > radius) continue;
-      uint32_t e = cell.entry(i, j);
       if (!f.validEntry(e, f.section[fmt::kChains].size)) return std::nullopt;
       out.push_back({d, i, j, e});
     }
@@ -589,7 +604,7 @@ std::optional<double> BoundaryIndex::borderDistance(double lat, double lon, std:
     if (c.distance >= best) break;
     if (fmt::entryTag(c.entry) != fmt::kMixed) continue;
     MappedBoundaryFile::Cell cell = file_->cell(fmt::entryValue(c.entry));
-    auto subCells = subCellsWithin(*file_, cell, m, best);
+    auto subCells = subCellsWithin(*file_, cell, m, best, true);
     if (!subCells) {
       setError(error, kCorruptChains);
       return std::nullopt;
@@ -675,7 +690,7 @@ std::optional<std::vector<std::string>> BoundaryIndex::zonesWithin(double lat, d
       continue;
     }
     MappedBoundaryFile::Cell cell = file_->cell(fmt::entryValue(c.entry));
-    auto subCells = subCellsWithin(*file_, cell, m, radiusMetres);
+    auto subCells = subCellsWithin(*file_, cell, m, radiusMetres, false);
     if (!subCells) {
       setError(error, kCorruptChains);
       return std::nullopt;
