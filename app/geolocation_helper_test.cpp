@@ -250,11 +250,19 @@ TEST_F(GeolocationHelperTest, WithoutServiceOrBoundaryDataNoZoneIsFoundAndNothin
   EXPECT_EQ(clock_.elapsed(), 0ms);
 }
 
-TEST_F(GeolocationHelperTest, BoundaryDataAnswersWithoutTheNetworkAndItsZonesAreMatched) {
-  ZONARA_NEED_BOUNDARY_DATA(path);
-  std::string error;
-  std::unique_ptr<timezone::BoundaryIndex> index = timezone::BoundaryIndex::open(path, &error);
-  ASSERT_NE(index, nullptr) << error;
+// With the boundary file this build made from the real data.
+class BoundaryGeolocationTest : public GeolocationHelperTest {
+ protected:
+  void SetUp() override {
+    ZONARA_NEED_BOUNDARY_DATA(path);
+    std::string error;
+    index_ = timezone::BoundaryIndex::open(path, &error);
+    ASSERT_NE(index_, nullptr) << error;
+  }
+  std::unique_ptr<timezone::BoundaryIndex> index_;
+};
+
+TEST_F(BoundaryGeolocationTest, BoundaryDataAnswersWithoutTheNetworkAndItsZonesAreMatched) {
   NoRequestsFetcher fetcher;
   ZonesWithout olderZones(*zones_, {"Europe/Brussels", "Europe/Amsterdam", "Europe/Luxembourg"});
   struct Case {
@@ -275,20 +283,16 @@ TEST_F(GeolocationHelperTest, BoundaryDataAnswersWithoutTheNetworkAndItsZonesAre
        GeolocationHelper(fetcher, olderZones, {}).timezoneForGMTOffset(0, 0)},
   };
   for (const Case& c : cases) {
-    GeolocationHelper h(fetcher, *c.zones, {}, index.get());
+    GeolocationHelper h(fetcher, *c.zones, {}, index_.get());
     EXPECT_FALSE(h.usesService());
     EXPECT_EQ(h.timezoneForLongitude(c.longitude, c.latitude), c.expected) << c.what;
   }
   EXPECT_EQ(clock_.elapsed(), 0ms);
 }
 
-TEST_F(GeolocationHelperTest, AConfiguredServiceIsAskedEvenWithBoundaryData) {
-  ZONARA_NEED_BOUNDARY_DATA(path);
-  std::string error;
-  std::unique_ptr<timezone::BoundaryIndex> index = timezone::BoundaryIndex::open(path, &error);
-  ASSERT_NE(index, nullptr) << error;
+TEST_F(BoundaryGeolocationTest, AConfiguredServiceIsAskedEvenWithBoundaryData) {
   server_.enqueue(HttpResponse(200, reply(record("Asia/Tokyo", "9", "9"))));
-  GeolocationHelper h(fetcher_, *zones_, {server_.url(), ""}, index.get());
+  GeolocationHelper h(fetcher_, *zones_, {server_.url(), ""}, index_.get());
   EXPECT_TRUE(h.usesService());
   EXPECT_EQ(h.timezoneForLongitude(4.35, 50.85), "Asia/Tokyo");
   EXPECT_EQ(server_.requestCount(), 1u);
