@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/testing/temp_dir.h"
+
 namespace zonara {
 namespace {
 
@@ -56,9 +58,8 @@ TEST(DateTzDatabaseTest, OffsetsAndAbbreviationsAtADate) {
 }
 
 TEST(DateTzDatabaseTest, SystemZoneFromALinkOrANameFile) {
-  fs::path dir = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "tzdb";
-  fs::create_directories(dir);
-  fs::remove(dir / "localtime");
+  testing::TempDir scratch("tzdb-");
+  const fs::path dir = scratch.path();
   fs::create_symlink("/usr/share/zoneinfo/Asia/Tokyo", dir / "localtime");
   EXPECT_EQ(DateTzDatabase((dir / "localtime").string()).systemTimeZoneName(), "Asia/Tokyo");
   std::ofstream(dir / "timezone") << "Europe/Berlin\n";

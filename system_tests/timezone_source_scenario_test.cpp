@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-#include "app/testing/helper_system.h"
+#include "system_tests/helper_system.h"
 #include "timezone/testing/built_boundary_file.h"
 
 namespace zonara {
