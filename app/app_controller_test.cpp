@@ -150,7 +150,7 @@ TEST_F(AppControllerTest, WithoutTheBusNameTheHelperIsInert) {
   EXPECT_EQ(AppController::create(services()), nullptr);
   EXPECT_TRUE(logged("unable to start ZonaraHelper server"));
   EXPECT_EQ(distributed_.observerCount(), 0u);
-  center_.post(AppController::kSensorNotification);
+  center_.post(kSensorNotification);
   RunLoop::main().runUntilNoTimers();
   EXPECT_TRUE(notifier_.shown.empty());
   EXPECT_EQ(http_.requestCount(), 0u);
@@ -188,7 +188,7 @@ TEST_F(AppControllerTest, TheShutdownObserverIsInPlaceWhenTheNameIsTaken) {
 
 TEST_F(AppControllerTest, ShutdownEndsTheApplicationBeforeTheFirstCheck) {
   auto controller = start();
-  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({AppController::kShutdownNotification, "", {}}); });
+  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({kShutdownNotification, "", {}}); });
   application_.run();  // returns only through terminate
   EXPECT_TRUE(trigger_.triggeredAt.empty());
   EXPECT_LT(clock_.elapsed(), 500ms);
@@ -285,7 +285,7 @@ TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
     server_.events.clear();
     location_.latitude = c.lat;
     location_.longitude = c.lon;
-    center_.post(AppController::kSensorNotification);
+    center_.post(kSensorNotification);
     EXPECT_EQ(http_.requestCount(), c.lookedUp ? 1u : 0u) << c.lat.value_or(-99) << "," << c.lon.value_or(-99);
     // Every look-up announces that the location description changed.
     EXPECT_EQ(std::count(server_.events.begin(), server_.events.end(), "CurrentLocation?"), c.lookedUp ? 1 : 0);
@@ -326,10 +326,10 @@ TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
   auto controller = start();
   RunLoop::main().runOnce();
   location_.set(48.8566, 2.3522);
-  center_.post(AppController::kSensorNotification);
-  center_.post(AppController::kSensorNotification);  // same zone again: the system is there now
+  center_.post(kSensorNotification);
+  center_.post(kSensorNotification);  // same zone again: the system is there now
   location_.set(35.7, 139.7);
-  center_.post(AppController::kSensorNotification);
+  center_.post(kSensorNotification);
   EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png",
                                                        "Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png",
                                                        "Zonara|Timezone changed to: Asia/Tokyo|Timezone changed|Zonara.png"}));
@@ -371,8 +371,8 @@ std::string readProperty(const std::string& address, const std::string& property
   if (!c) return "<no connection>";
   GError* err = nullptr;
   GVariant* r = g_dbus_connection_call_sync(
-      c->get(), AppController::kServerName, "/", "org.freedesktop.DBus.Properties", "Get",
-      g_variant_new("(ss)", AppController::kServerName, property.c_str()), G_VARIANT_TYPE("(v)"),
+      c->get(), kHelperBusName, "/", "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", kHelperBusName, property.c_str()), G_VARIANT_TYPE("(v)"),
       G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &err);
   if (!r) {
     std::string m = err->message;
@@ -433,7 +433,7 @@ class AppControllerBusTest : public AppControllerTest {
 };
 
 TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
-  DBusNameServer server1(*first_, AppController::kServerName), server2(*second_, AppController::kServerName);
+  DBusNameServer server1(*first_, kHelperBusName), server2(*second_, kHelperBusName);
   DBusDistributedNotificationCenter center1(*first_), center2(*second_), poster(*other_);
   FreedesktopNotifier notifier1(*first_, "Zonara"), notifier2(*second_, "Zonara");
   auto first = AppController::create(busServices(*first_, server1, center1, notifier1));
@@ -445,13 +445,13 @@ TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
 
   // Posted from another process-like connection while the first check is
   // still 3.5 s away.
-  RunLoop::main().performAfterDelay(0ms, [&] { poster.post({AppController::kShutdownNotification, "", {}}); });
+  RunLoop::main().performAfterDelay(0ms, [&] { poster.post({kShutdownNotification, "", {}}); });
   EXPECT_TRUE(runApplication(5s));
   EXPECT_TRUE(trigger_.triggeredAt.empty());
 }
 
 TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties) {
-  DBusNameServer server(*first_, AppController::kServerName);
+  DBusNameServer server(*first_, kHelperBusName);
   DBusDistributedNotificationCenter center(*first_);
   FreedesktopNotifier notifier(*first_, "Zonara");
   FakeNotificationService service(*other_);
@@ -461,8 +461,8 @@ TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties)
   ASSERT_TRUE(loop.runUntil([&] { return service.received.size() == 1; }, 5s));
 
   location_.set(48.8566, 2.3522);
-  center_.post(AppController::kSensorNotification);  // applied
-  center_.post(AppController::kSensorNotification);  // confirmed
+  center_.post(kSensorNotification);  // applied
+  center_.post(kSensorNotification);  // confirmed
   ASSERT_TRUE(loop.runUntil([&] { return service.received.size() >= 2; }, 5s));
   std::vector<std::string> received;
   for (const auto& n : service.received) {

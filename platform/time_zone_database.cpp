@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <climits>
 #include <fstream>
-#include <map>
 
 namespace zonara {
 namespace {
@@ -88,39 +87,6 @@ std::string DateTzDatabase::systemTimeZoneName() {
   if (!in || !std::getline(in, line) || line.rfind("TZif", 0) == 0) return "";
   while (!line.empty() && (line.back() == ' ' || line.back() == '\r')) line.pop_back();
   return zoneName(line).value_or("");
-}
-
-std::optional<std::string> zoneForAbbreviation(const std::string& abbreviation) {
-  static const std::map<std::string, std::string> table = {
-      {"ADT", "America/Halifax"},       {"AST", "America/Halifax"},
-      {"AKDT", "America/Juneau"},       {"AKST", "America/Juneau"},
-      {"ART", "America/Argentina/Buenos_Aires"},
-      {"BDT", "Asia/Dhaka"},            {"BRST", "America/Sao_Paulo"},
-      {"BRT", "America/Sao_Paulo"},     {"BST", "Europe/London"},
-      {"CAT", "Africa/Harare"},         {"CDT", "America/Chicago"},
-      {"CST", "America/Chicago"},       {"CEST", "Europe/Paris"},
-      {"CET", "Europe/Paris"},          {"CLST", "America/Santiago"},
-      {"CLT", "America/Santiago"},      {"COT", "America/Bogota"},
-      {"EAT", "Africa/Addis_Ababa"},    {"EDT", "America/New_York"},
-      {"EST", "America/New_York"},      {"EEST", "Europe/Istanbul"},
-      {"EET", "Europe/Istanbul"},       {"GMT", "GMT"},
-      {"GST", "Asia/Dubai"},            {"HKT", "Asia/Hong_Kong"},
-      {"HST", "Pacific/Honolulu"},      {"ICT", "Asia/Bangkok"},
-      {"IRST", "Asia/Tehran"},          {"IST", "Asia/Kolkata"},
-      {"JST", "Asia/Tokyo"},            {"KST", "Asia/Seoul"},
-      {"MDT", "America/Denver"},        {"MST", "America/Denver"},
-      {"MSD", "Europe/Moscow"},         {"MSK", "Europe/Moscow"},
-      {"NZDT", "Pacific/Auckland"},     {"NZST", "Pacific/Auckland"},
-      {"PDT", "America/Los_Angeles"},   {"PST", "America/Los_Angeles"},
-      {"PET", "America/Lima"},          {"PHT", "Asia/Manila"},
-      {"PKT", "Asia/Karachi"},          {"SGT", "Asia/Singapore"},
-      {"UTC", "UTC"},                   {"WAT", "Africa/Lagos"},
-      {"WEST", "Europe/Lisbon"},        {"WET", "Europe/Lisbon"},
-      {"WIT", "Asia/Jakarta"},
-  };
-  auto it = table.find(abbreviation);
-  if (it == table.end()) return std::nullopt;
-  return it->second;
 }
 
 }  // namespace zonara

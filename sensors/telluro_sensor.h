@@ -23,10 +23,10 @@
 #include <thread>
 #include <vector>
 
-#include "app/location_source.h"
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
-#include "sensors/reachability.h"
+#include "platform/reachability.h"
+#include "sensors/location_source.h"
 #include "sensors/telluro_helper.h"
 
 namespace zonara {

@@ -5,30 +5,12 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "platform/xdg.h"
+
 namespace zonara::timezone {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kDefaultDataDirs = "/usr/local/share:/usr/share";
-
-std::string environment(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
-
-std::vector<std::string> splitFolders(const std::string& list) {
-  std::vector<std::string> folders;
-  size_t start = 0;
-  while (start <= list.size()) {
-    size_t end = list.find(':', start);
-    if (end == std::string::npos) end = list.size();
-    // XDG: relative entries are invalid and ignored.
-    if (end > start && list[start] == '/') folders.push_back(list.substr(start, end - start));
-    start = end + 1;
-  }
-  return folders;
-}
 
 std::string inShare(const std::string& share) {
   return (fs::path(share) / "zonara" / BoundaryDataSearch::kFileName).string();
@@ -43,10 +25,9 @@ bool isRegularFile(const std::string& path) {
 
 BoundaryDataSearch BoundaryDataSearch::forThisProcess() {
   BoundaryDataSearch search;
-  search.explicitPath = environment("ZONARA_TZ_DATA");
-  search.dataHome = environment("XDG_DATA_HOME");
-  search.home = environment("HOME");
-  search.dataDirs = environment("XDG_DATA_DIRS");
+  if (const char* path = std::getenv("ZONARA_TZ_DATA")) search.explicitPath = path;
+  search.dataHome = xdgDataHome();
+  search.dataDirs = xdgDataDirs();
   search.installPrefix = ZONARA_INSTALL_PREFIX;
   std::error_code ec;
   const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
@@ -57,14 +38,8 @@ BoundaryDataSearch BoundaryDataSearch::forThisProcess() {
 std::vector<std::string> BoundaryDataSearch::candidates() const {
   if (!explicitPath.empty()) return {explicitPath};
   std::vector<std::string> out;
-  if (!dataHome.empty() && dataHome.front() == '/') {
-    out.push_back(inShare(dataHome));
-  } else if (!home.empty()) {
-    out.push_back(inShare(home + "/.local/share"));
-  }
-  std::vector<std::string> dirs = splitFolders(dataDirs);
-  if (dirs.empty()) dirs = splitFolders(kDefaultDataDirs);
-  for (const std::string& dir : dirs) out.push_back(inShare(dir));
+  if (!dataHome.empty()) out.push_back(inShare(dataHome));
+  for (const std::string& dir : dataDirs) out.push_back(inShare(dir));
   if (!installPrefix.empty()) out.push_back(inShare(installPrefix + "/share"));
   if (!executablePath.empty()) {
     for (fs::path dir = fs::path(executablePath).parent_path().parent_path(); !dir.empty();

@@ -30,11 +30,9 @@ struct BoundaryDataSearch {
 
   // ZONARA_TZ_DATA ("" = not set).
   std::string explicitPath;
-  // $XDG_DATA_HOME and $HOME ("" = not set).
+  // The XDG data home ("" = none) and data folders, in order (platform/xdg.h).
   std::string dataHome;
-  std::string home;
-  // $XDG_DATA_DIRS, colon-separated ("" = not set: /usr/local/share:/usr/share).
-  std::string dataDirs;
+  std::vector<std::string> dataDirs;
   // The prefix the build was configured to install into ("" = none).
   std::string installPrefix;
   // The running program's path ("" = unknown).

@@ -7,13 +7,12 @@
 #include <optional>
 #include <sstream>
 
-#include "app/app_controller.h"
-#include "app/geolocation_helper.h"
-#include "app/location_source.h"
 #include "platform/http_fetcher.h"
 #include "platform/preferences_store.h"
 #include "platform/time_zone_database.h"
+#include "platform/zonara_names.h"
 #include "timezone/boundary_data.h"
+#include "timezone/geolocation_helper.h"
 
 namespace zonara {
 namespace {
@@ -64,8 +63,8 @@ std::optional<Point> parseLine(const std::string& line, std::string* problem) {
 class PointAnswers {
  public:
   explicit PointAnswers(bool border) : border_(border) {
-    PreferencesDomain prefs(AppController::kServerName);
-    GeolocationHelper::Config config = GeolocationHelper::configFromPreferences(prefs);
+    PreferencesDomain prefs(kPreferencesDomain);
+    GeolocationHelper::Config config = GeoNamesClient::configFromPreferences(prefs);
     config.attempts = 1;
     config.pauseBetweenAttempts = 0s;
     serviceURL_ = config.serviceURL;
@@ -109,7 +108,7 @@ class PointAnswers {
   // Matching walks every known zone; a run answers many points of few zones.
   std::optional<std::string> matched(const std::string& name) {
     auto it = matches_.find(name);
-    if (it == matches_.end()) it = matches_.emplace(name, helper_->knownZoneMatching(name)).first;
+    if (it == matches_.end()) it = matches_.emplace(name, helper_->matcher().zoneForIdentifier(name)).first;
     return it->second;
   }
 

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "platform/preferences_store.h"
+#include "platform/zonara_names.h"
 #include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/temp_dir.h"
@@ -36,15 +37,24 @@ class TimezoneCommandTest : public ::testing::Test {
             {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + tmp_.file("no-bus")}};
   }
 
+  static std::string program() {
+    return (fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin" / "zonara").string();
+  }
+
   // Runs build/bin/zonara with `args`; `input` (when given) is its standard input.
   ZonaraRun zonara(const std::vector<std::string>& args, const std::optional<std::string>& input = std::nullopt) {
-    const std::string program = (fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin" / "zonara").string();
+    return run(program(), args, input);
+  }
+
+  // Runs `program` with `args` in the test's environment.
+  ZonaraRun run(const std::string& program, const std::vector<std::string>& args,
+                const std::optional<std::string>& input = std::nullopt) {
     testing::ChildProcess::Options options;
     if (input) {
       std::ofstream(tmp_.file("input")) << *input;
-      std::string command = "exec '" + program + "'";
-      for (const std::string& a : args) command += " '" + a + "'";
-      options.argv = {"/bin/sh", "-c", command + " < '" + tmp_.file("input") + "'"};
+      std::string line = "exec '" + program + "'";
+      for (const std::string& a : args) line += " '" + a + "'";
+      options.argv = {"/bin/sh", "-c", line + " < '" + tmp_.file("input") + "'"};
     } else {
       options.argv = {program};
       options.argv.insert(options.argv.end(), args.begin(), args.end());
@@ -58,16 +68,16 @@ class TimezoneCommandTest : public ::testing::Test {
       ADD_FAILURE() << error;
       return {};
     }
-    ZonaraRun run;
-    run.status = child->waitFor(60s).value_or(-1);
+    ZonaraRun result;
+    result.status = child->waitFor(60s).value_or(-1);
     EXPECT_TRUE(child->waitForEndOfOutput(5s));
-    run.out = child->capturedOut();
-    run.err = child->capturedErr();
-    return run;
+    result.out = child->capturedOut();
+    result.err = child->capturedErr();
+    return result;
   }
 
   void setPreference(const std::string& key, const std::string& value) {
-    PreferencesDomain prefs("org.quillon.ZonaraHelper", tmp_.file("config"));
+    PreferencesDomain prefs(kPreferencesDomain, tmp_.file("config"));
     prefs.setValue(key, PrefValue::string(value));
     ASSERT_TRUE(prefs.synchronize());
   }
@@ -147,6 +157,20 @@ TEST_F(TimezoneCommandTest, PointsAnswerFromTheBoundaryData) {
     EXPECT_EQ(r.status, c.status) << c.args.back() << ": " << r.err;
     EXPECT_TRUE(std::regex_match(r.out, std::regex(c.out))) << c.args.back() << ": '" << r.out << "'";
   }
+}
+
+TEST_F(TimezoneCommandTest, AnswersWithTheNetworkDown) {
+  ZONARA_NEED_BOUNDARY_DATA(data);
+  // A network namespace of its own: no interface up, not even loopback.
+  ZonaraRun probe = run("/usr/bin/unshare", {"-rn", "/bin/true"});
+  if (probe.status != 0) GTEST_SKIP() << "cannot make a network namespace here: " << probe.err;
+  // Found as an installed program finds it: through the XDG data folders.
+  fs::create_directories(tmp_.file("share") + "/zonara");
+  fs::copy_file(data, tmp_.file("share") + "/zonara/timezone-boundaries.dat");
+  env_["XDG_DATA_DIRS"] = tmp_.file("share");
+  ZonaraRun r = run("/usr/bin/unshare", {"-rn", program(), "timezone", "50.85", "4.35"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "Europe/Brussels\n");
 }
 
 TEST_F(TimezoneCommandTest, StandardInputGivesOneAnswerPerLine) {

@@ -19,8 +19,6 @@
 // error. The helper is found the way the preferences controller finds it
 // (the running one, else the one inside the Zonara.prefPane this program
 // belongs to or that is installed); it is reached over the session bus.
-#include <gio/gio.h>
-
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -32,19 +30,18 @@
 #include <thread>
 #include <vector>
 
-#include "app/app_controller.h"
-#include "app/geolocation_helper.h"
 #include "platform/dbus.h"
 #include "platform/preferences_store.h"
+#include "platform/zonara_names.h"
 #include "prefs/ZonaraPreferencesController.h"
 #include "timezone/boundary_data.h"
+#include "timezone/geonames_client.h"
 #include "tools/timezone_command.h"
 
 using namespace zonara;
 
 namespace {
 
-constexpr const char* kHelperName = "org.quillon.ZonaraHelper";
 constexpr auto kStartStopWait = std::chrono::seconds(10);
 
 const char* const kUsage =
@@ -97,40 +94,12 @@ class Bus {
   [[nodiscard]] bool ok() const { return connection_ != nullptr; }
   [[nodiscard]] const std::string& error() const { return error_; }
 
-  [[nodiscard]] bool helperServes() const {
-    if (!connection_) return false;
-    GVariant* r = g_dbus_connection_call_sync(connection_->get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                              "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", kHelperName),
-                                              G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    gboolean owned = FALSE;
-    if (r) {
-      g_variant_get(r, "(b)", &owned);
-      g_variant_unref(r);
-    }
-    return owned;
-  }
+  [[nodiscard]] bool helperServes() const { return connection_ && connection_->nameHasOwner(kHelperBusName); }
 
   // A string property of the helper, or nullopt (with the reason in `why`).
   [[nodiscard]] std::optional<std::string> helperProperty(const char* name, int timeoutMs, std::string* why) const {
     if (!connection_) return std::nullopt;
-    GError* error = nullptr;
-    GVariant* r = g_dbus_connection_call_sync(connection_->get(), kHelperName, "/", "org.freedesktop.DBus.Properties",
-                                              "Get", g_variant_new("(ss)", kHelperName, name), G_VARIANT_TYPE("(v)"),
-                                              G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr, &error);
-    if (!r) {
-      if (error) {
-        *why = error->message;
-        g_error_free(error);
-      }
-      return std::nullopt;
-    }
-    GVariant* value = nullptr;
-    g_variant_get(r, "(v)", &value);
-    std::optional<std::string> text;
-    if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) text = g_variant_get_string(value, nullptr);
-    g_variant_unref(value);
-    g_variant_unref(r);
-    return text;
+    return connection_->stringProperty(kHelperBusName, name, std::chrono::milliseconds(timeoutMs), why);
   }
 
  private:
@@ -233,8 +202,8 @@ std::string cannotFindHelper() {
 // Where zones come from, and which boundaries the data on this computer holds
 // (with the attribution its licence asks for).
 void printTimeZoneSource() {
-  PreferencesDomain helperPrefs(AppController::kServerName);
-  const GeolocationHelper::Config config = GeolocationHelper::configFromPreferences(helperPrefs);
+  PreferencesDomain helperPrefs(kPreferencesDomain);
+  const GeoNamesClient::Config config = GeoNamesClient::configFromPreferences(helperPrefs);
   std::string error;
   const timezone::BoundaryData data =
       timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
@@ -274,7 +243,7 @@ int statusCommand() {
   }
   printTimeZoneSource();
   std::printf("Start at login: %s\n", prefs.shouldStartZonaraAtLogin() ? "on" : "off");
-  std::printf("Preferences (%s):\n", ZonaraPreferencesController::kDomain);
+  std::printf("Preferences (%s):\n", kPreferencesDomain);
   const PrefValue::Dictionary all = prefs.dictionaryRepresentation();
   if (all.empty()) std::printf("  (none set)\n");
   for (const auto& [key, value] : all) std::printf("  %s = %s\n", key.c_str(), describe(value, true).c_str());
@@ -356,7 +325,7 @@ int setCommand(int argc, char** argv) {
   ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
   const PrefValue value = parseValue(argv[3]);
   prefs.setObjectForKey(value, argv[2]);
-  PreferencesDomain check(ZonaraPreferencesController::kDomain);
+  PreferencesDomain check(kPreferencesDomain);
   if (check.copyValue(argv[2]) != value) {
     return fail("cannot write " + check.path());
   }
