@@ -152,7 +152,9 @@ class ZonesWithout final : public TimeZoneDatabase {
   std::string systemTimeZoneName() override { return all_.systemTimeZoneName(); }
 
  private:
-  bool isMissing(const std::string& n) const { return std::find(missing_.begin(), missing_.end(), n) != missing_.end(); }
+  bool isMissing(const std::string& n) const {
+    return std::find(missing_.begin(), missing_.end(), n) != missing_.end();
+  }
   TimeZoneDatabase& all_;
   std::vector<std::string> missing_;
 };

@@ -173,6 +173,40 @@ TEST_F(TimezoneCommandTest, AnswersWithTheNetworkDown) {
   EXPECT_EQ(r.out, "Europe/Brussels\n");
 }
 
+TEST_F(TimezoneCommandTest, StatusNamesTheSourceOfZonesAndTheBoundariesWithTheirAttribution) {
+  ZONARA_NEED_BOUNDARY_DATA(data);
+  struct Case {
+    const char* what;
+    std::string dataFile;
+    std::string serviceURL;
+    std::vector<std::string> lines;  // regular expressions, each matching one whole line
+  };
+  const std::string attribution =
+      "Time-zone boundaries: timezone-boundary-builder [0-9]{4}[a-z] \\(geo-tz 8\\.1\\.9\\), 419 zones, "
+      "\\(c\\) OpenStreetMap contributors, ODbL \\(.*\\)";
+  const std::vector<Case> cases = {
+      {"the default", data, "", {attribution, "Time zones from: the boundary data"}},
+      {"a service configured",
+       data,
+       "http://tz.example",
+       {attribution, "Time zones from: the time-zone service at http://tz\\.example"}},
+      {"no data", tmp_.file("missing.dat"), "",
+       {"Time-zone boundaries: unavailable \\(.*missing\\.dat.*\\)",
+        "Time zones from: nowhere \\(no boundary data, no TimezoneServiceURL\\)"}},
+  };
+  for (const Case& c : cases) {
+    env_["ZONARA_TZ_DATA"] = c.dataFile;
+    setPreference("TimezoneServiceURL", c.serviceURL);
+    ZonaraRun r = zonara({"status"});
+    EXPECT_EQ(r.status, 3) << c.what;  // no helper runs
+    for (const std::string& line : c.lines) {
+      EXPECT_TRUE(std::regex_search(r.out, std::regex("(^|\\n)" + line + "\\n")))
+          << c.what << ": " << line << " in:\n"
+          << r.out;
+    }
+  }
+}
+
 TEST_F(TimezoneCommandTest, StandardInputGivesOneAnswerPerLine) {
   ZONARA_NEED_BOUNDARY_DATA(data);
   env_["ZONARA_TZ_DATA"] = data;

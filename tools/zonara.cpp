@@ -216,7 +216,8 @@ void printTimeZoneSource() {
   if (!config.serviceURL.empty()) {
     std::printf("Time zones from: the time-zone service at %s\n", config.serviceURL.c_str());
   } else {
-    std::printf("Time zones from: %s\n", data.index ? "the boundary data" : "nowhere (no boundary data, no TimezoneServiceURL)");
+    std::printf("Time zones from: %s\n",
+                data.index ? "the boundary data" : "nowhere (no boundary data, no TimezoneServiceURL)");
   }
 }
 
