@@ -267,6 +267,20 @@ TEST_F(GeolocationExchangeTest, RefusalsThatAskToWaitBackOff) {
   }
 }
 
+TEST_F(GeolocationExchangeTest, TimeOutBacksOff) {
+  SPI::XmlHttpRequest::setDefaultTimeouts(2000, 200);
+  server.setFault(Fault::kTooSlow);
+  EXPECT_EQ(locate(), WPS_ERROR_SERVER_UNAVAILABLE);
+  server.setFault(Fault::kNone);
+  SPI::LogCapture log("WPS.API.GeolocationDetermination");
+  clock.advance(59 * 1000);
+  EXPECT_EQ(locate(), WPS_ERROR_SERVER_UNAVAILABLE);
+  EXPECT_TRUE(log.containsFragment("backing off: no request to " + server.url()));
+  EXPECT_EQ(server.http().requestCount(), 1u);
+  clock.advance(1000);
+  EXPECT_EQ(locate(), WPS_OK);
+}
+
 TEST_F(GeolocationExchangeTest, RefusedConnectionBacksOff) {
   const zonara::testing::ClosedPort closed;
   const std::string url = closed.url(GeolocationServer::kPath);
