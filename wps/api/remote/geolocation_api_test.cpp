@@ -144,6 +144,16 @@ TEST(GeolocationErrorTest, RetryAfterIsSecondsOrAnHttpDate) {
   EXPECT_EQ(parseRetryAfter("Wed, 21 Oct 2015 07:30:30 CEST", now), std::nullopt);
 }
 
+// A period that ends after 2038 (beyond 32-bit seconds) still holds.
+TEST(GeolocationErrorTest, LongRetryAfterIsKept) {
+  ServerBackOff backOff;
+  const std::optional<int64_t> period = parseRetryAfter("999999999", kNow);
+  ASSERT_EQ(period, int64_t{999999999} * 1000);
+  EXPECT_EQ(backOff.failed("https://a.example/v1/geolocate", kNow, period), *period);
+  EXPECT_EQ(backOff.remaining("https://a.example/v1/geolocate", kNow), *period);
+  EXPECT_EQ(backOff.remaining("https://b.example/v1/geolocate", kNow), 0);
+}
+
 // ---- Exchanges with a loopback server ----
 
 class GeolocationExchangeTest : public ::testing::Test {
