@@ -8,9 +8,9 @@
 #include <sstream>
 
 #include "platform/preferences_store.h"
-#include "platform/testing/child_process.h"
 #include "platform/zonara_names.h"
 #include "timezone/testing/built_boundary_file.h"
+#include "wps/spi/testing/child_process.h"
 #include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/testing/temp_dir.h"
 

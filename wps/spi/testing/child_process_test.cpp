@@ -1,4 +1,4 @@
-#include "platform/testing/child_process.h"
+#include "wps/spi/testing/child_process.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
