@@ -371,9 +371,21 @@ void HelperSystem::setupWireless() {
   if (!wirelessJoin()) fail("cannot bring the wireless link up");
 }
 
+// Waits up to 5 s until interface `name` shows operational state `state` (as `ip` prints it).
+namespace {
+bool waitForOperState(const std::string& name, const std::string& state) {
+  return run("for i in $(seq 100); do ip -o link show dev " + name + " | grep -q ' state " + state +
+             " ' && exit 0; sleep 0.05; done; exit 1");
+}
+}  // namespace
+
+// The kernel gives a dormant-mode link its operational state a moment after
+// the link comes up; "state up" sent before then changes nothing and the link
+// ends dormant. So the join waits for the dormant state first.
 bool HelperSystem::wirelessJoin() {
   const std::string a = wirelessInterface();
-  return wireless_ && run("ip link set " + a + " up") && run("ip link set " + a + " state up");
+  return wireless_ && run("ip link set " + a + " up") && waitForOperState(a, "DORMANT") &&
+         run("ip link set " + a + " state up") && waitForOperState(a, "UP");
 }
 
 bool HelperSystem::wirelessSearch() {
