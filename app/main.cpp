@@ -116,6 +116,8 @@ class HelperSensing final : public LocationSource {
         application_(application),
         settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS::API::kDefaultServerUrl)) {
     WpsLocationLibrary::setServerURL(settings_.positioningServerURL);
+    SystemLog("positioning server: %s",
+              settings_.positioningServerURL.empty() ? "none" : settings_.positioningServerURL.c_str());
     // Tests and the demonstration present a link of their own as the
     // wireless interface.
     if (const char* sysfs = std::getenv("ZONARA_SYSFS_ROOT"); sysfs && *sysfs) {

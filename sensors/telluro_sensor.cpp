@@ -68,6 +68,23 @@ void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<d
   std::lock_guard<std::mutex> lock(mu_);
   currentLongitude_ = longitude;
   currentLatitude_ = latitude;
+  positionIsIpBased_ = false;
+}
+
+void TelluroSensor::setPosition(const TelluroLocation& location) {
+  if (location.ipBased) {
+    SystemLog("position %s, %s is from the IP address", numberText(location.latitude).c_str(),
+              numberText(location.longitude).c_str());
+  }
+  std::lock_guard<std::mutex> lock(mu_);
+  currentLongitude_ = location.longitude;
+  currentLatitude_ = location.latitude;
+  positionIsIpBased_ = location.ipBased;
+}
+
+bool TelluroSensor::positionIsIpBased() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return positionIsIpBased_;
 }
 
 void TelluroSensor::performLocationCheck() {
@@ -79,7 +96,7 @@ void TelluroSensor::performLocationCheck() {
 
 void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation>& location) {
   if (location) {
-    setPosition(location->longitude, location->latitude);
+    setPosition(*location);
     trigger_.triggerNotification();
     ready_ = true;
     return;
@@ -168,9 +185,9 @@ void TelluroSensor::finishFetch(const std::optional<TelluroLocation>& location) 
 
 void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location) {
   if (location) {
-    setPosition(location->longitude, location->latitude);
-    SystemLog("setting current longitude to %s, latitude to %s", numberText(location->longitude).c_str(),
-              numberText(location->latitude).c_str());
+    setPosition(*location);
+    SystemLog("setting current longitude to %s, latitude to %s%s", numberText(location->longitude).c_str(),
+              numberText(location->latitude).c_str(), location->ipBased ? " (from the IP address)" : "");
     trigger_.triggerNotification();
     return;
   }
@@ -187,7 +204,7 @@ void TelluroSensor::refreshLocation() {
 
 void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location) {
   if (location) {
-    setPosition(location->longitude, location->latitude);
+    setPosition(*location);
     return;
   }
   (void)performIPLocationCheckAndTrigger(false);
@@ -195,8 +212,9 @@ void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location
 
 bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
   SystemLog("performing ip location");
-  std::optional<std::string> body;
+  std::optional<TelluroLocation> location;
   if (!config_.ipLocationURL.empty()) {
+    std::optional<std::string> body;
     std::string base = config_.ipLocationURL;
     while (!base.empty() && base.back() == '/') base.pop_back();
     const std::string url = base + kIPLocationPath;
@@ -204,9 +222,12 @@ bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
       body = fetcher_.fetch(url, 10000ms);
       if (!body) Clock::get().sleepFor(30000ms);
     }
+    if (body) location = scrapeIPLocationPage(*body);
+  } else {
+    // Without a page the positioning server is asked once; it keeps its own
+    // back-off when it refuses.
+    location = helper_.ipLocation();
   }
-  if (!body) return false;
-  std::optional<TelluroLocation> location = scrapeIPLocationPage(*body);
   if (!location || shuttingDown_) return false;
   if (trigger) {
     RunLoop::performOnMainThread([this, location] { triggerSensor(location); }, true);
@@ -232,7 +253,7 @@ std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::st
   if (*next == '/') ++next;
   const double longitude = std::strtod(next, &end);
   if (end == next) return std::nullopt;
-  return TelluroLocation{longitude, latitude};
+  return TelluroLocation{longitude, latitude, true};
 }
 
 TelluroStatus TelluroSensor::telluroStatus() const {

@@ -7,7 +7,9 @@
 // service's host to be reachable (a thread of its own, with a give-up timer
 // on another thread with its own run loop) and asks again; failing that it
 // reads the IP-location page "<IPLocationURL>/app/locate_my_ip" (10
-// attempts, 10 s each, 30 s apart). A new position triggers the aggregator.
+// attempts, 10 s each, 30 s apart), or, with no page configured, asks the
+// positioning library once for the IP address's position. A new position
+// triggers the aggregator; a position from the IP address is marked so.
 //
 // Thread safety: `performLocationCheck`, `willSleep`, `didWake` and
 // `triggerSensor` on the main thread; the position accessors from any
@@ -61,7 +63,8 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   struct Config {
     // Host whose reachability the connectivity wait tests.
     std::string reachabilityHost;
-    // Base URL of the IP-location page ("" = no fallback: it fails at once).
+    // Base URL of the IP-location page ("" = the positioning library's IP
+    // location instead).
     std::string ipLocationURL;
   };
   static constexpr const char* kIPLocationPath = "/app/locate_my_ip";
@@ -79,6 +82,8 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   // LocationSource
   [[nodiscard]] std::optional<double> currentLongitude() const override;
   [[nodiscard]] std::optional<double> currentLatitude() const override;
+  // True when the current position was found from the IP address.
+  [[nodiscard]] bool positionIsIpBased() const;
 
   // The quick check: waits (polling every 0.1 s) until no check is in
   // progress, then looks up with the 1.0 s time-out.
@@ -110,6 +115,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
  private:
   void refreshLocation();
   void setPosition(std::optional<double> longitude, std::optional<double> latitude);
+  void setPosition(const TelluroLocation& location);
   void waitForConnectivity();
   // The give-up timer (due at `giveUpAt`) and the ready watch, on a run
   // loop of this thread.
@@ -130,6 +136,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   mutable std::mutex mu_;  // the position, sleepDate_, the threads
   std::optional<double> currentLongitude_;
   std::optional<double> currentLatitude_;
+  bool positionIsIpBased_ = false;
   std::optional<Clock::WallTime> sleepDate_;
   struct Worker {
     std::thread thread;

@@ -56,6 +56,7 @@
 #include "platform/testing/service_gate.h"
 #include "platform/testing/temp_dir.h"
 #include "wps/api/testing/fake_positioning_server.h"
+#include "wps/api/testing/geolocation_server.h"
 #include "wps/api/tiles/located_access_point.h"
 
 namespace zonara::testing {
@@ -86,6 +87,11 @@ class HelperSystem {
     std::string startCity = "Paris";
     // The desktop notification service on the session bus.
     bool notificationService = true;
+    // The helper's positioning server is the geolocation JSON API server
+    // (geolocationServer(): it knows every city's access points and places
+    // the IP address in the IP-location city), and no IP-location page is
+    // configured. Otherwise it is the XML positioning server.
+    bool geolocationApi = false;
   };
 
   // Builds everything; check `ok()` (and `error()`) before use.
@@ -160,6 +166,7 @@ class HelperSystem {
   void setAllServicesUp(bool up);
   // The servers themselves (for scripting answers and counting requests).
   [[nodiscard]] WPS::API::testing::FakePositioningServer& positioningServer() { return *positioning_; }
+  [[nodiscard]] WPS::API::testing::GeolocationServer& geolocationServer() { return *geolocation_; }
   [[nodiscard]] HttpTestServer& timezoneService() { return *timezone_; }
   [[nodiscard]] HttpTestServer& ipLocationPage() { return *ipPage_; }
   // Time-zone service requests so far.
@@ -237,6 +244,7 @@ class HelperSystem {
   TempDir root_{"system-"};
   std::unique_ptr<Buses> buses_;
   std::unique_ptr<WPS::API::testing::FakePositioningServer> positioning_;
+  std::unique_ptr<WPS::API::testing::GeolocationServer> geolocation_;
   std::unique_ptr<HttpTestServer> timezone_;
   std::unique_ptr<HttpTestServer> ipPage_;
   std::map<Service, std::unique_ptr<ServiceGate>> gates_;

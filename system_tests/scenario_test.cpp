@@ -226,6 +226,43 @@ TEST(ScenarioTest, ZonaraShutdownEndsTheHelper) {
   EXPECT_TRUE(system.waitForHelperName(false, patience(5s)));
 }
 
+// With the geolocation JSON API as the only positioning service, the scan
+// file's access points lead to the zone: no account, no tiles.
+TEST(ScenarioTest, GeolocationApiServerFindsTheZoneFromTheScan) {
+  HelperSystem::Options options;
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(20s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Europe/Paris"});
+  EXPECT_GE(system.geolocationServer().wifiRequestCount(), 1u);
+  EXPECT_EQ(system.geolocationServer().ipRequestCount(), 0u);
+  EXPECT_EQ(system.positioningServer().http().requestCount(), 0u);
+  EXPECT_EQ(system.logCount("from the IP address"), 0u);
+  for (const auto& request : system.geolocationServer().http().requests()) {
+    EXPECT_EQ(request.header("Content-Type"), "application/json");
+    EXPECT_EQ(request.body.find("Paris"), std::string::npos) << "no network name is sent";
+  }
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
+// The server knows none of the access points: the helper asks the same
+// server where its IP address is, and takes that position as IP-based.
+TEST(ScenarioTest, GeolocationApiNotFoundFallsBackToTheServersIpLocation) {
+  HelperSystem::Options options;
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  system.geolocationServer().clearAccessPoints();
+  system.setIPLocationCity("Tokyo");
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(20s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Asia/Tokyo"});
+  EXPECT_GE(system.geolocationServer().wifiRequestCount(), 1u);
+  EXPECT_GE(system.geolocationServer().ipRequestCount(), 1u);
+  EXPECT_GE(system.logCount("is from the IP address"), 1u) << system.helperLogFile();
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
 }  // namespace
 }  // namespace zonara
 

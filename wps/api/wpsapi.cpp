@@ -71,6 +71,8 @@ struct LocationRequest {
   int resultCode = WPS_ERROR_NO_LOCATION_FROM_SCAN;
   Location location;  // the last location found; nap 0 before any
   size_t accessPointsAtLastLocation = 0;
+  // The number of access points when the server was last asked.
+  size_t accessPointsAtLastAsk = 0;
   // Set once the server refused the credentials: it is not asked again.
   bool serverRefused = false;
 
@@ -154,6 +156,10 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   const int previousNap = request.haveLocation() ? request.location.nap : 0;
   const bool askServer = previousNap + newAps >= 3 || (previousNap == 0 && newAps > 0 && elapsed > 2999);
   if (!askServer) return WPS_CONTINUE;
+  // A JSON API server's answer for the same access points would not change:
+  // it is not asked twice for them.
+  const bool geolocationApi = LocationClient::getInstance().speaksGeolocationApi();
+  if (geolocationApi && request.accessPoints.size() <= request.accessPointsAtLastAsk) return WPS_CONTINUE;
 
   // A recent answer for (nearly) the same access points serves instead of the
   // server.
@@ -165,6 +171,7 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   }
   logger.debug("no-location found in cache");
 
+  request.accessPointsAtLastAsk = request.accessPoints.size();
   const int rc = request.remote.getLocationRemotely(request.authentication, request.lookup, request.accessPoints,
                                                     request.cells, fix);
   if (rc != WPS_OK) {
@@ -372,6 +379,12 @@ WPS_ReturnCode WPS_set_server_url(const char* url) {
     WPS::API::LocationClient::getInstance().set_server_url(url);
     return WPS_OK;
   });
+}
+
+WPS_ServerProtocol WPS_server_protocol(void) {
+  const WPS::API::LocationClient& client = WPS::API::LocationClient::getInstance();
+  if (!client.isNetworkModeEnabled()) return WPS_PROTOCOL_NONE;
+  return client.speaksGeolocationApi() ? WPS_PROTOCOL_GEOLOCATION_API : WPS_PROTOCOL_XML;
 }
 
 WPS_ReturnCode WPS_set_user_agent(const char* ua) {

@@ -22,6 +22,7 @@
 #include "platform/testing/temp_dir.h"
 #include "wps/api/local/location_determination_local.h"
 #include "wps/api/protocol/config.h"
+#include "wps/api/testing/geolocation_server.h"
 #include "wps/api/wpsapi_internal.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
@@ -453,7 +454,7 @@ TEST_F(WpsApiTest, ClientSettingsReachTheRequests) {
   ASSERT_EQ(WPS_set_user_agent(nullptr), WPS_OK);
   ASSERT_EQ(WPS_ip_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
   WPS_free_ip_location(ip);
-  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), kDefaultUserAgent);
+  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), WPS::API::defaultUserAgent());
 
   // Through a proxy (the same loopback server), the request names the server.
   ASSERT_EQ(WPS_set_server_url("http://telluro.example/wps2"), WPS_OK);
@@ -644,6 +645,68 @@ TEST_F(WpsApiTest, CallableFromC) {
             WPS_ERROR_UNAUTHORIZED);
   EXPECT_FALSE(handedOut);
   EXPECT_EQ(server_.requestCount(), 0u);
+}
+
+// ---- The geolocation JSON API through the public functions ----
+
+TEST_F(WpsApiTest, ServerUrlSelectsTheProtocol) {
+  const struct {
+    const char* url;
+    WPS_ServerProtocol protocol;
+  } cases[] = {
+      {"https://api.beacondb.net/v1/geolocate", WPS_PROTOCOL_GEOLOCATION_API},
+      {"http://127.0.0.1:8080/v1/geolocate?key=test", WPS_PROTOCOL_GEOLOCATION_API},
+      {"https://example.org/v1/geolocate/", WPS_PROTOCOL_XML},
+      {"https://example.org/v1/geolocatex", WPS_PROTOCOL_XML},
+      {"https://example.org/wps2/", WPS_PROTOCOL_XML},
+      {"", WPS_PROTOCOL_NONE},
+  };
+  for (const auto& c : cases) {
+    ASSERT_EQ(WPS_set_server_url(c.url), WPS_OK);
+    EXPECT_EQ(WPS_server_protocol(), c.protocol) << c.url;
+  }
+  ASSERT_EQ(WPS_set_server_url(nullptr), WPS_OK);
+  EXPECT_EQ(WPS_server_protocol(), WPS_PROTOCOL_GEOLOCATION_API);
+}
+
+TEST_F(WpsApiTest, GeolocationApiLocatesByWifiAndByAddress) {
+  testing::GeolocationServer json;
+  json.addAccessPoint(bssid('a'), 47.0, 8.0);
+  json.addAccessPoint(bssid('b'), 47.2, 8.2);
+  json.setIpLocation(std::make_pair(46.0, 7.0));
+  ASSERT_EQ(WPS_set_server_url(json.url().c_str()), WPS_OK);
+  writeScans({"abc"});
+
+  // No credentials are needed, and none are sent.
+  WPS_Location* location = nullptr;
+  ASSERT_EQ(WPS_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_OK);
+  ASSERT_NE(location, nullptr);
+  EXPECT_DOUBLE_EQ(location->latitude, 47.1);
+  EXPECT_DOUBLE_EQ(location->longitude, 8.1);
+  EXPECT_EQ(location->nap, 3u);
+  EXPECT_EQ(location->source, WPS_SOURCE_WIFI);
+  WPS_free_location(location);
+
+  WPS_IPLocation* ip = nullptr;
+  ASSERT_EQ(WPS_ip_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
+  EXPECT_DOUBLE_EQ(ip->latitude, 46.0);
+  EXPECT_STREQ(ip->ip, "");
+  WPS_free_ip_location(ip);
+
+  // Registration has nowhere to go.
+  EXPECT_EQ(WPS_register_user(&auth_, &auth_), WPS_OK);
+  EXPECT_EQ(json.http().requestCount(), 2u);
+}
+
+TEST_F(WpsApiTest, GeolocationApiIsNotAskedTwiceForTheSameAccessPoints) {
+  testing::GeolocationServer json;  // knows none of them: notFound
+  ASSERT_EQ(WPS_set_server_url(json.url().c_str()), WPS_OK);
+  writeScans({"abc", "abc", "abc", "abcd", "abcd"});
+  WPS_Location* location = nullptr;
+  EXPECT_EQ(WPS_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+  EXPECT_EQ(location, nullptr);
+  // Once for a, b, c and once more when d appeared, over five seconds of scans.
+  EXPECT_EQ(json.wifiRequestCount(), 2u);
 }
 
 }  // namespace

@@ -129,7 +129,7 @@ TEST(LocationClient, StartsWithTheServiceDefaults) {
   client.set_server_url(nullptr);
   client.set_user_agent(nullptr);
   EXPECT_EQ(client.settings().serverUrl, kDefaultServerUrl);
-  EXPECT_EQ(client.settings().userAgent, "WPS API");
+  EXPECT_EQ(client.settings().userAgent, defaultUserAgent());
   EXPECT_TRUE(client.isNetworkModeEnabled());
   {
     LogCapture log("WPS.API.LocationClient");

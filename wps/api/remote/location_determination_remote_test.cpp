@@ -76,7 +76,7 @@ TEST_F(RemoteTest, LocationRequestPostsTheMessageAndStampsTheAnswer) {
   EXPECT_EQ(received->target, "/wps2/location");
   EXPECT_EQ(received->body, LocationRQ(user, WPS_FULL_STREET_ADDRESS_LOOKUP, scan(), {}));
   EXPECT_EQ(received->header("Content-Type"), "text/xml");
-  EXPECT_EQ(received->header("User-Agent"), "WPS API");
+  EXPECT_EQ(received->header("User-Agent"), defaultUserAgent());
 }
 
 TEST_F(RemoteTest, EmptyCredentialsAreRefusedWithoutAnyRequest) {
