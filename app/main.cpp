@@ -20,6 +20,7 @@
 #include "platform/zonara_names.h"
 #include "sensors/location_sensing.h"
 #include "sensors/wps_location_library.h"
+#include "timezone/boundary_data.h"
 #include "wps/api/protocol/config.h"
 #include "wps/spi/logger.h"
 
@@ -71,6 +72,19 @@ std::string localtimePath() {
   return "/etc/localtime";
 }
 
+// The time-zone boundary data, opened once for the helper's lifetime; its
+// absence is logged (zones then come only from a configured service).
+timezone::BoundaryData openBoundaryData() {
+  std::string error;
+  timezone::BoundaryData data = timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  if (data.index) {
+    SystemLog("time-zone boundary data: %s (%s)", data.index->release().c_str(), data.path.c_str());
+  } else {
+    SystemLogAt(LogPriority::Warning, "%s", error.c_str());
+  }
+  return data;
+}
+
 // Refuses every name: used when there is no session bus at all, so the
 // helper ends up inert as it does when another copy holds the name.
 class NoBusServer final : public BusNameServer {
@@ -103,6 +117,7 @@ struct PlatformServices {
   LinuxWorkspace workspace;
   DateTzDatabase zones{localtimePath()};
   CurlHttpFetcher fetcher;
+  const timezone::BoundaryData boundaries = openBoundaryData();
 };
 
 // --- Location sensing -----------------------------------------------------------
@@ -206,6 +221,7 @@ AppController::Services controllerServices(ZonaraApplication& application, Platf
   services.notifier = platform.notifier.get();
   services.zones = &platform.zones;
   services.fetcher = &platform.fetcher;
+  services.boundaries = platform.boundaries.index.get();
   services.preferences = &platform.preferences;
   services.iconPath = iconPath();
   services.location = &sensing;

@@ -338,8 +338,10 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 
   preferences_ = std::make_unique<PreferencesDomain>(kPreferencesDomain, configHome());
   PreferencesDomain& p = *preferences_;
-  p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
-  p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+  if (options_.timezoneService) {
+    p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
+    p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+  }
   p.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string(script)}));
   if (options_.geolocationApi) {
     p.setValue("PositioningServerURL",

@@ -22,7 +22,9 @@
 //     database, and a recording set-time-zone command (a shell script) that
 //     logs its arguments and re-points that link, so the helper sees the zone
 //     it applied. The machine's real zone is never touched;
-//   - the helper's preferences pointing at all of the above;
+//   - the helper's preferences pointing at all of the above (the time-zone
+//     service only when `Options::timezoneService`: without it the helper
+//     takes zones from the boundary data);
 //   - when the test program entered a network namespace at start
 //     (`NetworkNamespace::enterAtStart`), a veth pair whose end "zw0" the
 //     helper sees as wireless (through ZONARA_SYSFS_ROOT), joined to a network
@@ -87,6 +89,10 @@ class HelperSystem {
     std::string startCity = "Paris";
     // The desktop notification service on the session bus.
     bool notificationService = true;
+    // TimezoneServiceURL names the loopback time-zone service. Off: the
+    // preference is not set (the service still listens, so a test can see
+    // that nothing asked it).
+    bool timezoneService = true;
     // The helper's positioning server is the geolocation JSON API server
     // (geolocationServer(): it knows every city's access points and places
     // the IP address in the IP-location city), and no IP-location page is
