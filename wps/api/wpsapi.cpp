@@ -66,7 +66,7 @@ struct LocationRequest {
   Logger& logger;
   SimpleAuthentication authentication;
   WPS_StreetAddressLookup lookup;
-  AccessPointList accessPoints;  // every access point scanned so far, each MAC once
+  AccessPointList accessPoints;  // every access point scanned so far, each MAC once, as last seen
   CellTowerList cells;           // every cell tower scanned so far
   int resultCode = WPS_ERROR_NO_LOCATION_FROM_SCAN;
   Location location;  // the last location found; nap 0 before any
@@ -112,10 +112,16 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   if (result != WPS_OK || scan == nullptr) return WPS_CONTINUE;
   const int64_t elapsed = scan->timer->elapsed();
 
+  // Each MAC once, as last seen: its latest signal and time (a request's
+  // "age" counts from the latest sighting).
   for (const auto& ap : *scan->accessPoints) {
-    const bool known = std::any_of(request.accessPoints.begin(), request.accessPoints.end(),
-                                   [&](const auto& a) { return a.mac == ap.mac; });
-    if (!known) request.accessPoints.push_back(ap);
+    auto known = std::find_if(request.accessPoints.begin(), request.accessPoints.end(),
+                              [&](const auto& a) { return a.mac == ap.mac; });
+    if (known == request.accessPoints.end()) {
+      request.accessPoints.push_back(ap);
+    } else {
+      *known = ap;
+    }
   }
   logger.debug("scanned %d APs so far (%d)", static_cast<int>(request.accessPoints.size()),
                static_cast<int>(elapsed));

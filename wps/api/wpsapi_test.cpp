@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "platform/testing/http_test_server.h"
+#include <nlohmann/json.hpp>
+
 #include "platform/testing/temp_dir.h"
 #include "wps/api/local/location_determination_local.h"
 #include "wps/api/protocol/config.h"
@@ -706,7 +708,12 @@ TEST_F(WpsApiTest, GeolocationApiIsNotAskedTwiceForTheSameAccessPoints) {
   EXPECT_EQ(WPS_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED);
   EXPECT_EQ(location, nullptr);
   // Once for a, b, c and once more when d appeared, over five seconds of scans.
-  EXPECT_EQ(json.wifiRequestCount(), 2u);
+  ASSERT_EQ(json.wifiRequestCount(), 2u);
+  // Every access point of the second request was seen in the scan that
+  // prompted it: its age counts from that sighting, not the first.
+  const nlohmann::json second = nlohmann::json::parse(json.http().lastRequest()->body);
+  ASSERT_EQ(second["wifiAccessPoints"].size(), 4u);
+  for (const nlohmann::json& ap : second["wifiAccessPoints"]) EXPECT_LT(ap.value("age", 0), 500) << ap;
 }
 
 }  // namespace

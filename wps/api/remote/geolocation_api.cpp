@@ -54,6 +54,9 @@ std::string errorReason(std::string_view body) {
   return reason != first.end() && reason->is_string() ? reason->get<std::string>() : std::string();
 }
 
+// Milliseconds since the epoch.
+int64_t millisecondsOf(const SPI::Time& time) { return int64_t{time.seconds} * 1000 + time.milliseconds; }
+
 // Seconds since the epoch of a broken-down UTC time.
 int64_t utcSeconds(std::tm& tm) { return static_cast<int64_t>(timegm(&tm)); }
 
@@ -158,7 +161,7 @@ std::optional<int64_t> parseRetryAfter(const std::string& value, const SPI::Time
   std::string zone;
   in >> zone;
   if (in.fail() || zone != "GMT") return std::nullopt;
-  const int64_t milliseconds = utcSeconds(tm) * 1000 - (int64_t{now.seconds} * 1000 + now.milliseconds);
+  const int64_t milliseconds = utcSeconds(tm) * 1000 - millisecondsOf(now);
   return std::max<int64_t>(0, milliseconds);
 }
 
@@ -168,7 +171,7 @@ int64_t ServerBackOff::remaining(const std::string& server, const SPI::Time& now
   std::lock_guard<std::mutex> lock(mu_);
   auto it = servers_.find(server);
   if (it == servers_.end()) return 0;
-  return std::max<int64_t>(0, it->second.until - now);
+  return std::max<int64_t>(0, it->second.untilMs - millisecondsOf(now));
 }
 
 int64_t ServerBackOff::failed(const std::string& server, const SPI::Time& now, std::optional<int64_t> retryAfterMs) {
@@ -179,8 +182,7 @@ int64_t ServerBackOff::failed(const std::string& server, const SPI::Time& now, s
   period = std::min(period, kLongestPeriodMs);
   if (retryAfterMs) period = *retryAfterMs;
   ++state.failures;
-  const int64_t until = int64_t{now.seconds} * 1000 + now.milliseconds + period;
-  state.until = SPI::Time(static_cast<int32_t>(until / 1000), static_cast<int32_t>(until % 1000));
+  state.untilMs = millisecondsOf(now) + period;
   return period;
 }
 

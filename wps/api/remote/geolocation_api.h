@@ -110,7 +110,7 @@ class ServerBackOff {
  private:
   struct State {
     int failures = 0;
-    SPI::Time until;
+    int64_t untilMs = 0;  // milliseconds since the epoch
   };
   mutable std::mutex mu_;
   std::map<std::string, State> servers_;

@@ -144,6 +144,16 @@ TEST(GeolocationErrorTest, RetryAfterIsSecondsOrAnHttpDate) {
   EXPECT_EQ(parseRetryAfter("Wed, 21 Oct 2015 07:30:30 CEST", now), std::nullopt);
 }
 
+// A period that ends after 2038 (beyond 32-bit seconds) still holds.
+TEST(GeolocationErrorTest, LongRetryAfterIsKept) {
+  ServerBackOff backOff;
+  const std::optional<int64_t> period = parseRetryAfter("999999999", kNow);
+  ASSERT_EQ(period, int64_t{999999999} * 1000);
+  EXPECT_EQ(backOff.failed("https://a.example/v1/geolocate", kNow, period), *period);
+  EXPECT_EQ(backOff.remaining("https://a.example/v1/geolocate", kNow), *period);
+  EXPECT_EQ(backOff.remaining("https://b.example/v1/geolocate", kNow), 0);
+}
+
 // ---- Exchanges with a loopback server ----
 
 class GeolocationExchangeTest : public ::testing::Test {
@@ -265,6 +275,20 @@ TEST_F(GeolocationExchangeTest, RefusalsThatAskToWaitBackOff) {
     clock.advance(1000);
     EXPECT_EQ(fresh.locate(scan(), location), WPS_OK) << static_cast<int>(fault);
   }
+}
+
+TEST_F(GeolocationExchangeTest, TimeOutBacksOff) {
+  SPI::XmlHttpRequest::setDefaultTimeouts(2000, 200);
+  server.setFault(Fault::kTooSlow);
+  EXPECT_EQ(locate(), WPS_ERROR_SERVER_UNAVAILABLE);
+  server.setFault(Fault::kNone);
+  SPI::LogCapture log("WPS.API.GeolocationDetermination");
+  clock.advance(59 * 1000);
+  EXPECT_EQ(locate(), WPS_ERROR_SERVER_UNAVAILABLE);
+  EXPECT_TRUE(log.containsFragment("backing off: no request to " + server.url()));
+  EXPECT_EQ(server.http().requestCount(), 1u);
+  clock.advance(1000);
+  EXPECT_EQ(locate(), WPS_OK);
 }
 
 TEST_F(GeolocationExchangeTest, RefusedConnectionBacksOff) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <nlohmann/json.hpp>
 
 #include "wps/spi/xml_http_request.h"
@@ -113,6 +114,9 @@ HttpResponse GeolocationServer::faultResponse(Fault fault, const std::string& re
       break;
     case Fault::kReset:
       response = HttpResponse::connectionReset();
+      break;
+    case Fault::kTooSlow:
+      response = locationResponse(0, 0, 1000, false).withDelay(std::chrono::seconds(10));
       break;
   }
   if (!retryAfter.empty()) response.withHeader("Retry-After", retryAfter);

@@ -46,6 +46,7 @@ class GeolocationServer {
     kCutShort,            // 200 announcing more body than it sends
     kOversized,           // 200 with a streamed body of 4 MiB + 1 byte
     kReset,               // the connection is reset
+    kTooSlow,             // 200 only after 10 s: the client's time-out comes first
   };
 
   GeolocationServer();
