@@ -29,9 +29,9 @@ namespace {
 
 // --- The clock ----------------------------------------------------------------
 
-// ZONARA_TIME_SCALE speeds up the helper's clock for tests and the
-// demonstration: every timer and pause is shortened alike, nothing else
-// changes. The clock returned is installed; null when time runs as usual.
+// ZONARA_TIME_SCALE speeds up the helper's clock, which the positioning
+// library shares, for tests and the demonstration: every timer and pause is
+// shortened alike, nothing else changes. The clock returned is installed; null when time runs as usual.
 std::unique_ptr<ScaledClock> installTimeScale() {
   const char* scale = std::getenv("ZONARA_TIME_SCALE");
   if (!scale || !*scale) return nullptr;
@@ -232,6 +232,8 @@ AppController::Services controllerServices(ZonaraApplication& application, Platf
 
 int main() {
   std::unique_ptr<ScaledClock> scaledClock = installTimeScale();
+  // One clock: the positioning library keeps the helper's time, scaled or not.
+  WpsLocationLibrary::shareClock();
   // The positioning library looks for its logging configuration in the
   // running program's preferences domain: ours.
   WPS_set_preferences_domain(kPreferencesDomain);

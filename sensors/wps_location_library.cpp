@@ -1,5 +1,7 @@
 #include "sensors/wps_location_library.h"
 
+#include "platform/clock.h"
+
 namespace zonara {
 
 WPS_ReturnCode WpsLocationLibrary::registerUser(const WPS_SimpleAuthentication& registrar,
@@ -44,5 +46,14 @@ WPS_ReturnCode WpsLocationLibrary::ipLocation(double* longitude, double* latitud
 bool WpsLocationLibrary::usesAccounts() { return WPS_server_protocol() == WPS_PROTOCOL_XML; }
 
 void WpsLocationLibrary::setServerURL(const std::string& url) { (void)WPS_set_server_url(url.c_str()); }
+
+void WpsLocationLibrary::shareClock() {
+  static const WPS_Clock clock{
+      nullptr,
+      [](void*) -> long long { return Clock::get().wallNow().time_since_epoch().count(); },
+      [](void*, long long milliseconds) { Clock::get().sleepFor(Clock::Duration(milliseconds)); },
+  };
+  (void)WPS_set_clock(&clock);
+}
 
 }  // namespace zonara

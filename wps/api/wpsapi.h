@@ -288,6 +288,24 @@ WPS_ReturnCode WPS_periodic_location(const WPS_SimpleAuthentication* authenticat
 void WPS_free_location(WPS_Location* location);
 void WPS_free_ip_location(WPS_IPLocation* location);
 
+/* A source of time for the library, supplied by the embedding program so the
+ * library and the program share one clock (for instance one sped up for
+ * tests). `now_ms` returns the wall time in milliseconds since 1970-01-01 UTC;
+ * `sleep_ms` blocks the calling thread for that many milliseconds of the
+ * clock's time (nothing for 0 or less). Both are called from any of the
+ * library's threads, with `context` as given. */
+typedef struct {
+  void* context;
+  long long (*now_ms)(void* context);
+  void (*sleep_ms)(void* context, long long milliseconds);
+} WPS_Clock;
+
+/* Makes the library read time and sleep through `clock` (copied; its context
+ * is borrowed and must outlive every use, up to a later call); null restores
+ * the system's clock. Call before any other WPS_ function and not while one
+ * runs. WPS_ERROR for a clock without both functions. */
+WPS_ReturnCode WPS_set_clock(const WPS_Clock* clock);
+
 /* Names the embedding program's preferences domain: the library reads its
  * logging configuration (the text LOG4CPP_CONFIGURATION, a log4cpp properties
  * file) from that domain's property list first, then from its own domain

@@ -24,6 +24,7 @@
 #include "wps/api/protocol/config.h"
 #include "wps/api/testing/geolocation_server.h"
 #include "wps/api/wpsapi_internal.h"
+#include "wps/spi/concurrent.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/http_test_server.h"
@@ -187,6 +188,42 @@ TEST(PublicHeader, CompilesAsCWithTheDocumentedLayout) { EXPECT_EQ(wpsapi_c_layo
 TEST(PublicSetup, ThePreferencesDomainMustBeNamed) {
   EXPECT_EQ(WPS_set_preferences_domain(nullptr), WPS_ERROR);
   EXPECT_EQ(WPS_set_preferences_domain("org.example.WpsApiTest"), WPS_OK);
+}
+
+// The embedding program's clock is the library's: the library reads its time
+// and sleeps on it; null restores the system's clock.
+TEST(PublicSetup, TheProgramsClockIsTheLibrarys) {
+  struct ProgramTime {
+    long long nowMs = 1700000000250LL;
+    long long slept = 0;
+  } time;
+  const WPS_Clock clock{&time, [](void* c) -> long long { return static_cast<ProgramTime*>(c)->nowMs; },
+                        [](void* c, long long ms) {
+                          auto* t = static_cast<ProgramTime*>(c);
+                          t->slept += ms;
+                          t->nowMs += ms;
+                        }};
+  const WPS_Clock withoutTime{&time, nullptr, clock.sleep_ms};
+  const WPS_Clock withoutSleep{&time, clock.now_ms, nullptr};
+  EXPECT_EQ(WPS_set_clock(&withoutTime), WPS_ERROR);
+  EXPECT_EQ(WPS_set_clock(&withoutSleep), WPS_ERROR);
+
+  struct Restore {
+    ~Restore() { (void)WPS_set_clock(nullptr); }
+  } restore;
+  ASSERT_EQ(WPS_set_clock(&clock), WPS_OK);
+  const SPI::Time start = SPI::Time::now();
+  EXPECT_EQ(start.seconds, 1700000000);
+  EXPECT_EQ(start.milliseconds, 250);
+  SPI::Thread::msleep(1500);
+  SPI::Thread::msleep(0);
+  EXPECT_EQ(time.slept, 1500);
+  EXPECT_EQ(SPI::Time::now() - start, 1500);
+
+  ASSERT_EQ(WPS_set_clock(nullptr), WPS_OK);
+  const auto realSeconds = std::chrono::duration_cast<std::chrono::seconds>(
+                               std::chrono::system_clock::now().time_since_epoch()).count();
+  EXPECT_NEAR(SPI::Time::now().seconds, realSeconds, 2);
 }
 
 // When the server is asked, what it is sent, and when the scanning stops.
