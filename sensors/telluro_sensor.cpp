@@ -45,6 +45,8 @@ TelluroSensor::~TelluroSensor() {
   }
   reapThreads(true);
   helper_.waitForLookups();
+  std::lock_guard<std::mutex> lock(mu_);
+  for (RunLoop::TimerId id : pendingChecks_) RunLoop::main().cancelTimer(id);
 }
 
 TelluroHelper::Callback TelluroSensor::callbackTo(
@@ -71,8 +73,21 @@ void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<d
 }
 
 void TelluroSensor::performLocationCheck() {
-  // The previous check must end first; simple polling by design.
-  while (!ready_) Clock::get().sleepFor(100ms);
+  // The previous check must end first: look again every 0.1 s, from a timer
+  // of the main run loop so that the main thread goes on meanwhile.
+  if (!ready_) {
+    std::lock_guard<std::mutex> lock(mu_);
+    const std::shared_ptr<RunLoop::TimerId> id = std::make_shared<RunLoop::TimerId>(0);
+    *id = RunLoop::main().addTimer(100ms, false, [this, id] {
+      {
+        std::lock_guard<std::mutex> lock(mu_);
+        std::erase(pendingChecks_, *id);
+      }
+      performLocationCheck();
+    });
+    pendingChecks_.push_back(*id);
+    return;
+  }
   ready_ = false;
   helper_.reportCurrentLocationQuickly(callbackTo(&TelluroSensor::finishQuickLocationCheck));
 }
@@ -175,7 +190,7 @@ void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location
     return;
   }
   setPosition(std::nullopt, std::nullopt);
-  (void)performIPLocationCheckAndTrigger(true);
+  startIPLocationCheck(true);
 }
 
 void TelluroSensor::refreshLocation() {
@@ -190,30 +205,39 @@ void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location
     setPosition(location->longitude, location->latitude);
     return;
   }
-  (void)performIPLocationCheckAndTrigger(false);
+  startIPLocationCheck(false);
 }
 
-bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
+void TelluroSensor::startIPLocationCheck(bool trigger) {
+  // The page may take minutes (ten attempts, 30 s apart): on the worker, with
+  // the outcome handed to the main thread.
+  worker_.post([this, trigger](const std::stop_token& stop) {
+    std::optional<TelluroLocation> location = performIPLocationCheck(stop);
+    if (!location || shuttingDown_) return;
+    worker_.deliver([this, trigger, location] {
+      if (trigger) {
+        triggerSensor(location);
+      } else {
+        finishRefresh(location);
+      }
+    });
+  });
+}
+
+std::optional<TelluroLocation> TelluroSensor::performIPLocationCheck(const std::stop_token& stop) {
   SystemLog("performing ip location");
   std::optional<std::string> body;
   if (!config_.ipLocationURL.empty()) {
     std::string base = config_.ipLocationURL;
     while (!base.empty() && base.back() == '/') base.pop_back();
     const std::string url = base + kIPLocationPath;
-    for (int attempt = 0; attempt < 10 && !body && !shuttingDown_; ++attempt) {
+    for (int attempt = 0; attempt < 10 && !body && !stop.stop_requested(); ++attempt) {
       body = fetcher_.fetch(url, 10000ms);
-      if (!body) Clock::get().sleepFor(30000ms);
+      if (!body && !BackgroundWorker::pause(30000ms, stop)) break;
     }
   }
-  if (!body) return false;
-  std::optional<TelluroLocation> location = scrapeIPLocationPage(*body);
-  if (!location || shuttingDown_) return false;
-  if (trigger) {
-    RunLoop::performOnMainThread([this, location] { triggerSensor(location); }, true);
-  } else {
-    RunLoop::performOnMainThread([this, location] { finishRefresh(location); }, true);
-  }
-  return true;
+  if (!body) return std::nullopt;
+  return scrapeIPLocationPage(*body);
 }
 
 std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::string& page) {

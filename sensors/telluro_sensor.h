@@ -7,12 +7,15 @@
 // service's host to be reachable (a thread of its own, with a give-up timer
 // on another thread with its own run loop) and asks again; failing that it
 // reads the IP-location page "<IPLocationURL>/app/locate_my_ip" (10
-// attempts, 10 s each, 30 s apart). A new position triggers the aggregator.
+// attempts, 10 s each, 30 s apart) on a worker thread, whose answer is
+// handed to the main thread. A new position triggers the aggregator.
 //
 // Thread safety: `performLocationCheck`, `willSleep`, `didWake` and
 // `triggerSensor` on the main thread; the position accessors from any
 // thread. Lookup results arrive on lookup threads and are handled there or
-// handed to the main thread as described in the .cpp.
+// handed to the main thread as described in the .cpp. Nothing here blocks
+// the main thread for long: a check asked for while one is in progress waits
+// on a main-loop timer, the IP-location page is read on the worker.
 #pragma once
 
 #include <atomic>
@@ -24,14 +27,14 @@
 #include <vector>
 
 #include "app/location_source.h"
+#include "platform/background_worker.h"
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
+#include "platform/run_loop.h"
 #include "sensors/reachability.h"
 #include "sensors/telluro_helper.h"
 
 namespace zonara {
-
-class RunLoop;
 
 // The positioning sensor's status: both set, or neither (no position).
 struct TelluroStatus {
@@ -80,19 +83,27 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   [[nodiscard]] std::optional<double> currentLongitude() const override;
   [[nodiscard]] std::optional<double> currentLatitude() const override;
 
-  // The quick check: waits (polling every 0.1 s) until no check is in
-  // progress, then looks up with the 1.0 s time-out.
+  // The quick check: once no check is in progress (looked at every 0.1 s by
+  // a main-loop timer; the call itself returns at once), looks up with the
+  // 1.0 s time-out.
   void performLocationCheck() override;
   // Outcome of the quick check.
   void finishQuickLocationCheck(const std::optional<TelluroLocation>& location);
   // Stores a position and triggers the aggregator, or clears the position
-  // and falls back to the IP-location page. Main thread.
+  // and starts the IP-location fallback. Main thread.
   void triggerSensor(const std::optional<TelluroLocation>& location);
   // Outcome of the silent refresh: stores a position without triggering;
-  // without one, falls back to the page without triggering.
+  // without one, starts the fallback, whose position is stored without
+  // triggering. Any thread.
   void finishRefresh(const std::optional<TelluroLocation>& location);
-  // The IP-location fallback. True when the page gave a position.
-  bool performIPLocationCheckAndTrigger(bool trigger);
+  // The IP-location fallback on the worker; a position it finds goes to
+  // `triggerSensor` (with `trigger`) or `finishRefresh` on the main thread.
+  void startIPLocationCheck(bool trigger);
+  // The page itself, blocking: the position it gives, or nullopt after ten
+  // failed attempts or once `stop` is requested.
+  [[nodiscard]] std::optional<TelluroLocation> performIPLocationCheck(const std::stop_token& stop = {});
+  // Whether the IP-location fallback is queued or running (tests).
+  [[nodiscard]] bool ipLocationCheckRunning() const { return worker_.busy(); }
   // Reads "Latitude/Longitude ... class=output ... >LAT/LON" from a page.
   [[nodiscard]] static std::optional<TelluroLocation> scrapeIPLocationPage(const std::string& page);
 
@@ -136,7 +147,10 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
     std::shared_ptr<std::atomic<bool>> done;
   };
   std::vector<Worker> workers_;
+  std::vector<RunLoop::TimerId> pendingChecks_;  // checks waiting for the one in progress
   std::atomic<bool> shuttingDown_{false};
+  // Last: stopped first, while everything its jobs use is still there.
+  BackgroundWorker worker_;
 };
 
 }  // namespace zonara
