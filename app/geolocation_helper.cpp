@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "platform/background_worker.h"
 #include "platform/clock.h"
 #include "platform/preferences_store.h"
 #include "platform/system_log.h"
@@ -124,7 +125,8 @@ bool GeolocationHelper::containsIgnoringCaseAndDiacritics(const std::string& tex
   return !p->empty() && t->find(*p) != std::string::npos;
 }
 
-std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longitude, double latitude) const {
+std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longitude, double latitude,
+                                                                   const std::stop_token& stop) const {
   const std::string url = requestURL(config_, latitude, longitude);
   SystemLog("urlString = %s", url.c_str());
 
@@ -136,7 +138,7 @@ std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longit
       doc = parseXml(*data);
       if (doc) break;
     }
-    Clock::get().sleepFor(kPauseBetweenAttempts);
+    if (!BackgroundWorker::pause(kPauseBetweenAttempts, stop)) return std::nullopt;
     // Data that is not XML is not asked for again.
     if (data) break;
     if (attempt == kAttempts) return std::nullopt;

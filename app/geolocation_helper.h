@@ -7,8 +7,8 @@
 // same January and July offsets is looked for.
 //
 // Both look-ups block the calling thread (the fetch, up to 10 attempts of up
-// to 10 s with 30 s pauses between them, is synchronous by design); the
-// pauses are taken on the installed `Clock`.
+// to 10 s with 30 s pauses between them, is synchronous by design): call
+// them from a worker thread. The pauses are taken on the installed `Clock`.
 //
 // Thread safety: the object is immutable; any thread may call it, as long as
 // the fetcher and the zone database allow that too.
@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <stop_token>
 #include <string>
 
 #include "platform/http_fetcher.h"
@@ -44,7 +45,9 @@ class GeolocationHelper {
 
   // The zone name at the point, or nullopt when the service gave no usable
   // answer (see the .cpp for the rules) or no known zone fits.
-  [[nodiscard]] std::optional<std::string> timezoneForLongitude(double longitude, double latitude) const;
+  // Once `stop` is requested the pauses end early and nullopt is returned.
+  [[nodiscard]] std::optional<std::string> timezoneForLongitude(double longitude, double latitude,
+                                                               const std::stop_token& stop = {}) const;
 
   // The zone for offsets from GMT in seconds on 1 January and 1 July of the
   // current year: the first known zone with both offsets is found and the

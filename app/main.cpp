@@ -44,6 +44,21 @@ std::string iconPath() {
   return dir.substr(0, dir.rfind('/')) + "/share/zonara/Zonara.png";
 }
 
+// The polkit rule of the installation the helper runs from:
+// <prefix>/share/polkit-1/rules.d/50-zonara-timezone.rules for a helper under
+// <prefix>/lib/zonara/; "" when it cannot be found.
+std::string polkitRulePath() {
+  char exe[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return "";
+  exe[n] = '\0';
+  const std::string path(exe);
+  const size_t lib = path.rfind("/lib/zonara/");
+  if (lib == std::string::npos) return "";
+  std::string rule = path.substr(0, lib) + "/share/polkit-1/rules.d/50-zonara-timezone.rules";
+  return access(rule.c_str(), R_OK) == 0 ? rule : "";
+}
+
 // Refuses every name: used when there is no session bus at all, so the
 // helper ends up inert as it does when another copy holds the name.
 class NoBusServer final : public BusNameServer {
@@ -157,6 +172,7 @@ int main() {
   services.fetcher = &fetcher;
   services.preferences = &preferences;
   services.iconPath = iconPath();
+  services.polkitRulePath = polkitRulePath();
 
   // Location sensing: made when the controller sets up its sensors.
   const LocationSensingSettings settings =
@@ -216,6 +232,9 @@ int main() {
   application.setDelegate(controller.get());
 
   application.run();
+  // Requests still waiting on a slow server end now, so the workers that
+  // made them can be stopped at once.
+  fetcher.abortTransfers();
   controller.reset();
   sleepWatcher.reset();
   location.sensing = nullptr;

@@ -20,15 +20,15 @@
 
 namespace zonara::testing {
 
-// Records every command line; returns `status` without running anything.
+// Records every command line; returns `result` without running anything.
 class RecordingCommandRunner final : public CommandRunner {
  public:
-  int run(const std::vector<std::string>& argv) override {
+  CommandResult run(const std::vector<std::string>& argv) override {
     commands.push_back(argv);
-    return status;
+    return result;
   }
   std::vector<std::vector<std::string>> commands;
-  int status = 0;
+  CommandResult result{0, ""};
 };
 
 // Running applications as a test lists them. `events` records "quit PID" and
