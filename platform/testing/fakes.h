@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -128,6 +129,42 @@ class FakeNotificationService {
   DBusConnection& bus_;
   GDBusNodeInfo* node_;
   unsigned registration_ = 0;
+};
+
+// A stand-in for logind on a bus (normally a private system bus): owns
+// "org.freedesktop.login1", emits PrepareForSleep and answers Inhibit with a
+// real file descriptor -- the write end of a pipe whose read end it keeps, so
+// it can tell when every copy the client got has been closed (the inhibitor
+// released). Made, used and destroyed on the thread whose context dispatches
+// the bus; `inhibitors` and `held` from any thread.
+class FakeLogind {
+ public:
+  struct Inhibitor {
+    std::string what, who, why, mode;
+  };
+
+  explicit FakeLogind(DBusConnection& bus);
+  ~FakeLogind();
+  FakeLogind(const FakeLogind&) = delete;
+  FakeLogind& operator=(const FakeLogind&) = delete;
+
+  [[nodiscard]] bool ok() const { return owned_; }
+  // PrepareForSleep(sleeping) from logind's manager object (or `path`),
+  // flushed to the bus.
+  bool prepareForSleep(bool sleeping, const char* path = "/org/freedesktop/login1");
+  // Every Inhibit call so far, in order.
+  [[nodiscard]] std::vector<Inhibitor> inhibitors() const;
+  // How many of those inhibitors are still held by a client.
+  [[nodiscard]] size_t held() const;
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+  unsigned registration_ = 0;
+  bool owned_ = false;
+  mutable std::mutex mu_;
+  std::vector<Inhibitor> inhibitors_;
+  std::vector<int> readEnds_;  // one per inhibitor, owned
 };
 
 }  // namespace zonara::testing
