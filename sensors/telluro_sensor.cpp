@@ -190,7 +190,7 @@ void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location
     return;
   }
   setPosition(std::nullopt, std::nullopt);
-  startIPLocationCheck(true);
+  startIPLocationCheck();
 }
 
 void TelluroSensor::refreshLocation() {
@@ -205,22 +205,20 @@ void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location
     setPosition(location->longitude, location->latitude);
     return;
   }
-  startIPLocationCheck(false);
+  startIPLocationCheck();
 }
 
-void TelluroSensor::startIPLocationCheck(bool trigger) {
+void TelluroSensor::startIPLocationCheck() {
   // The page may take minutes (ten attempts, 30 s apart): on the worker, with
-  // the outcome handed to the main thread.
-  worker_.post([this, trigger](const std::stop_token& stop) {
+  // the outcome handed to the main thread. The position it gives triggers
+  // the aggregator even when the silent refresh asked for it: by the time the
+  // page answers, the start-up's first check has usually gone by without a
+  // position, and the position would otherwise lie unused until the network
+  // changes. Within the quiet period the two triggers make one notification.
+  worker_.post([this](const std::stop_token& stop) {
     std::optional<TelluroLocation> location = performIPLocationCheck(stop);
     if (!location || shuttingDown_) return;
-    worker_.deliver([this, trigger, location] {
-      if (trigger) {
-        triggerSensor(location);
-      } else {
-        finishRefresh(location);
-      }
-    });
+    worker_.deliver([this, location] { triggerSensor(location); });
   });
 }
 

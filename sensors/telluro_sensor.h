@@ -8,7 +8,8 @@
 // on another thread with its own run loop) and asks again; failing that it
 // reads the IP-location page "<IPLocationURL>/app/locate_my_ip" (10
 // attempts, 10 s each, 30 s apart) on a worker thread, whose answer is
-// handed to the main thread. A new position triggers the aggregator.
+// handed to the main thread. A new position triggers the aggregator, except
+// the silent refresh's own (not from the page), which is only stored.
 //
 // Thread safety: `performLocationCheck`, `willSleep`, `didWake` and
 // `triggerSensor` on the main thread; the position accessors from any
@@ -93,12 +94,11 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   // and starts the IP-location fallback. Main thread.
   void triggerSensor(const std::optional<TelluroLocation>& location);
   // Outcome of the silent refresh: stores a position without triggering;
-  // without one, starts the fallback, whose position is stored without
-  // triggering. Any thread.
+  // without one, starts the fallback. Any thread.
   void finishRefresh(const std::optional<TelluroLocation>& location);
   // The IP-location fallback on the worker; a position it finds goes to
-  // `triggerSensor` (with `trigger`) or `finishRefresh` on the main thread.
-  void startIPLocationCheck(bool trigger);
+  // `triggerSensor` on the main thread (stored, and the aggregator triggered).
+  void startIPLocationCheck();
   // The page itself, blocking: the position it gives, or nullopt after ten
   // failed attempts or once `stop` is requested.
   [[nodiscard]] std::optional<TelluroLocation> performIPLocationCheck(const std::stop_token& stop = {});
