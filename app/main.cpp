@@ -16,7 +16,7 @@
 #include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
 #include "sensors/location_sensing.h"
-#include "wps/api/config.h"
+#include "wps/api/protocol/config.h"
 #include "wps/spi/logger.h"
 #ifdef ZONARA_WITH_WPS_API
 #include "sensors/wps_location_library.h"

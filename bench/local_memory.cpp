@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "wps/api/location_determination_private.h"
-#include "wps/api/tile_writer.h"
+#include "wps/api/local/location_determination_private.h"
+#include "wps/api/tiles/tile_writer.h"
 #include "wps/spi/file.h"
 #include "wps/spi/simulated_clock.h"
 

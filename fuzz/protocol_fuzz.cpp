@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "wps/api/config.h"
-#include "wps/api/location.h"
-#include "wps/api/protocol.h"
+#include "wps/api/protocol/config.h"
+#include "wps/api/protocol/location.h"
+#include "wps/api/protocol/protocol.h"
 #include "wps/spi/dom.h"
 
 namespace {

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "wps/api/compressed_file_reader.h"
-#include "wps/api/md4.h"
-#include "wps/api/tile_writer.h"
+#include "wps/api/tiles/compressed_file_reader.h"
+#include "wps/api/tiles/md4.h"
+#include "wps/api/tiles/tile_writer.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "wps/api/compressed_file_reader.h"
-#include "wps/api/tile_writer.h"
+#include "wps/api/tiles/compressed_file_reader.h"
+#include "wps/api/tiles/tile_writer.h"
 #include "wps/spi/scan.h"
 
 namespace zonara {

@@ -14,7 +14,7 @@
 
 #include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
-#include "wps/api/config.h"
+#include "wps/api/protocol/config.h"
 
 namespace zonara {
 namespace {

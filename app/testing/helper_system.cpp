@@ -17,7 +17,7 @@
 #include "platform/dbus.h"
 #include "platform/testing/test_bus.h"
 #include "sensors/telluro_helper.h"
-#include "wps/api/tile_test_support.h"
+#include "wps/api/tiles/tile_test_support.h"
 
 namespace zonara::testing {
 

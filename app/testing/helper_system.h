@@ -53,8 +53,8 @@
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/service_gate.h"
 #include "platform/testing/temp_dir.h"
-#include "wps/api/located_access_point.h"
 #include "wps/api/testing/fake_positioning_server.h"
+#include "wps/api/tiles/located_access_point.h"
 
 namespace zonara::testing {
 

@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "platform/time_zone_database.h"
-#include "wps/api/tile_writer.h"
+#include "wps/api/tiles/tile_writer.h"
 #include "wps/spi/scan.h"
 
 namespace zonara::demo {

@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "platform/testing/http_test_server.h"
-#include "wps/api/located_access_point.h"
+#include "wps/api/tiles/located_access_point.h"
 
 namespace zonara::demo {
 

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "wps/api/location.h"
+#include "wps/api/protocol/location.h"
 #include "wps/spi/scan.h"
 
 namespace WPS {

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "wps/api/location_determination_local.h"
+#include "wps/api/local/location_determination_local.h"
 #include "wps/api/testing/fake_positioning_server.h"
 #include "wps/api/testing/tile_dir.h"
 #include "wps/api/wpsapi.h"

@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "wps/api/location.h"
+#include "wps/api/local/location_determination_local.h"
 #include "wps/api/location_cache.h"
-#include "wps/api/location_client.h"
-#include "wps/api/location_determination_local.h"
-#include "wps/api/location_determination_remote.h"
+#include "wps/api/protocol/location.h"
+#include "wps/api/protocol/location_client.h"
+#include "wps/api/remote/location_determination_remote.h"
 #include "wps/api/wpsapi_internal.h"
 #include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"

@@ -19,13 +19,14 @@
 #include <vector>
 
 #include "platform/testing/http_test_server.h"
-#include "wps/api/config.h"
-#include "wps/api/location_determination_local.h"
+#include "wps/api/local/location_determination_local.h"
+#include "wps/api/protocol/config.h"
 #include "wps/api/wpsapi_internal.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
 #include "wps/spi/xml_http_request.h"
 
+extern "C" int wpsapi_c_layout_ok(void);
 extern "C" int wpsapi_c_locate(const char* url, const char* user, const char* realm, double* latitude,
                                double* longitude, unsigned* nap, int* handed_out);
 
@@ -176,6 +177,9 @@ class WpsApiTest : public ::testing::Test {
   std::vector<int64_t> requestTimes_;  // guarded by mu_
   HttpTestServer server_;
 };
+
+// The public header compiles as C with the documented field order.
+TEST(PublicHeader, CompilesAsCWithTheDocumentedLayout) { EXPECT_EQ(wpsapi_c_layout_ok(), 1); }
 
 // When the server is asked, what it is sent, and when the scanning stops.
 TEST_F(WpsApiTest, ServerRequestRuleAndEarlyStop) {

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "wps/api/config.h"
-#include "wps/api/tile_writer.h"
+#include "wps/api/protocol/config.h"
+#include "wps/api/tiles/tile_writer.h"
 
 namespace WPS {
 namespace API {

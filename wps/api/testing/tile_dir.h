@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "platform/testing/temp_dir.h"
-#include "wps/api/located_access_point.h"
 #include "wps/api/testing/fake_positioning_server.h"
-#include "wps/api/tile_test_support.h"
+#include "wps/api/tiles/located_access_point.h"
+#include "wps/api/tiles/tile_test_support.h"
 #include "wps/spi/scan.h"
 #include "wps/spi/time.h"
 
