@@ -153,4 +153,45 @@ size_t FakeLogind::held() const {
   return count;
 }
 
+FakePolkitAuthority::FakePolkitAuthority(DBusConnection& bus) : bus_(bus) {
+  static const char* xml =
+      "<node><interface name='org.freedesktop.PolicyKit1.Authority'><method name='CheckAuthorization'>"
+      "<arg type='(sa{sv})' direction='in'/><arg type='s' direction='in'/><arg type='a{ss}' direction='in'/>"
+      "<arg type='u' direction='in'/><arg type='s' direction='in'/><arg type='(bba{ss})' direction='out'/>"
+      "</method></interface></node>";
+  node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
+  static const GDBusInterfaceVTable vtable = {
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
+         GDBusMethodInvocation* invocation, gpointer data) {
+        auto* self = static_cast<FakePolkitAuthority*>(data);
+        const gchar *kind, *action, *cancellation;
+        GVariant *subject, *details;
+        guint32 flags = 0;
+        g_variant_get(p, "((&s@a{sv})&s@a{ss}u&s)", &kind, &subject, &action, &details, &flags, &cancellation);
+        guint32 pid = 0;
+        (void)g_variant_lookup(subject, "pid", "u", &pid);
+        g_variant_unref(subject);
+        g_variant_unref(details);
+        self->questions.push_back(std::string(kind) + " pid=" + std::to_string(pid) + " " + action +
+                                  " flags=" + std::to_string(flags));
+        GVariantBuilder empty;
+        g_variant_builder_init(&empty, G_VARIANT_TYPE("a{ss}"));
+        g_dbus_method_invocation_return_value(
+            invocation, g_variant_new("((bba{ss}))", self->authorized, self->challenge, &empty));
+      },
+      nullptr, nullptr, {nullptr}};
+  registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/PolicyKit1/Authority",
+                                                    node_->interfaces[0], &vtable, this, nullptr, nullptr);
+  GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                            "org.freedesktop.DBus", "RequestName",
+                                            g_variant_new("(su)", "org.freedesktop.PolicyKit1", 4u), nullptr,
+                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  if (r) g_variant_unref(r);
+}
+
+FakePolkitAuthority::~FakePolkitAuthority() {
+  if (registration_ != 0) g_dbus_connection_unregister_object(bus_.get(), registration_);
+  g_dbus_node_info_unref(node_);
+}
+
 }  // namespace zonara::testing

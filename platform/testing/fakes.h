@@ -167,4 +167,25 @@ class FakeLogind {
   std::vector<int> readEnds_;  // one per inhibitor, owned
 };
 
+// A stand-in for polkit's authority on a bus: owns "org.freedesktop.PolicyKit1"
+// and answers CheckAuthorization with `authorized` and `challenge`, recording
+// each question as "KIND pid=PID ACTION flags=FLAGS". Same threading as
+// FakeLogind.
+class FakePolkitAuthority {
+ public:
+  explicit FakePolkitAuthority(DBusConnection& bus);
+  ~FakePolkitAuthority();
+  FakePolkitAuthority(const FakePolkitAuthority&) = delete;
+  FakePolkitAuthority& operator=(const FakePolkitAuthority&) = delete;
+
+  bool authorized = false;
+  bool challenge = false;
+  std::vector<std::string> questions;
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+  unsigned registration_ = 0;
+};
+
 }  // namespace zonara::testing
