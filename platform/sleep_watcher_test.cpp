@@ -12,16 +12,29 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(LogindSleepWatcher, DeliversSleepThenWake) {
-  testing::TestBus testBus;
-  ASSERT_TRUE(testBus.ok());
-  std::string error;
-  std::unique_ptr<DBusConnection> logindBus = DBusConnection::openAddress(testBus.address(), &error);
-  ASSERT_TRUE(logindBus) << error;
-  testing::FakeLogind logind(*logindBus);
-  ASSERT_TRUE(logind.ok());
-  std::unique_ptr<DBusConnection> bus = DBusConnection::openAddress(testBus.address(), &error);
-  ASSERT_TRUE(bus) << error;
+// A private bus with the stand-in logind, and the watcher's own connection.
+class LogindSleepWatcherTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(testBus_.ok());
+    std::string error;
+    logindBus_ = DBusConnection::openAddress(testBus_.address(), &error);
+    ASSERT_TRUE(logindBus_) << error;
+    logind_ = std::make_unique<testing::FakeLogind>(*logindBus_);
+    ASSERT_TRUE(logind_->ok());
+    bus_ = DBusConnection::openAddress(testBus_.address(), &error);
+    ASSERT_TRUE(bus_) << error;
+  }
+
+  testing::TestBus testBus_;
+  std::unique_ptr<DBusConnection> logindBus_;
+  std::unique_ptr<testing::FakeLogind> logind_;
+  std::unique_ptr<DBusConnection> bus_;
+};
+
+TEST_F(LogindSleepWatcherTest, DeliversSleepThenWake) {
+  testing::FakeLogind& logind = *logind_;
+  DBusConnection* bus = bus_.get();
   std::vector<bool> events;
   {
     LogindSleepWatcher watcher(*bus, [&](bool sleeping) { events.push_back(sleeping); });
@@ -47,16 +60,9 @@ TEST(LogindSleepWatcher, DeliversSleepThenWake) {
 // The delay inhibitor: held from the start, still held while the coming sleep
 // is handled, released right after, taken again after waking, released when
 // the watcher goes.
-TEST(LogindSleepWatcher, HoldsADelayInhibitorUntilTheComingSleepIsHandled) {
-  testing::TestBus testBus;
-  ASSERT_TRUE(testBus.ok());
-  std::string error;
-  std::unique_ptr<DBusConnection> logindBus = DBusConnection::openAddress(testBus.address(), &error);
-  ASSERT_TRUE(logindBus) << error;
-  testing::FakeLogind logind(*logindBus);
-  ASSERT_TRUE(logind.ok());
-  std::unique_ptr<DBusConnection> bus = DBusConnection::openAddress(testBus.address(), &error);
-  ASSERT_TRUE(bus) << error;
+TEST_F(LogindSleepWatcherTest, HoldsADelayInhibitorUntilTheComingSleepIsHandled) {
+  testing::FakeLogind& logind = *logind_;
+  DBusConnection* bus = bus_.get();
   RunLoop& loop = RunLoop::main();
   std::vector<std::string> events;
   {
@@ -91,19 +97,16 @@ TEST(LogindSleepWatcher, HoldsADelayInhibitorUntilTheComingSleepIsHandled) {
 }
 
 // Without logind the watcher works without an inhibitor and goes quietly.
-TEST(LogindSleepWatcher, WithoutLogindThereIsNoInhibitor) {
-  testing::TestBus testBus;
-  ASSERT_TRUE(testBus.ok());
-  std::string error;
-  std::unique_ptr<DBusConnection> bus = DBusConnection::openAddress(testBus.address(), &error);
-  ASSERT_TRUE(bus) << error;
-  auto watcher = std::make_unique<LogindSleepWatcher>(*bus, [](bool) {});
+TEST_F(LogindSleepWatcherTest, WithoutLogindThereIsNoInhibitor) {
+  logind_.reset();
+  logindBus_.reset();  // the name goes with the connection
+  auto watcher = std::make_unique<LogindSleepWatcher>(*bus_, [](bool) {});
   (void)RunLoop::main().runUntil([] { return false; }, 200ms);
   EXPECT_FALSE(watcher->holdsInhibitor());
   watcher.reset();
   // A watcher destroyed while its request is in flight is left alone by the
   // answer.
-  watcher = std::make_unique<LogindSleepWatcher>(*bus, [](bool) {});
+  watcher = std::make_unique<LogindSleepWatcher>(*bus_, [](bool) {});
   watcher.reset();
   (void)RunLoop::main().runUntil([] { return false; }, 200ms);
 }

@@ -218,7 +218,9 @@ void TelluroSensor::startIPLocationCheck() {
   worker_.post([this](const std::stop_token& stop) {
     std::optional<TelluroLocation> location = performIPLocationCheck(stop);
     if (!location || shuttingDown_) return;
-    worker_.deliver([this, location] { triggerSensor(location); });
+    worker_.deliver([this, location] {
+      if (!shuttingDown_) triggerSensor(location);
+    });
   });
 }
 

@@ -8,6 +8,22 @@
 #include "platform/run_loop.h"
 
 namespace zonara::testing {
+namespace {
+
+// Asks the bus for `name` without queueing; true when this connection owns it.
+bool ownName(DBusConnection& bus, const char* name) {
+  GVariant* r = g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                            "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", name, 4u),
+                                            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  guint32 result = 0;
+  if (r) {
+    g_variant_get(r, "(u)", &result);
+    g_variant_unref(r);
+  }
+  return result == 1;
+}
+
+}  // namespace
 
 void RecordingDesktopNotifier::notify(const std::string& title, const std::string& message,
                                       const std::string& notificationName, const std::string& iconPath) {
@@ -69,11 +85,7 @@ FakeNotificationService::FakeNotificationService(DBusConnection& bus) : bus_(bus
       nullptr, nullptr, {nullptr}};
   registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications",
                                                     node_->interfaces[0], &vtable, this, nullptr, nullptr);
-  GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                            "org.freedesktop.DBus", "RequestName",
-                                            g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
-                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (r) g_variant_unref(r);
+  (void)ownName(bus_, "org.freedesktop.Notifications");
 }
 
 FakeNotificationService::~FakeNotificationService() {
@@ -113,16 +125,7 @@ FakeLogind::FakeLogind(DBusConnection& bus) : bus_(bus) {
       nullptr, nullptr, {nullptr}};
   registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/login1", node_->interfaces[0],
                                                     &vtable, this, nullptr, nullptr);
-  GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                            "org.freedesktop.DBus", "RequestName",
-                                            g_variant_new("(su)", "org.freedesktop.login1", 4u), G_VARIANT_TYPE("(u)"),
-                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (r) {
-    guint32 result = 0;
-    g_variant_get(r, "(u)", &result);
-    owned_ = result == 1;
-    g_variant_unref(r);
-  }
+  owned_ = ownName(bus_, "org.freedesktop.login1");
 }
 
 FakeLogind::~FakeLogind() {
@@ -182,11 +185,7 @@ FakePolkitAuthority::FakePolkitAuthority(DBusConnection& bus) : bus_(bus) {
       nullptr, nullptr, {nullptr}};
   registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/PolicyKit1/Authority",
                                                     node_->interfaces[0], &vtable, this, nullptr, nullptr);
-  GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                            "org.freedesktop.DBus", "RequestName",
-                                            g_variant_new("(su)", "org.freedesktop.PolicyKit1", 4u), nullptr,
-                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (r) g_variant_unref(r);
+  (void)ownName(bus_, "org.freedesktop.PolicyKit1");
 }
 
 FakePolkitAuthority::~FakePolkitAuthority() {
