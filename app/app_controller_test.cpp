@@ -13,8 +13,11 @@
 #include <thread>
 
 #include "app/notification_controller.h"
+#include "app/testing/helper_services.h"
 #include "app/zonara_application.h"
 #include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
+#include "platform/testing/temp_dir.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/fakes.h"
 #include "platform/testing/test_bus.h"
@@ -30,20 +33,6 @@ using testing::HttpResponse;
 using testing::HttpTestServer;
 using testing::FakeNotificationService;
 using testing::FakeWorkspace;
-
-std::string readFile(const fs::path& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
-}
 
 std::string zoneReply(const std::string& id, const std::string& gmt, const std::string& dst) {
   return "<geonames><timezone><timezoneId>" + id + "</timezoneId><gmtOffset>" + gmt + "</gmtOffset><dstOffset>" +
@@ -78,45 +67,17 @@ class FakeTrigger final : public LocationTrigger {
 class AppControllerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::remove_all(root_);
-    fs::create_directories(root_ / "config");
-    tzFile_ = root_ / "timezone";
-    std::ofstream(tzFile_) << "UTC\n";
-    zones_ = std::make_unique<DateTzDatabase>(tzFile_.string());
-    prefs_ = std::make_unique<PreferencesDomain>(AppController::kServerName, (root_ / "config").string());
     prefs_->setValue("TimezoneServiceURL", PrefValue::string(http_.url()));
-    const std::string script = "printf '%s\\n' \"$1\" >> '" + (root_ / "commands").string() + "' && printf '%s\\n' \"$1\" > '" +
-                               tzFile_.string() + "'";
-    prefs_->setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/sh"), PrefValue::string("-c"),
-                                                             PrefValue::string(script),
-                                                             PrefValue::string("set-timezone")}));
     ASSERT_TRUE(prefs_->synchronize());
     http_.setHandler([](const HttpRequest& r) {
       if (r.query().find("lat=-33.9&") != std::string::npos) return HttpResponse(200, zoneReply("Australia/Sydney", "10", "11"));
       if (r.query().find("lat=35.7&") != std::string::npos) return HttpResponse(200, zoneReply("Asia/Tokyo", "9", "9"));
       return HttpResponse(200, zoneReply("Europe/Paris", "1", "2"));
     });
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& m) { log_.push_back(m); });
   }
-  void TearDown() override { SetSystemLogSinkForTesting(nullptr); }
 
   AppController::Services services() {
-    AppController::Services s;
-    s.application = &application_;
-    s.runLoop = &RunLoop::main();
-    s.notificationCenter = &center_;
-    s.distributedCenter = &distributed_;
-    s.server = &server_;
-    s.commandRunner = &runner_;
-    s.workspace = &workspace_;
-    s.notifier = &notifier_;
-    s.zones = zones_.get();
-    s.fetcher = &fetcher_;
-    s.preferences = prefs_.get();
-    s.preferencesDirectory = (root_ / "config").string();
-    s.dataHome = (root_ / "data").string();
-    s.iconPath = std::string(std::getenv("ZONARA_SOURCE_DIR")) + "/app/resources/Zonara.png";
+    AppController::Services s = helper_.services();
     s.location = &location_;
     s.sensorAggregator = [this] { return &trigger_; };
     return s;
@@ -126,7 +87,7 @@ class AppControllerTest : public ::testing::Test {
     EXPECT_TRUE(c);
     return c;
   }
-  std::vector<std::string> commands() { return lines(readFile(root_ / "commands")); }
+  std::vector<std::string> commands() { return helper_.commands(); }
   // Lets the controller's look-ups finish and their outcomes reach the main
   // loop (the worker's pauses move virtual time by themselves).
   static void settle(AppController& controller) {
@@ -134,7 +95,7 @@ class AppControllerTest : public ::testing::Test {
     while (RunLoop::main().runOnce()) {
     }
   }
-  bool logged(const std::string& m) { return std::find(log_.begin(), log_.end(), m) != log_.end(); }
+  bool logged(const std::string& m) { return log_.has(m); }
   void setCalendar(std::optional<bool> support) {
     PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
     if (support) ical.setValue("TimeZone support enabled", PrefValue::boolean(*support));
@@ -147,23 +108,23 @@ class AppControllerTest : public ::testing::Test {
     return v ? std::optional(v->asString()) : std::nullopt;
   }
 
+  testing::SystemLogCapture log_;
   VirtualClock clock_{Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch())};
   ScopedClock installed_{clock_};
-  fs::path root_, tzFile_;
-  std::unique_ptr<DateTzDatabase> zones_;
-  std::unique_ptr<PreferencesDomain> prefs_;
+  testing::TempDir scratch_{"app-controller-"};
+  const fs::path root_ = scratch_.path();
+  testing::HelperServices helper_{scratch_.path()};
+  const fs::path tzFile_ = helper_.timezoneFile();
+  PreferencesDomain* const prefs_ = &helper_.preferences;
   HttpTestServer http_;
-  ZonaraApplication application_{RunLoop::main()};
-  NotificationCenter center_;
-  testing::InProcessDistributedNotificationCenter distributed_;
-  testing::FakeBusNameServer server_;
-  SubprocessCommandRunner runner_;
-  FakeWorkspace workspace_;
-  testing::RecordingDesktopNotifier notifier_;
-  CurlHttpFetcher fetcher_;
+  ZonaraApplication& application_ = helper_.application;
+  NotificationCenter& center_ = helper_.center;
+  testing::InProcessDistributedNotificationCenter& distributed_ = helper_.distributed;
+  testing::FakeBusNameServer& server_ = helper_.server;
+  FakeWorkspace& workspace_ = helper_.workspace;
+  testing::RecordingDesktopNotifier& notifier_ = helper_.notifier;
   FakeLocation location_;
   FakeTrigger trigger_;
-  std::vector<std::string> log_;
 };
 
 TEST_F(AppControllerTest, StartUpMakesFoldersObservesAndSchedulesItsSteps) {
@@ -573,7 +534,7 @@ TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
   log_.clear();
   auto second = AppController::create(busServices(*second_, server2, center2, notifier2));
   EXPECT_EQ(second, nullptr);
-  EXPECT_EQ(log_, std::vector<std::string>{"unable to start ZonaraHelper server"});
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{"unable to start ZonaraHelper server"});
 
   // Posted from another process-like connection while the first check is
   // still 3.5 s away.

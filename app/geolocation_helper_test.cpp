@@ -8,6 +8,7 @@
 #include <map>
 
 #include "platform/testing/http_test_server.h"
+#include "platform/testing/temp_dir.h"
 
 using namespace std::chrono_literals;
 
@@ -35,15 +36,14 @@ std::string record(const std::string& id, const std::string& gmt, const std::str
 class GeolocationHelperTest : public ::testing::Test {
  protected:
   GeolocationHelperTest() {
-    std::filesystem::path dir = std::filesystem::path(std::getenv("ZONARA_TEST_TMPDIR")) / "geo";
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir / "timezone") << "UTC\n";
-    zones_ = std::make_unique<DateTzDatabase>((dir / "timezone").string());
+    std::ofstream(scratch_.file("timezone")) << "UTC\n";
+    zones_ = std::make_unique<DateTzDatabase>(scratch_.file("timezone"));
   }
   GeolocationHelper helper(const std::string& url, const std::string& user = "tester") {
     return GeolocationHelper(fetcher_, *zones_, GeolocationHelper::Config{url, user});
   }
 
+  testing::TempDir scratch_{"geo-"};
   VirtualClock clock_{utc(2026, 1, 15)};
   ScopedClock installed_{clock_};
   CurlHttpFetcher fetcher_;

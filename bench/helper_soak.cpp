@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "app/testing/network_soak.h"
+#include "system_tests/network_soak.h"
 
 using namespace std::chrono_literals;
 using zonara::testing::HelperSystem;

@@ -23,7 +23,7 @@ if command -v clang++ >/dev/null 2>&1 && command -v clang >/dev/null 2>&1; then
   libfuzzer=1
 fi
 cmake "${cmake_args[@]}" >/dev/null
-cmake --build "$build" -j "$jobs" --target protocol_fuzz tile_reader_fuzz >/dev/null
+cmake --build "$build" -j "$jobs" --target protocol_fuzz tile_reader_fuzz timezone_boundaries_fuzz >/dev/null
 
 # Library logging of every rejected input would only slow the run down.
 quiet=$(mktemp)
@@ -32,7 +32,7 @@ trap 'rm -rf "$quiet" "$scratch"' EXIT
 echo "log4cpp.rootCategory=FATAL" > "$quiet"
 export LOG4CPP_CONFIGURATION="$quiet"
 
-for target in protocol tile_reader; do
+for target in protocol tile_reader timezone_boundaries; do
   corpus="fuzz/corpus/$target"
   mkdir -p "$scratch/$target"
   seeds=()

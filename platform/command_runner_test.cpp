@@ -6,12 +6,15 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/testing/temp_dir.h"
+
 namespace zonara {
 namespace {
 
 TEST(SubprocessCommandRunnerTest, PassesArgumentsAndReportsHowTheProgramEnded) {
   SubprocessCommandRunner runner;
-  const std::string out = std::string(std::getenv("ZONARA_TEST_TMPDIR")) + "/args.txt";
+  testing::TempDir scratch("runner-");
+  const std::string out = scratch.file("args.txt");
   // Arguments with spaces arrive intact; the runner waits for the program.
   EXPECT_EQ(runner.run({"/bin/sh", "-c", "printf '%s|' \"$@\" > \"$0\"", out, "Europe/Paris", "a b"}).status, 0);
   std::ifstream in(out);

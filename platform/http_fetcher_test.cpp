@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
 #include "platform/testing/http_test_server.h"
 
 namespace zonara {
@@ -17,33 +18,6 @@ using namespace std::chrono_literals;
 using testing::ClosedPort;
 using testing::HttpResponse;
 using testing::HttpTestServer;
-
-// Collects system-log lines for the life of the object.
-class LogLines {
- public:
-  LogLines() {
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) {
-      std::lock_guard<std::mutex> lock(mu_);
-      lines_.push_back(line);
-    });
-  }
-  ~LogLines() { SetSystemLogSinkForTesting(nullptr); }
-  [[nodiscard]] bool has(const std::string& fragment) const {
-    std::lock_guard<std::mutex> lock(mu_);
-    for (const auto& l : lines_) {
-      if (l.find(fragment) != std::string::npos) return true;
-    }
-    return false;
-  }
-  [[nodiscard]] size_t count() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return lines_.size();
-  }
-
- private:
-  mutable std::mutex mu_;
-  std::vector<std::string> lines_;
-};
 
 // Each fault gives no data and one log line naming the URL and the reason;
 // the same fetcher then gets the answer once the server behaves.
@@ -75,10 +49,10 @@ TEST(CurlHttpFetcherTest, FaultsGiveNoDataALogLineAndDoNotOutliveTheFault) {
     HttpTestServer server;
     server.enqueue(c.response);
     server.setDefaultResponse(HttpResponse(200, "<geonames/>"));
-    LogLines log;
+    testing::SystemLogCapture log;
     EXPECT_EQ(fetcher.fetch(server.url("/timezone"), 500ms), std::nullopt);
-    EXPECT_TRUE(log.has(server.url("/timezone"))) << "the URL is named";
-    EXPECT_TRUE(log.has(c.logged));
+    EXPECT_TRUE(log.contains(server.url("/timezone"))) << "the URL is named";
+    EXPECT_TRUE(log.contains(c.logged));
     EXPECT_EQ(fetcher.fetch(server.url("/timezone"), 2s), "<geonames/>");
   }
 }
@@ -99,19 +73,19 @@ TEST(CurlHttpFetcherTest, ErrorPagesAreDataAndTheLimitIsExact) {
     SCOPED_TRACE(c.name);
     HttpTestServer server;
     server.enqueue(c.response);
-    LogLines log;
+    testing::SystemLogCapture log;
     CurlHttpFetcher fetcher(c.limit);
     EXPECT_EQ(fetcher.fetch(server.url("/"), 2s), c.expected);
-    EXPECT_EQ(log.count(), c.expected ? 0u : 1u);
+    EXPECT_EQ(log.size(), c.expected ? 0u : 1u);
   }
 }
 
 TEST(CurlHttpFetcherTest, RefusedConnectionIsLogged) {
   ClosedPort closed;
-  LogLines log;
+  testing::SystemLogCapture log;
   CurlHttpFetcher fetcher;
   EXPECT_EQ(fetcher.fetch(closed.url("/app/locate_my_ip"), 2s), std::nullopt);
-  EXPECT_TRUE(log.has("request to " + closed.url("/app/locate_my_ip") + " failed"));
+  EXPECT_TRUE(log.contains("request to " + closed.url("/app/locate_my_ip") + " failed"));
 }
 
 }  // namespace

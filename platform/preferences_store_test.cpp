@@ -16,6 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/system_log.h"
+#include "platform/testing/temp_dir.h"
+#include "platform/testing/system_log_capture.h"
 
 namespace zonara {
 namespace {
@@ -38,22 +40,9 @@ void WriteFile(const std::string& path, const std::string& bytes) {
 
 class PreferencesStoreTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-    fs::path root = base ? base : fs::temp_directory_path();
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    dir_ = (root / (std::string("prefs-") + info->name() + "-" + std::to_string(getpid()))).string();
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& message) { logged_.push_back(message); });
-  }
-  void TearDown() override {
-    SetSystemLogSinkForTesting(nullptr);
-    fs::remove_all(dir_);
-  }
-
-  std::string dir_;
-  std::vector<std::string> logged_;
+  testing::TempDir scratch_{"prefs-"};
+  const std::string dir_ = scratch_.path();
+  testing::SystemLogCapture logged_;
 };
 
 struct RoundTripCase {
@@ -243,7 +232,7 @@ TEST_F(PreferencesStoreTest, CorruptFileReadsEmptyLogsOnceAndIsKeptWhenAValueIsS
   EXPECT_EQ(ReadFile(d.path()), garbage);
   EXPECT_FALSE(fs::exists(d.path() + ".corrupt"));
   ASSERT_EQ(logged_.size(), 1u);
-  EXPECT_THAT(logged_[0], HasSubstr(d.path()));
+  EXPECT_THAT(logged_.last(), HasSubstr(d.path()));
 
   d.setValue("fresh", PrefValue::integer(7));
   ASSERT_TRUE(d.synchronize());

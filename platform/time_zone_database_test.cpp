@@ -8,6 +8,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "platform/testing/temp_dir.h"
+
 namespace zonara {
 namespace {
 
@@ -60,9 +62,8 @@ TEST(DateTzDatabaseTest, OffsetsAndAbbreviationsAtADate) {
 // its posix/ tree), a zone file copied into place, a name file; and what is
 // not a zone.
 TEST(DateTzDatabaseTest, SystemZoneFromALinkACopiedZoneFileOrANameFile) {
-  fs::path dir = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "tzdb";
-  fs::remove_all(dir);
-  fs::create_directories(dir);
+  testing::TempDir scratch("tzdb-");
+  const fs::path dir = scratch.path();
   auto link = [&](const std::string& name, const fs::path& target) {
     fs::create_symlink(target, dir / name);
     return dir / name;

@@ -10,13 +10,16 @@
 #include <fstream>
 #include <thread>
 
+#include "platform/testing/temp_dir.h"
+
 namespace zonara {
 namespace {
 
 namespace fs = std::filesystem;
 
 TEST(LinuxWorkspaceTest, BundleIdentifierComesFromTheEnclosingBundle) {
-  fs::path root = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "Calendar.app";
+  testing::TempDir scratch("workspace-");
+  fs::path root = fs::path(scratch.path()) / "Calendar.app";
   fs::create_directories(root / "Contents/MacOS");
   std::ofstream(root / "Contents/Info.plist")
       << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
@@ -56,7 +59,8 @@ TEST(LinuxWorkspaceTest, ListsARunningChildAndQuitsIt) {
 
 TEST(LinuxWorkspaceTest, LaunchesByNameOnPath) {
   LinuxWorkspace workspace;
-  fs::path dir = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "bin";
+  testing::TempDir scratch("workspace-");
+  fs::path dir = fs::path(scratch.path()) / "bin";
   fs::create_directories(dir);
   fs::path marker = dir / "launched";
   fs::remove(marker);

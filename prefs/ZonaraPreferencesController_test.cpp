@@ -13,6 +13,7 @@
 
 #include "platform/run_loop.h"
 #include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
 #include "platform/testing/temp_dir.h"
 #include "platform/testing/test_bus.h"
 
@@ -47,16 +48,6 @@ fs::path makePaneWithHelper(const fs::path& pane) {
   if (ec) fs::copy_file(binDir() / "ZonaraHelper", exe);
   return helper;
 }
-
-// Log lines, captured while alive.
-class LogCapture {
- public:
-  LogCapture() {
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) { lines.push_back(line); });
-  }
-  ~LogCapture() { SetSystemLogSinkForTesting(nullptr); }
-  std::vector<std::string> lines;
-};
 
 // A scripted process list: serial numbers are {0, 1-based position}.
 class FakeProcessManager final : public ProcessManager {
@@ -188,11 +179,11 @@ TEST_F(ControllerTest, WalkFailuresAreLoggedAndGiveWhatWasFoundSoFar) {
     FakeProcessManager processes;
     processes.processes = {{200, "org.quillon.ZonaraHelper", a}};
     processes.nextStatusAtEnd = kParamErr;
-    LogCapture log;
+    testing::SystemLogCapture log;
     std::unique_ptr<Bundle> found = controller(&processes)->runningHelperAppBundle();
     ASSERT_TRUE(found);
     EXPECT_EQ(found->bundlePath(), a);
-    EXPECT_EQ(log.lines, (std::vector<std::string>{
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
                              "bundleForProcessWithBundleIdentifier: GetNextProcess returned -50/error in user "
                              "parameter list"}));
   }
@@ -200,11 +191,11 @@ TEST_F(ControllerTest, WalkFailuresAreLoggedAndGiveWhatWasFoundSoFar) {
     FakeProcessManager processes;
     processes.processes = {{200, "org.quillon.ZonaraHelper", a}, {10, "", "", 0, kProcNotFound},
                            {100, "org.quillon.ZonaraHelper", b}};
-    LogCapture log;
+    testing::SystemLogCapture log;
     std::unique_ptr<Bundle> found = controller(&processes)->runningHelperAppBundle();
     ASSERT_TRUE(found);
     EXPECT_EQ(found->bundlePath(), a);  // the walk stopped before b
-    EXPECT_EQ(log.lines,
+    EXPECT_EQ(log.lines(),
               (std::vector<std::string>{
                   "Couldn't get information about process 0,2: GetProcessInformation returned -600/no eligible "
                   "process with specified descriptor",

@@ -13,7 +13,8 @@
 
 #include "platform/dynamic_store.h"
 #include "platform/run_loop.h"
-#include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
+#include "platform/testing/temp_dir.h"
 #include "sensors/network_sensor.h"
 #include "sensors/system_configuration_monitor.h"
 
@@ -58,9 +59,6 @@ class NetlinkNetworkSensorTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!g_inNamespace) GTEST_SKIP() << "user and network namespaces are not available here";
-    SetSystemLogSinkForTesting([](LogPriority, const std::string&) {});
-    sysfs_ = std::string(std::getenv("ZONARA_TEST_TMPDIR")) + "/sys";
-    std::filesystem::remove_all(sysfs_);
     std::filesystem::create_directories(sysfs_ + "/class/net/v0");
     std::filesystem::create_directories(sysfs_ + "/class/net/v1");
     std::ofstream(sysfs_ + "/class/net/v0/uevent") << "DEVTYPE=wlan\nINTERFACE=v0\n";
@@ -72,7 +70,6 @@ class NetlinkNetworkSensorTest : public ::testing::Test {
     sensor_.reset();
     monitor_.reset();
     if (g_inNamespace) (void)std::system("ip link del v0 2>/dev/null");
-    SetSystemLogSinkForTesting(nullptr);
   }
 
   void start() {
@@ -92,7 +89,10 @@ class NetlinkNetworkSensorTest : public ::testing::Test {
 
   VirtualClock clock_;
   ScopedClock installed_{clock_};
-  std::string sysfs_;
+  // The sensor's log lines are not part of these tests.
+  testing::SystemLogCapture quiet_;
+  testing::TempDir scratch_{"netns-"};
+  const std::string sysfs_ = scratch_.file("sys");
   NotificationCenter center_;
   std::shared_ptr<CSystemConfigurationMonitor> monitor_;
   RecordingCheck check_;

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
 #include "sensors/sensor_test_support.h"
 
 namespace zonara {
@@ -29,7 +30,6 @@ class FakeStatusSource final : public TelluroStatusSource {
 class SensorAggregatorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) { log_.push_back(line); });
     observer_ = center_.addObserver(SensorAggregator::kNotification, [this](const Notification& n) {
       EXPECT_EQ(n.object, aggregator_.get());
       posted_.push_back(clock_.now());
@@ -37,11 +37,9 @@ class SensorAggregatorTest : public ::testing::Test {
     aggregator_ = std::make_unique<SensorAggregator>(center_);
     aggregator_->setStatusSource(&source_);
   }
-  void TearDown() override {
-    aggregator_.reset();
-    SetSystemLogSinkForTesting(nullptr);
-  }
+  void TearDown() override { aggregator_.reset(); }
 
+  testing::SystemLogCapture log_;
   VirtualClock clock_;
   ScopedClock installed_{clock_};
   NotificationCenter center_;
@@ -49,7 +47,6 @@ class SensorAggregatorTest : public ::testing::Test {
   FakeStatusSource source_;
   std::unique_ptr<SensorAggregator> aggregator_;
   std::vector<Clock::TimePoint> posted_;
-  std::vector<std::string> log_;
 };
 
 TEST_F(SensorAggregatorTest, ThreeTriggersASecondApartGiveOneNotificationFourSecondsAfterTheLast) {
@@ -91,7 +88,7 @@ TEST_F(SensorAggregatorTest, PostsWhetherOrNotThePositionChangedAndLogsWhich) {
     testing::advanceMainLoop(clock_, 4000ms);
     ++n;
     ASSERT_EQ(posted_.size(), n);
-    EXPECT_EQ(log_.back(), step.logLine) << n;
+    EXPECT_EQ(log_.last(), step.logLine) << n;
   }
 }
 

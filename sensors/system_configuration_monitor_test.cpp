@@ -7,6 +7,7 @@
 
 #include "platform/run_loop.h"
 #include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
 #include "sensors/network_sensor.h"
 
 namespace zonara {
@@ -131,7 +132,6 @@ class RecordingCheck final : public LocationCheck {
 class NetworkSensorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) { log_.push_back(line); });
     auto owned = std::make_unique<FakeDynamicStore>();
     store_ = owned.get();
     store_->names = {"eth0", "wlan0"};
@@ -141,8 +141,7 @@ class NetworkSensorTest : public ::testing::Test {
     monitor_ = std::make_shared<CSystemConfigurationMonitor>(std::move(owned), center_);
     sensor_ = std::make_unique<NetworkSensor>(monitor_, check_, center_);
   }
-  void TearDown() override { SetSystemLogSinkForTesting(nullptr); }
-
+  testing::SystemLogCapture log_;
   VirtualClock clock_;
   ScopedClock installed_{clock_};
   NotificationCenter center_;
@@ -150,7 +149,6 @@ class NetworkSensorTest : public ::testing::Test {
   std::shared_ptr<CSystemConfigurationMonitor> monitor_;
   RecordingCheck check_;
   std::unique_ptr<NetworkSensor> sensor_;
-  std::vector<std::string> log_;
 };
 
 TEST_F(NetworkSensorTest, DiscoversTheWirelessAndWiredInterfacesAndWatchesTheirKeys) {
@@ -163,7 +161,7 @@ TEST_F(NetworkSensorTest, DiscoversTheWirelessAndWiredInterfacesAndWatchesTheirK
   std::vector<std::string> patterns = store_->registrations.back();
   std::sort(patterns.begin(), patterns.end());
   EXPECT_EQ(patterns, (std::vector<std::string>{kWiredIP, kWired, kWifi, kWifiLink}));
-  EXPECT_EQ(log_, (std::vector<std::string>{"we found the ethernet network interface = eth0",
+  EXPECT_EQ(log_.lines(), (std::vector<std::string>{"we found the ethernet network interface = eth0",
                                             "we found the airport network interface = wlan0"}));
 }
 
@@ -192,7 +190,7 @@ TEST_F(NetworkSensorTest, OnlyAPoweredIdleWirelessInterfaceFirstInTheChangeAsksF
       EXPECT_EQ(check_.times[0] - before, 1000ms) << c.name;
     }
   }
-  EXPECT_EQ(log_.back(),
+  EXPECT_EQ(log_.last(),
             "NetworkSensor change detected, path = " + kWifi + ", change = {Busy = 0; Power Status = 1; }");
 }
 

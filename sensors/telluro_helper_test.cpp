@@ -11,7 +11,8 @@
 #include "platform/clock.h"
 #include "platform/preferences_store.h"
 #include "platform/run_loop.h"
-#include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
+#include "platform/testing/temp_dir.h"
 #include "sensors/sensor_test_support.h"
 
 namespace zonara {
@@ -23,26 +24,11 @@ using testing::Gate;
 
 class TelluroHelperTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    folder_ = std::string(std::getenv("ZONARA_TEST_TMPDIR")) + "/" +
-              ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder_);
-    std::filesystem::create_directories(folder_);
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) {
-      std::lock_guard<std::mutex> lock(logMu_);
-      log_.push_back(line);
-    });
-  }
-  void TearDown() override { SetSystemLogSinkForTesting(nullptr); }
+  std::vector<std::string> log() { return log_.lines(); }
 
-  std::vector<std::string> log() {
-    std::lock_guard<std::mutex> lock(logMu_);
-    return log_;
-  }
-
-  std::string folder_;
-  std::mutex logMu_;
-  std::vector<std::string> log_;
+  testing::SystemLogCapture log_;
+  testing::TempDir scratch_{"telluro-helper-"};
+  const std::string folder_ = scratch_.path();
 };
 
 TEST_F(TelluroHelperTest, FirstLookupRegistersOnceAndLaterLookupsUseTheStoredName) {

@@ -4,7 +4,8 @@
 
 #include <filesystem>
 
-#include "platform/system_log.h"
+#include "platform/testing/system_log_capture.h"
+#include "platform/testing/temp_dir.h"
 #include "sensors/sensor_test_support.h"
 
 namespace zonara {
@@ -40,15 +41,7 @@ WPS_ReturnCode at(double* lon, double* lat, double x, double y) {
 class TelluroSensorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder_ = std::string(std::getenv("ZONARA_TEST_TMPDIR")) + "/" +
-              ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder_);
-    std::filesystem::create_directories(folder_);
     SetTelluroUsername(folder_ + "/Telluro.plist", "user");
-    SetSystemLogSinkForTesting([this](LogPriority, const std::string& line) {
-      std::lock_guard<std::mutex> lock(logMu_);
-      log_.push_back(line);
-    });
     helper_ = std::make_unique<TelluroHelper>(library_, folder_);
   }
   void TearDown() override {
@@ -56,7 +49,6 @@ class TelluroSensorTest : public ::testing::Test {
     helper_.reset();
     // Time-out timers of finished lookups are no-ops; let them go.
     (void)RunLoop::main().runUntilNoTimers(1h);
-    SetSystemLogSinkForTesting(nullptr);
   }
 
   // Makes the sensor and lets its silent refresh (no position, no page) end.
@@ -76,22 +68,19 @@ class TelluroSensorTest : public ::testing::Test {
     fetcher_.times.clear();
   }
 
-  bool logged(const std::string& line) {
-    std::lock_guard<std::mutex> lock(logMu_);
-    return std::find(log_.begin(), log_.end(), line) != log_.end();
-  }
+  bool logged(const std::string& line) { return log_.has(line); }
 
+  testing::SystemLogCapture log_;
+  testing::TempDir scratch_{"telluro-sensor-"};
+  const std::string folder_ = scratch_.path();
   VirtualClock clock_;
   ScopedClock installed_{clock_};
-  std::string folder_;
   FakeLocationLibrary library_;
   FakeReachability reachability_;
   FakeFetcher fetcher_;
   RecordingTrigger trigger_;
   std::unique_ptr<TelluroHelper> helper_;
   std::unique_ptr<TelluroSensor> sensor_;
-  std::mutex logMu_;
-  std::vector<std::string> log_;
 };
 
 TEST_F(TelluroSensorTest, StartsWithASilentRefreshThatStoresWithoutTriggering) {

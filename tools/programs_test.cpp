@@ -16,6 +16,7 @@
 #include "platform/run_loop.h"
 #include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
+#include "platform/testing/temp_dir.h"
 #include "platform/testing/test_bus.h"
 #include "prefs/ZonaraPreferencesController.h"
 
@@ -58,8 +59,6 @@ std::string readAll(testing::ChildProcess& c) {
 class ProgramsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::remove_all(root_);
     fs::create_directories(root_ / "config");
     fs::create_directories(root_ / "data");
     PreferencesDomain prefs("org.quillon.ZonaraHelper", (root_ / "config").string());
@@ -70,7 +69,8 @@ class ProgramsTest : public ::testing::Test {
     ASSERT_TRUE(prefs.synchronize());
     env_ = {{"XDG_CONFIG_HOME", (root_ / "config").string()}, {"XDG_DATA_HOME", (root_ / "data").string()}};
   }
-  fs::path root_;
+  testing::TempDir scratch_{"programs-"};
+  const fs::path root_ = scratch_.path();
   testing::HttpTestServer http_;
   std::map<std::string, std::string> env_;
 };

@@ -14,6 +14,7 @@
 
 #include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
+#include "platform/testing/temp_dir.h"
 #include "wps/api/protocol/config.h"
 
 namespace zonara {
@@ -48,8 +49,6 @@ std::string slurp(const fs::path& path) {
 class WpsToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::remove_all(dir_);
     fs::create_directories(dir_ / "config");
     std::ofstream(dir_ / "scans.txt") << "# three access points\n"
                                          "00:12:A3:B4:C5:D6 -60 6 -95 Home\n"
@@ -98,7 +97,8 @@ class WpsToolTest : public ::testing::Test {
     return {"--server", server_.url("/wps2"), "--user", "user", "--realm", "example.org"};
   }
 
-  fs::path dir_;
+  testing::TempDir scratch_{"wps-tool-"};
+  const fs::path dir_ = scratch_.path();
   HttpTestServer server_;
 };
 

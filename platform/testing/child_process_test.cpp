@@ -9,14 +9,17 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/testing/temp_dir.h"
+
 namespace zonara::testing {
 namespace {
 
 using namespace std::chrono_literals;
 
+// A file of this program's scratch folder.
 std::string scratch(const std::string& name) {
-  const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-  return std::string(base ? base : "/tmp") + "/" + name;
+  static const TempDir folder("child-process-");
+  return folder.file(name);
 }
 
 std::string slurp(const std::string& path) {

@@ -78,6 +78,13 @@ const City* CityTable::find(const std::string& id) const {
   return nullptr;
 }
 
+const City* CityTable::named(const std::string& name) const {
+  for (const City& city : cities_) {
+    if (city.name == name) return &city;
+  }
+  return nullptr;
+}
+
 const City& CityTable::nearest(double latitude, double longitude) const {
   const City* best = &cities_.front();
   double bestDistance = INFINITY;
@@ -171,6 +178,50 @@ std::optional<std::string> QueryValue(const std::string& query, const std::strin
   return std::nullopt;
 }
 
+HttpResponse AnswerTimeZoneRequest(const CityTable& table, const HttpRequest& request,
+                                   const ServiceReport& report) {
+  const auto tell = [&report](const std::string& line) {
+    if (report) report(line);
+  };
+  if (request.path() != "/timezone") {
+    tell("time-zone service: nothing at " + request.path());
+    return HttpResponse(404, "");
+  }
+  double latitude = 0, longitude = 0;
+  const std::optional<std::string> lat = QueryValue(request.query(), "lat");
+  const std::optional<std::string> lng = QueryValue(request.query(), "lng");
+  if (!lat || !lng || !parseDouble(*lat, latitude) || !parseDouble(*lng, longitude)) {
+    tell("time-zone service: a request without a usable lat and lng: " + request.target);
+    return HttpResponse(200, "<geonames><status message=\"invalid lat/lng\" value=\"14\"/></geonames>");
+  }
+  const City& city = table.nearest(latitude, longitude);
+  const int year =
+      static_cast<int>(date::year_month_day(date::floor<date::days>(std::chrono::system_clock::now())).year());
+  std::optional<std::string> body = TimeZoneAnswer(city, latitude, longitude, year);
+  if (!body) {
+    tell("time-zone service: this system does not know the zone " + city.zone);
+    return HttpResponse(200, "<geonames><status message=\"no zone\" value=\"15\"/></geonames>");
+  }
+  tell("time-zone service: " + *lat + "," + *lng + " is near " + city.name + ": " + city.zone);
+  return HttpResponse(200, *body).withHeader("Content-Type", "text/xml; charset=UTF-8");
+}
+
+HttpResponse AnswerIPLocationRequest(const City* city, const HttpRequest& request, const ServiceReport& report) {
+  const auto tell = [&report](const std::string& line) {
+    if (report) report(line);
+  };
+  if (request.path() != "/app/locate_my_ip") {
+    tell("IP-location page: nothing at " + request.path());
+    return HttpResponse(404, "");
+  }
+  if (!city) {
+    tell("IP-location page: this Internet address is nowhere known");
+    return HttpResponse(200, "<html><body>Location unknown</body></html>").withHeader("Content-Type", "text/html");
+  }
+  tell("IP-location page: this Internet address is in " + city->name);
+  return HttpResponse(200, IPLocationPage(*city)).withHeader("Content-Type", "text/html");
+}
+
 CityServices::CityServices(const CityTable& table, const City& ipCity, Report report)
     : table_(table),
       ipCity_(ipCity),
@@ -178,34 +229,10 @@ CityServices::CityServices(const CityTable& table, const City& ipCity, Report re
       http_([this](const HttpRequest& request) { return answer(request); }) {}
 
 HttpResponse CityServices::answer(const HttpRequest& request) {
-  const auto tell = [this](const std::string& line) {
-    if (report_) report_(line);
-  };
   const std::string path = request.path();
-  if (path == "/app/locate_my_ip") {
-    tell("IP-location page: this Internet address is in " + ipCity_.name);
-    return HttpResponse(200, IPLocationPage(ipCity_)).withHeader("Content-Type", "text/html");
-  }
-  if (path == "/timezone") {
-    double latitude = 0, longitude = 0;
-    const std::optional<std::string> lat = QueryValue(request.query(), "lat");
-    const std::optional<std::string> lng = QueryValue(request.query(), "lng");
-    if (!lat || !lng || !parseDouble(*lat, latitude) || !parseDouble(*lng, longitude)) {
-      tell("time-zone service: a request without a usable lat and lng: " + request.target);
-      return HttpResponse(200, "<geonames><status message=\"invalid lat/lng\" value=\"14\"/></geonames>");
-    }
-    const City& city = table_.nearest(latitude, longitude);
-    const int year = static_cast<int>(
-        date::year_month_day(date::floor<date::days>(std::chrono::system_clock::now())).year());
-    std::optional<std::string> body = TimeZoneAnswer(city, latitude, longitude, year);
-    if (!body) {
-      tell("time-zone service: this system does not know the zone " + city.zone);
-      return HttpResponse(200, "<geonames><status message=\"no zone\" value=\"15\"/></geonames>");
-    }
-    tell("time-zone service: " + *lat + "," + *lng + " is near " + city.name + ": " + city.zone);
-    return HttpResponse(200, *body).withHeader("Content-Type", "text/xml; charset=UTF-8");
-  }
-  tell("city services: nothing at " + path);
+  if (path == "/app/locate_my_ip") return AnswerIPLocationRequest(&ipCity_, request, report_);
+  if (path == "/timezone") return AnswerTimeZoneRequest(table_, request, report_);
+  if (report_) report_("city services: nothing at " + path);
   return HttpResponse(404, "");
 }
 

@@ -47,6 +47,8 @@ class CityTable {
 
   [[nodiscard]] const std::vector<City>& cities() const { return cities_; }
   [[nodiscard]] const City* find(const std::string& id) const;
+  // The city called `name` ("New York"), or nullptr.
+  [[nodiscard]] const City* named(const std::string& name) const;
   // The city closest to the point (flat distance in degrees, longitudes
   // compared across the date line). The table is never empty.
   [[nodiscard]] const City& nearest(double latitude, double longitude) const;
@@ -88,12 +90,27 @@ class AccessPointLocator {
   std::vector<WPS::API::LocatedAccessPoint> accessPoints_;
 };
 
+// Told of each request a service answers, in a line for people; may be
+// empty. Called on the server's threads.
+using ServiceReport = std::function<void(const std::string&)>;
+
+// The time-zone service: "/timezone?lat=..&lng=.." answered with the zone of
+// the city of `table` nearest the point; anything else is not found.
+[[nodiscard]] testing::HttpResponse AnswerTimeZoneRequest(const CityTable& table, const testing::HttpRequest& request,
+                                                          const ServiceReport& report);
+
+// The IP-location page: "/app/locate_my_ip" answered with `city`'s position,
+// or with a page that holds no position when `city` is nullptr; anything
+// else is not found.
+[[nodiscard]] testing::HttpResponse AnswerIPLocationRequest(const City* city, const testing::HttpRequest& request,
+                                                            const ServiceReport& report);
+
 // The HTTP side of the time-zone service and the IP-location page, on one
 // loopback server. `report` (may be empty) is told of every request in a
 // line for people; it is called on the server's threads, one call at a time.
 class CityServices {
  public:
-  using Report = std::function<void(const std::string&)>;
+  using Report = ServiceReport;
   // `table` is borrowed and must outlive this object. `ipCity` is the city
   // the IP-location page names. Throws std::runtime_error when the server
   // cannot listen.

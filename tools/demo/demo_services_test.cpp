@@ -13,6 +13,8 @@
 
 #include "app/geolocation_helper.h"
 #include "platform/http_fetcher.h"
+#include "platform/testing/source_dir.h"
+#include "platform/testing/temp_dir.h"
 #include "platform/time_zone_database.h"
 #include "sensors/telluro_sensor.h"
 #include "wps/api/testing/fake_positioning_server.h"
@@ -23,7 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path kDemoData = fs::path(std::getenv("ZONARA_SOURCE_DIR")) / "tools/demo";
+const fs::path kDemoData = fs::path(zonara::testing::SourceDir()) / "tools/demo";
 
 CityTable parseTable(const std::string& text) {
   std::istringstream in(text);
@@ -177,6 +179,64 @@ TEST(IPLocationPageTest, TheHelperReadsTheCityFromIt) {
   EXPECT_DOUBLE_EQ(read->longitude, -46.6333);
 }
 
+// The two services the demonstration and the whole-system tests share: what
+// each answers, and that every request is reported.
+TEST(CityServiceAnswersTest, AnswerTheirOwnPathsAndReportEachRequest) {
+  const CityTable table = parseTable(
+      "paris 48.8566 2.3522 Europe/Paris Paris\n"
+      "sydney -33.8688 151.2093 Australia/Sydney Sydney\n");
+  EXPECT_EQ(table.named("Sydney"), table.find("sydney"));
+  EXPECT_EQ(table.named("sydney"), nullptr);
+  const City* sydney = table.named("Sydney");
+  const auto request = [](const std::string& target) {
+    testing::HttpRequest r;
+    r.method = "GET";
+    r.target = target;
+    return r;
+  };
+  struct Case {
+    const char* name;
+    std::function<testing::HttpResponse(const testing::HttpRequest&, const ServiceReport&)> answer;
+    const char* target;
+    int status;
+    const char* bodyHolds;  // "" = nothing asked of the body
+    const char* report;
+  };
+  const auto zones = [&](const testing::HttpRequest& r, const ServiceReport& report) {
+    return AnswerTimeZoneRequest(table, r, report);
+  };
+  const auto page = [&](const City* city) {
+    return [city](const testing::HttpRequest& r, const ServiceReport& report) {
+      return AnswerIPLocationRequest(city, r, report);
+    };
+  };
+  const Case cases[] = {
+      {"zone of the nearest city", zones, "/timezone?lat=-33.9&lng=151.2&username=demo", 200,
+       "<timezoneId>Australia/Sydney</timezoneId>", "time-zone service: -33.9,151.2 is near Sydney: Australia/Sydney"},
+      {"no usable position", zones, "/timezone?lat=north&lng=2", 200, "value=\"14\"",
+       "time-zone service: a request without a usable lat and lng: /timezone?lat=north&lng=2"},
+      {"time-zone service elsewhere", zones, "/app/locate_my_ip", 404, "",
+       "time-zone service: nothing at /app/locate_my_ip"},
+      {"page of a city", page(sydney), "/app/locate_my_ip", 200, "class=output>-33.8688/151.2093<",
+       "IP-location page: this Internet address is in Sydney"},
+      {"page without a city", page(nullptr), "/app/locate_my_ip", 200, "Location unknown",
+       "IP-location page: this Internet address is nowhere known"},
+      {"page elsewhere", page(sydney), "/timezone", 404, "", "IP-location page: nothing at /timezone"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> reports;
+    const testing::HttpResponse response =
+        c.answer(request(c.target), [&](const std::string& line) { reports.push_back(line); });
+    EXPECT_EQ(response.status, c.status) << c.name;
+    EXPECT_NE(response.body.find(c.bodyHolds), std::string::npos) << c.name << ": " << response.body;
+    EXPECT_EQ(reports, std::vector<std::string>{c.report}) << c.name;
+    // Without a report the answer is the same.
+    EXPECT_EQ(c.answer(request(c.target), {}).body, response.body) << c.name;
+  }
+  EXPECT_FALSE(TelluroSensor::scrapeIPLocationPage(
+      AnswerIPLocationRequest(nullptr, request("/app/locate_my_ip"), {}).body));
+}
+
 // The shipped data set, through the code the helper runs.
 class ShippedDataTest : public ::testing::Test {
  protected:
@@ -202,8 +262,8 @@ TEST_F(ShippedDataTest, TheTimeZoneLookupFindsEveryCitysZoneThroughTheService) {
     reports.push_back(line);
   });
   CurlHttpFetcher fetcher;
-  const fs::path dir = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "zones";
-  fs::create_directories(dir);
+  zonara::testing::TempDir scratch("zones-");
+  const fs::path dir = scratch.path();
   std::ofstream(dir / "localtime") << "UTC\n";
   DateTzDatabase zones((dir / "localtime").string());
   GeolocationHelper helper(fetcher, zones, GeolocationHelper::Config{services.url(), "demo"});
@@ -235,8 +295,8 @@ TEST_F(ShippedDataTest, EachCitysScanIsLocatedInThatCityByThePositioningLibrary)
     where.longitude = fix->longitude;
     return where;
   });
-  const fs::path dir = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / "scans";
-  fs::create_directories(dir);
+  zonara::testing::TempDir scratch("scans-");
+  const fs::path dir = scratch.path();
   ASSERT_EQ(WPS_set_server_url(server.url().c_str()), WPS_OK);
   const WPS_SimpleAuthentication user{"demo-user", "vostrel.zz"};
   for (const City& city : cities_.cities()) {

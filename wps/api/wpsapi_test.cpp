@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/testing/http_test_server.h"
+#include "platform/testing/temp_dir.h"
 #include "wps/api/local/location_determination_local.h"
 #include "wps/api/protocol/config.h"
 #include "wps/api/wpsapi_internal.h"
@@ -123,9 +124,6 @@ class ScriptedLocal final : public LocationDeterminationLocal {
 class WpsApiTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = fs::path(std::getenv("ZONARA_TEST_TMPDIR")) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
     scanPath_ = (dir_ / "scans.txt").string();
     setenv("WPS_SCAN_FILE", scanPath_.c_str(), 1);
     SPI::XmlHttpRequest::setDefaultTimeouts(3000, 3000);
@@ -170,7 +168,8 @@ class WpsApiTest : public ::testing::Test {
   WPS_SimpleAuthentication auth_{"user", "example.org"};
   SPI::SimulatedClock clock_{kStart};
   SPI::ScopedClock installed_{clock_};
-  fs::path dir_;
+  zonara::testing::TempDir scratch_{"wpsapi-"};
+  const fs::path dir_ = scratch_.path();
   std::string scanPath_;
   ScriptedLocal* local_ = nullptr;  // owned by the library
   std::mutex mu_;

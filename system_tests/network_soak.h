@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "app/testing/helper_system.h"
+#include "system_tests/helper_system.h"
 
 namespace zonara::testing {
 

@@ -1,4 +1,4 @@
-#include "app/testing/helper_system.h"
+#include "system_tests/helper_system.h"
 
 #include <fcntl.h>
 #include <gio/gio.h>
@@ -17,6 +17,7 @@
 #include "platform/dbus.h"
 #include "platform/testing/test_bus.h"
 #include "sensors/telluro_helper.h"
+#include "tools/demo/demo_services.h"
 #include "wps/api/tiles/tile_test_support.h"
 
 namespace zonara::testing {
@@ -55,29 +56,6 @@ std::vector<std::string> lines(const std::string& text) {
   return out;
 }
 
-std::optional<double> queryNumber(const std::string& query, const std::string& name) {
-  const std::string key = name + "=";
-  for (size_t at = 0; at < query.size();) {
-    size_t end = query.find('&', at);
-    if (end == std::string::npos) end = query.size();
-    if (query.compare(at, key.size(), key) == 0) {
-      try {
-        return std::stod(query.substr(at + key.size(), end - at - key.size()));
-      } catch (const std::exception&) {
-        return std::nullopt;
-      }
-    }
-    at = end + 1;
-  }
-  return std::nullopt;
-}
-
-std::string number(double value) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.6f", value);
-  return text;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- namespace
@@ -100,31 +78,69 @@ bool NetworkNamespace::available() { return g_namespace; }
 
 // ---------------------------------------------------------------- cities
 
-const std::vector<City>& Cities() {
-  static const std::vector<City> cities = [] {
-    std::vector<City> out = {
-        {"Paris", 48.8566, 2.3522, "Europe/Paris", 1, 2, {}},
-        {"Tokyo", 35.6762, 139.6503, "Asia/Tokyo", 9, 9, {}},
-        {"New York", 40.7128, -74.0060, "America/New_York", -5, -4, {}},
-        {"Sydney", -33.8688, 151.2093, "Australia/Sydney", 11, 10, {}},
-    };
-    uint64_t seed = 1000;
-    for (City& city : out) {
-      std::mt19937_64 rng(++seed);
-      city.accessPoints = WPS::API::testing::randomAccessPoints(rng, 8, city.latitude - 0.005, city.latitude + 0.005,
-                                                       city.longitude - 0.005, city.longitude + 0.005);
+namespace {
+
+// The world's cities, in the demonstration's table form.
+constexpr const char* kCities =
+    "paris    48.8566    2.3522  Europe/Paris      Paris\n"
+    "tokyo    35.6762  139.6503  Asia/Tokyo        Tokyo\n"
+    "newyork  40.7128  -74.0060  America/New_York  New York\n"
+    "sydney  -33.8688  151.2093  Australia/Sydney  Sydney\n";
+
+const demo::CityTable& cityTable() {
+  static const demo::CityTable table = [] {
+    std::istringstream text(kCities);
+    std::string error;
+    std::optional<demo::CityTable> parsed = demo::CityTable::parse(text, error);
+    if (!parsed) {
+      std::fprintf(stderr, "the harness's city table: %s\n", error.c_str());
+      std::abort();
     }
-    return out;
+    return std::move(*parsed);
   }();
-  return cities;
+  return table;
 }
 
-const City& CityNamed(const std::string& name) {
-  for (const City& city : Cities())
-    if (city.name == name) return city;
+// The city of that name; aborts the program for an unknown name.
+const demo::City& cityNamed(const std::string& name) {
+  if (const demo::City* city = cityTable().named(name)) return *city;
   std::fprintf(stderr, "no city named %s\n", name.c_str());
   std::abort();
 }
+
+// 8 access points around each city (in the table's order), the same on
+// every run.
+const std::vector<WPS::API::LocatedAccessPoint>& accessPointsOf(const demo::City& city) {
+  static const std::map<std::string, std::vector<WPS::API::LocatedAccessPoint>> all = [] {
+    std::map<std::string, std::vector<WPS::API::LocatedAccessPoint>> out;
+    uint64_t seed = 1000;
+    for (const demo::City& c : cityTable().cities()) {
+      std::mt19937_64 rng(++seed);
+      out[c.name] = WPS::API::testing::randomAccessPoints(rng, 8, c.latitude - 0.005, c.latitude + 0.005,
+                                                          c.longitude - 0.005, c.longitude + 0.005);
+    }
+    return out;
+  }();
+  return all.at(city.name);
+}
+
+// The city most of whose access points a positioning request lists.
+const demo::City* cityOfRequest(const HttpRequest& request) {
+  const demo::City* best = nullptr;
+  size_t bestCount = 0;
+  for (const demo::City& city : cityTable().cities()) {
+    size_t count = 0;
+    for (const WPS::API::LocatedAccessPoint& ap : accessPointsOf(city))
+      if (request.body.find(ap.mac.toString()) != std::string::npos) ++count;
+    if (count > bestCount) {
+      best = &city;
+      bestCount = count;
+    }
+  }
+  return best;
+}
+
+}  // namespace
 
 // ---------------------------------------------------------------- buses
 
@@ -259,55 +275,24 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 
   // Services, each behind a gate that can take it down.
   positioning_ = std::make_unique<WPS::API::testing::FakePositioningServer>();
-  timezone_ = std::make_unique<HttpTestServer>([](const HttpRequest& request) {
-    if (request.path() != "/timezone") return HttpResponse(404, "");
-    const std::optional<double> lat = queryNumber(request.query(), "lat");
-    const std::optional<double> lng = queryNumber(request.query(), "lng");
-    for (const City& city : Cities()) {
-      if (lat && lng && std::abs(*lat - city.latitude) < 0.5 && std::abs(*lng - city.longitude) < 0.5) {
-        std::ostringstream body;
-        body << "<geonames><timezone tzversion=\"tzdata2024a\"><countryCode>XX</countryCode><lat>" << *lat
-             << "</lat><lng>" << *lng << "</lng><timezoneId>" << city.zone << "</timezoneId><dstOffset>"
-             << city.dstOffset << "</dstOffset><gmtOffset>" << city.gmtOffset << "</gmtOffset><rawOffset>"
-             << city.gmtOffset << "</rawOffset></timezone></geonames>";
-        return HttpResponse(200, body.str()).withHeader("Content-Type", "text/xml;charset=UTF-8");
-      }
-    }
-    return HttpResponse(200, "<geonames><status message=\"no timezone information found for lat/lng\" value=\"15\"/>"
-                             "</geonames>");
-  });
+  timezone_ = std::make_unique<HttpTestServer>(
+      [](const HttpRequest& request) { return demo::AnswerTimeZoneRequest(cityTable(), request, {}); });
   ipPage_ = std::make_unique<HttpTestServer>([this](const HttpRequest& request) {
-    if (request.path() != "/app/locate_my_ip") return HttpResponse(404, "");
     std::string city;
     {
       std::lock_guard<std::mutex> lock(worldMu_);
       city = ipCity_;
     }
-    if (city.empty()) return HttpResponse(200, "<html><body>Location unknown</body></html>");
-    const City& where = CityNamed(city);
-    return HttpResponse(200, "<html><body><table><tr><td>IP</td><td class=output>192.0.2.1</td></tr>"
-                             "<tr><td>Latitude/Longitude</td><td class=output>" +
-                                 number(where.latitude) + "/" + number(where.longitude) +
-                                 "</td></tr></table></body></html>");
+    return demo::AnswerIPLocationRequest(city.empty() ? nullptr : &cityNamed(city), request, {});
   });
   // The positioning server places a scan in the city most of whose access
   // points it holds, so the scan file decides where the system is.
   positioning_->setLocator([](const HttpRequest& request) -> std::optional<WPS::API::LocatedAccessPoint> {
-    const City* best = nullptr;
-    size_t bestCount = 0;
-    for (const City& city : Cities()) {
-      size_t count = 0;
-      for (const WPS::API::LocatedAccessPoint& ap : city.accessPoints)
-        if (request.body.find(ap.mac.toString()) != std::string::npos) ++count;
-      if (count > bestCount) {
-        best = &city;
-        bestCount = count;
-      }
-    }
-    if (!best) return std::nullopt;
+    const demo::City* city = cityOfRequest(request);
+    if (!city) return std::nullopt;
     WPS::API::LocatedAccessPoint where;
-    where.latitude = best->latitude;
-    where.longitude = best->longitude;
+    where.latitude = city->latitude;
+    where.longitude = city->longitude;
     return where;
   });
   gates_[Service::Positioning] = std::make_unique<ServiceGate>(positioning_->http().port());
@@ -466,13 +451,13 @@ bool HelperSystem::waitForLog(const std::string& text, std::chrono::milliseconds
 
 // ---------------------------------------------------------------- world
 
-void HelperSystem::writeScanFile(const City* city) {
+void HelperSystem::writeScanFile(const std::string& name) {
   std::ostringstream scan;
-  scan << "# " << (city ? city->name : "nowhere") << "\n";
-  if (city) {
+  scan << "# " << (name.empty() ? "nowhere" : name) << "\n";
+  if (!name.empty()) {
     int signal = -48;
-    for (const WPS::API::LocatedAccessPoint& ap : city->accessPoints) {
-      scan << ap.mac.toColonString() << " " << signal << " 6 -95 " << city->name << " " << (-signal) << "\n";
+    for (const WPS::API::LocatedAccessPoint& ap : accessPointsOf(cityNamed(name))) {
+      scan << ap.mac.toColonString() << " " << signal << " 6 -95 " << name << " " << (-signal) << "\n";
       signal -= 3;
     }
   }
@@ -484,18 +469,17 @@ void HelperSystem::writeScanFile(const City* city) {
 }
 
 void HelperSystem::travelTo(const std::string& name) {
-  const City& city = CityNamed(name);
-  writeScanFile(&city);
+  writeScanFile(name);
   std::lock_guard<std::mutex> lock(worldMu_);
   ipCity_ = name;
 }
 
 void HelperSystem::travelNowhere() {
-  writeScanFile(nullptr);
+  writeScanFile("");
 }
 
 void HelperSystem::setIPLocationCity(const std::string& city) {
-  if (!city.empty()) (void)CityNamed(city);
+  if (!city.empty()) (void)cityNamed(city);
   std::lock_guard<std::mutex> lock(worldMu_);
   ipCity_ = city;
 }
@@ -503,8 +487,8 @@ void HelperSystem::setIPLocationCity(const std::string& city) {
 std::string HelperSystem::tileBytes(const std::vector<std::string>& cities) const {
   std::vector<WPS::API::LocatedAccessPoint> aps;
   for (const std::string& name : cities) {
-    const City& city = CityNamed(name);
-    aps.insert(aps.end(), city.accessPoints.begin(), city.accessPoints.end());
+    const std::vector<WPS::API::LocatedAccessPoint>& around = accessPointsOf(cityNamed(name));
+    aps.insert(aps.end(), around.begin(), around.end());
   }
   return WPS::API::testing::FakePositioningServer::makeTileFile(aps, TelluroHelper::kRealm);
 }

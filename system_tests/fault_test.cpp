@@ -15,8 +15,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "app/testing/helper_system.h"
-#include "app/testing/network_soak.h"
+#include "system_tests/helper_system.h"
+#include "platform/testing/sanitizer.h"
+#include "system_tests/network_soak.h"
 
 namespace zonara {
 namespace {
@@ -70,11 +71,7 @@ std::string logLibraryToFile(HelperSystem& system) {
 // The helper's peak resident set with a 50 MB answer on offer: far below what
 // holding the answer would take (the sanitizer's shadow memory and
 // quarantine add about 30 MB to the helper's usual 21 MB).
-#ifdef __SANITIZE_ADDRESS__
-constexpr long kPeakBoundKiB = 96 * 1024;
-#else
-constexpr long kPeakBoundKiB = 40 * 1024;
-#endif
+constexpr long kPeakBoundKiB = (testing::kAddressSanitizer ? 96 : 40) * 1024;
 
 // Answers that are not what a client expects.
 const std::string kNotXml = "<html><body>Service Temporarily Unavailable</body></html>";

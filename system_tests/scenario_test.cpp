@@ -1,7 +1,7 @@
 // Scenarios of the whole system: the real helper process with private buses,
 // a stand-in desktop notification service and logind, loopback positioning,
 // time-zone and IP-location services, a scan file and a recording
-// set-time-zone command (app/testing/helper_system.h).
+// set-time-zone command (system_tests/helper_system.h).
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -11,7 +11,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "app/testing/helper_system.h"
+#include "system_tests/helper_system.h"
 
 namespace zonara {
 namespace {

@@ -1,4 +1,4 @@
-#include "app/testing/network_soak.h"
+#include "system_tests/network_soak.h"
 
 namespace zonara::testing {
 

@@ -10,8 +10,10 @@
 //   - loopback services, each behind a `ServiceGate` so a test can take it
 //     down and bring it back on the same address: the positioning server
 //     (FakePositioningServer: location, registration, tiling, tile files),
-//     the time-zone web service (answers from the city table below) and the
-//     IP-location page;
+//     and the demonstration's time-zone web service and IP-location page
+//     (tools/demo/demo_services.h) for four cities: Paris (Europe/Paris),
+//     Tokyo (Asia/Tokyo), New York (America/New_York) and Sydney
+//     (Australia/Sydney), with 8 access points each, the same on every run;
 //   - a scan file (WPS_SCAN_FILE) showing the access points of the city the
 //     system is "in" (`travelTo`); the positioning server places a scan in the
 //     city whose access points it shows, the IP-location page reports the
@@ -69,25 +71,6 @@ struct NetworkNamespace {
   static bool enterAtStart();
   [[nodiscard]] static bool available();
 };
-
-// A place the system can be: its position, the zone the time-zone service
-// gives for it (with the offsets in hours the service sends), and access
-// points around it that the positioning server and tile files know.
-struct City {
-  std::string name;
-  double latitude = 0;
-  double longitude = 0;
-  std::string zone;
-  double gmtOffset = 0;
-  double dstOffset = 0;
-  std::vector<WPS::API::LocatedAccessPoint> accessPoints;
-};
-
-// Paris (Europe/Paris), Tokyo (Asia/Tokyo), New York (America/New_York),
-// Sydney (Australia/Sydney); 8 access points each, the same on every run.
-[[nodiscard]] const std::vector<City>& Cities();
-// The city of that name; aborts the program for an unknown name.
-[[nodiscard]] const City& CityNamed(const std::string& name);
 
 class HelperSystem {
  public:
@@ -248,7 +231,7 @@ class HelperSystem {
  private:
   class Buses;
   void fail(const std::string& what);
-  void writeScanFile(const City* city);
+  void writeScanFile(const std::string& city);
   void setupWireless();
   std::string tileBytes(const std::vector<std::string>& cities) const;
 
