@@ -1,17 +1,14 @@
 #include "app/app_controller.h"
 
-#include <sys/stat.h>
-
 #include <cctype>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 
 #include "app/notification_controller.h"
 #include "app/zonara_application.h"
+#include "platform/file_system.h"
 #include "platform/system_log.h"
+#include "platform/xdg.h"
 
 namespace zonara {
 namespace {
@@ -21,21 +18,6 @@ using namespace std::chrono_literals;
 AppController* g_controller = nullptr;
 
 const char* orNull(const std::optional<std::string>& s) { return s ? s->c_str() : "(null)"; }
-
-std::string dataHomeFolder(const std::string& configured) {
-  if (!configured.empty()) return configured;
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) return xdg;
-  const char* home = std::getenv("HOME");
-  return std::string(home ? home : "") + "/.local/share";
-}
-
-// Creates `path` when nothing exists there; parents are not made and errors
-// are left to the folder's later users.
-void createFolderIfAbsent(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) == 0) return;
-  mkdir(path.c_str(), 0755);
-}
 
 bool containsIgnoringCase(const std::string& text, const char* part) {
   std::string lower = text;
@@ -83,11 +65,11 @@ AppController::~AppController() {
 void AppController::createSupportFolders() {
   // The XDG data folder plays the part of a folder every account has; make it
   // (with its parents) when a fresh account lacks it.
-  const std::string base = dataHomeFolder(services_.dataHome);
-  std::error_code ignored;
-  std::filesystem::create_directories(base, ignored);
-  createFolderIfAbsent(base + "/Zonara");
-  createFolderIfAbsent(base + "/Zonara/Telluro Cache");
+  // Errors are left to the folders' later users.
+  const std::string base = services_.dataHome.empty() ? xdgDataHome() : services_.dataHome;
+  (void)createFolders(base);
+  (void)createFolderIfAbsent(base + "/Zonara");
+  (void)createFolderIfAbsent(base + "/Zonara/Telluro Cache");
 }
 
 std::unique_ptr<AppController> AppController::create(Services services) {
@@ -135,7 +117,7 @@ void AppController::zonaraHelperShouldShutdown() {
 
 void AppController::setupNotificationController() {
   notificationController_ = std::make_unique<NotificationController>(*this, *services_.notifier, services_.iconPath);
-  notificationController_->notifyWithTitle("Zonara", "Launched", NotificationController::kLaunched);
+  notificationController_->notifyWithTitle(kApplicationName, "Launched", NotificationController::kLaunched);
 }
 
 void AppController::setupSensor() {
@@ -146,7 +128,7 @@ void AppController::setupSensor() {
 
 GeolocationHelper AppController::geolocationHelper() const {
   GeolocationHelper::Config config;
-  if (services_.preferences) config = GeolocationHelper::configFromPreferences(*services_.preferences);
+  if (services_.preferences) config = GeoNamesClient::configFromPreferences(*services_.preferences);
   return GeolocationHelper(*services_.fetcher, *services_.zones, config);
 }
 
@@ -169,8 +151,8 @@ void AppController::telluroLocationChanged() {
 }
 
 void AppController::timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone) {
-  SystemLog("foundtimezone for (%s, %s) = %s", GeolocationHelper::numberString(latitude).c_str(),
-            GeolocationHelper::numberString(longitude).c_str(), orNull(zone));
+  SystemLog("foundtimezone for (%s, %s) = %s", GeoNamesClient::numberString(latitude).c_str(),
+            GeoNamesClient::numberString(longitude).c_str(), orNull(zone));
   locatedZone_ = zone.value_or("(null)");
   if (refusal_ && (refusal_->longitude != longitude || refusal_->latitude != latitude)) refusal_.reset();
   if (zone) foundTimezone(zone);
@@ -272,7 +254,7 @@ void AppController::zoneNotApplied(const std::string& name, const CommandResult&
   refusal_ = Refusal{name, longitude, latitude};
   if (userToldOfRefusal_ == name || !notificationController_) return;
   userToldOfRefusal_ = name;
-  notificationController_->notifyWithTitle(NotificationController::kApplicationName,
+  notificationController_->notifyWithTitle(kApplicationName,
                                            "Could not change the time zone to " + name + ": " +
                                                refusalReason(result, services_.polkitRulePath),
                                            NotificationController::kTimezoneNotChanged);

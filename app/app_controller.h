@@ -32,8 +32,6 @@
 #include <string>
 #include <vector>
 
-#include "app/geolocation_helper.h"
-#include "app/location_source.h"
 #include "platform/background_worker.h"
 #include "platform/command_runner.h"
 #include "platform/dbus.h"
@@ -44,6 +42,9 @@
 #include "platform/run_loop.h"
 #include "platform/time_zone_database.h"
 #include "platform/workspace.h"
+#include "platform/zonara_names.h"
+#include "sensors/location_source.h"
+#include "timezone/geolocation_helper.h"
 
 namespace zonara {
 
@@ -52,12 +53,8 @@ class ZonaraApplication;
 
 class AppController {
  public:
-  static constexpr const char* kServerName = "org.quillon.ZonaraHelper";
-  static constexpr const char* kShutdownNotification = "ZonaraShutdown";
-  static constexpr const char* kSensorNotification = "TelluroSensorNotification";
   static constexpr const char* kClockNotification = "com.apple.MenuBarClock.ClockNotification";
   static constexpr const char* kCalendarDomain = "com.apple.iCal";
-  static constexpr const char* kPreferencesChangedNotification = "ZonaraPreferencesChanged";
 
   // What the controller works with. Everything is borrowed and must outlive
   // the controller; `location` may be null (no position known yet).

@@ -157,7 +157,7 @@ TEST_F(AppControllerTest, WithoutTheBusNameTheHelperIsInert) {
   EXPECT_EQ(AppController::create(services()), nullptr);
   EXPECT_TRUE(logged("unable to start ZonaraHelper server"));
   EXPECT_EQ(distributed_.observerCount(), 0u);
-  center_.post(AppController::kSensorNotification);
+  center_.post(kSensorNotification);
   RunLoop::main().runUntilNoTimers();
   EXPECT_TRUE(notifier_.shown.empty());
   EXPECT_EQ(http_.requestCount(), 0u);
@@ -195,7 +195,7 @@ TEST_F(AppControllerTest, TheShutdownObserverIsInPlaceWhenTheNameIsTaken) {
 
 TEST_F(AppControllerTest, ShutdownEndsTheApplicationBeforeTheFirstCheck) {
   auto controller = start();
-  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({AppController::kShutdownNotification, "", {}}); });
+  RunLoop::main().performAfterDelay(0ms, [&] { distributed_.post({kShutdownNotification, "", {}}); });
   application_.run();  // returns only through terminate
   EXPECT_TRUE(trigger_.triggeredAt.empty());
   EXPECT_LT(clock_.elapsed(), 500ms);
@@ -295,7 +295,7 @@ TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
     server_.events.clear();
     location_.latitude = c.lat;
     location_.longitude = c.lon;
-    center_.post(AppController::kSensorNotification);
+    center_.post(kSensorNotification);
     settle(*controller);
     EXPECT_EQ(http_.requestCount(), c.lookedUp ? 1u : 0u) << c.lat.value_or(-99) << "," << c.lon.value_or(-99);
     // Every look-up announces that the location description changed.
@@ -348,11 +348,11 @@ TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
   auto controller = start();
   RunLoop::main().runOnce();
   location_.set(48.8566, 2.3522);
-  center_.post(AppController::kSensorNotification);
-  center_.post(AppController::kSensorNotification);  // same zone again: the system is there now
+  center_.post(kSensorNotification);
+  center_.post(kSensorNotification);  // same zone again: the system is there now
   settle(*controller);
   location_.set(35.7, 139.7);
-  center_.post(AppController::kSensorNotification);
+  center_.post(kSensorNotification);
   settle(*controller);
   EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png",
                                                        "Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png",
@@ -396,31 +396,28 @@ TEST_F(AppControllerTest, AZoneTheCommandDidNotApplyIsExplainedOnceAndNotRetried
 
     location_.set(48.8566, 2.3522);
     for (int i = 0; i < 2; ++i) {
-      center_.post(AppController::kSensorNotification);
+      center_.post(kSensorNotification);
       settle(*controller);
     }
     EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});
     EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png", explanation}));
     EXPECT_TRUE(distributed_.posted.empty());
     EXPECT_EQ(controller->detectedTimezone(), std::nullopt);
-    EXPECT_EQ(std::count_if(log_.begin(), log_.end(),
-                            [&](const std::string& line) {
-                              return line.find("still UTC after the set-time-zone command for Europe/Paris (exit status " +
-                                               std::to_string(c.status)) != std::string::npos;
-                            }),
-              1);
+    EXPECT_EQ(log_.count("still UTC after the set-time-zone command for Europe/Paris (exit status " +
+                         std::to_string(c.status)),
+              1u);
     EXPECT_TRUE(logged("not setting Europe/Paris again: the set-time-zone command did not apply it"));
 
     // New preferences: tried again, the user is not told twice.
-    distributed_.post({AppController::kPreferencesChangedNotification, "SetTimezoneCommand", {}});
-    center_.post(AppController::kSensorNotification);
+    distributed_.post({kPreferencesChangedNotification, "SetTimezoneCommand", {}});
+    center_.post(kSensorNotification);
     settle(*controller);
     EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "Europe/Paris"}));
     EXPECT_EQ(notifier_.shown.size(), 2u);
 
     // Another place with another zone: tried, and explained.
     location_.set(35.7, 139.7);
-    center_.post(AppController::kSensorNotification);
+    center_.post(kSensorNotification);
     settle(*controller);
     EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "Europe/Paris", "Asia/Tokyo"}));
     ASSERT_EQ(notifier_.shown.size(), 3u);
@@ -464,8 +461,8 @@ std::string readProperty(const std::string& address, const std::string& property
   if (!c) return "<no connection>";
   GError* err = nullptr;
   GVariant* r = g_dbus_connection_call_sync(
-      c->get(), AppController::kServerName, "/", "org.freedesktop.DBus.Properties", "Get",
-      g_variant_new("(ss)", AppController::kServerName, property.c_str()), G_VARIANT_TYPE("(v)"),
+      c->get(), kHelperBusName, "/", "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", kHelperBusName, property.c_str()), G_VARIANT_TYPE("(v)"),
       G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &err);
   if (!r) {
     std::string m = err->message;
@@ -526,7 +523,7 @@ class AppControllerBusTest : public AppControllerTest {
 };
 
 TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
-  DBusNameServer server1(*first_, AppController::kServerName), server2(*second_, AppController::kServerName);
+  DBusNameServer server1(*first_, kHelperBusName), server2(*second_, kHelperBusName);
   DBusDistributedNotificationCenter center1(*first_), center2(*second_), poster(*other_);
   FreedesktopNotifier notifier1(*first_, "Zonara"), notifier2(*second_, "Zonara");
   auto first = AppController::create(busServices(*first_, server1, center1, notifier1));
@@ -538,13 +535,13 @@ TEST_F(AppControllerBusTest, SecondHelperIsInertAndShutdownEndsTheFirst) {
 
   // Posted from another process-like connection while the first check is
   // still 3.5 s away.
-  RunLoop::main().performAfterDelay(0ms, [&] { poster.post({AppController::kShutdownNotification, "", {}}); });
+  RunLoop::main().performAfterDelay(0ms, [&] { poster.post({kShutdownNotification, "", {}}); });
   EXPECT_TRUE(runApplication(5s));
   EXPECT_TRUE(trigger_.triggeredAt.empty());
 }
 
 TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties) {
-  DBusNameServer server(*first_, AppController::kServerName);
+  DBusNameServer server(*first_, kHelperBusName);
   DBusDistributedNotificationCenter center(*first_);
   FreedesktopNotifier notifier(*first_, "Zonara");
   FakeNotificationService service(*other_);
@@ -554,8 +551,8 @@ TEST_F(AppControllerBusTest, AnnouncesItselfAppliesZonesAndAnswersItsProperties)
   ASSERT_TRUE(loop.runUntil([&] { return service.received.size() == 1; }, 5s));
 
   location_.set(48.8566, 2.3522);
-  center_.post(AppController::kSensorNotification);  // applied
-  center_.post(AppController::kSensorNotification);  // confirmed
+  center_.post(kSensorNotification);  // applied
+  center_.post(kSensorNotification);  // confirmed
   ASSERT_TRUE(loop.runUntil([&] { return service.received.size() >= 2; }, 5s));
   std::vector<std::string> received;
   for (const auto& n : service.received) {

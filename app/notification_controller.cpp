@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "app/app_controller.h"
+#include "platform/zonara_names.h"
 
 namespace zonara {
 

@@ -16,7 +16,6 @@ class AppController;
 
 class NotificationController {
  public:
-  static constexpr const char* kApplicationName = "Zonara";
   static constexpr const char* kTimezoneChanged = "Timezone changed";
   static constexpr const char* kLaunched = "Zonara Launched";
   static constexpr const char* kTimezoneNotChanged = "Timezone not changed";

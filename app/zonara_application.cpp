@@ -1,17 +1,8 @@
 #include "app/zonara_application.h"
 
-#include <malloc.h>
-
-#include <cmath>
-
-#include "app/location_source.h"
+#include "platform/memory.h"
 
 namespace zonara {
-
-bool isUsablePosition(double longitude, double latitude) {
-  if (!std::isfinite(longitude) || !std::isfinite(latitude)) return false;
-  return !(std::trunc(longitude) == 0.0 && std::trunc(latitude) == 0.0);
-}
 
 ZonaraApplication& ZonaraApplication::sharedApplication() {
   static ZonaraApplication* app = new ZonaraApplication(RunLoop::main());
@@ -30,7 +21,7 @@ void ZonaraApplication::resetAutoreleasePool() {
   if (reset_) {
     reset_();
   } else {
-    malloc_trim(0);
+    releaseFreedMemory();
   }
 }
 

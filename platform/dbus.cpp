@@ -59,6 +59,41 @@ std::string DBusConnection::uniqueName() const {
   return name ? name : "";
 }
 
+bool DBusConnection::nameHasOwner(const std::string& name) const {
+  GVariant* r = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                            "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", name.c_str()),
+                                            G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+  gboolean owned = FALSE;
+  if (r) {
+    g_variant_get(r, "(b)", &owned);
+    g_variant_unref(r);
+  }
+  return owned;
+}
+
+std::optional<std::string> DBusConnection::stringProperty(const std::string& busName, const std::string& property,
+                                                          std::chrono::milliseconds timeout, std::string* why) const {
+  GError* error = nullptr;
+  GVariant* r = g_dbus_connection_call_sync(
+      connection_, busName.c_str(), "/", "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", busName.c_str(), property.c_str()), G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+      static_cast<gint>(timeout.count()), nullptr, &error);
+  if (!r) {
+    if (error) {
+      if (why) *why = error->message;
+      g_error_free(error);
+    }
+    return std::nullopt;
+  }
+  GVariant* value = nullptr;
+  g_variant_get(r, "(v)", &value);
+  std::optional<std::string> text;
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) text = g_variant_get_string(value, nullptr);
+  g_variant_unref(value);
+  g_variant_unref(r);
+  return text;
+}
+
 // ---------------------------------------------------------------------------
 // DBusDistributedNotificationCenter
 

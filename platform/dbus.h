@@ -18,10 +18,12 @@
 // thread's run loop.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -46,6 +48,18 @@ class DBusConnection {
 
   [[nodiscard]] GDBusConnection* get() const { return connection_; }
   [[nodiscard]] std::string uniqueName() const;
+
+  // Whether a client owns the well-known `name` (the bus's NameHasOwner);
+  // false also when the bus does not answer within 5 s. Blocks.
+  [[nodiscard]] bool nameHasOwner(const std::string& name) const;
+  // A string property of the object "/" served under the well-known
+  // `busName`, read through the interface of the same name (as
+  // DBusNameServer exports it). nullopt, with the bus's reason in `*why`
+  // when given, when there is no answer within `timeout` or the value is not
+  // a string. Never starts a service. Blocks.
+  [[nodiscard]] std::optional<std::string> stringProperty(const std::string& busName, const std::string& property,
+                                                          std::chrono::milliseconds timeout,
+                                                          std::string* why = nullptr) const;
 
  private:
   explicit DBusConnection(GDBusConnection* connection) : connection_(connection) {}

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pwd.h>
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -14,6 +13,7 @@
 #include <cstring>
 
 #include "platform/system_log.h"
+#include "platform/xdg.h"
 
 namespace zonara {
 
@@ -335,20 +335,7 @@ std::string serializePropertyList(const PrefValue::Dictionary& dict) {
 // PreferencesDomain
 
 std::string PreferencesDomain::defaultDirectory() {
-  // XDG: only an absolute $XDG_CONFIG_HOME counts.
-  const char* xdg = std::getenv("XDG_CONFIG_HOME");
-  if (xdg && xdg[0] == '/') return xdg;
-  const char* home = std::getenv("HOME");
-  std::string homeDir = home && home[0] ? home : "";
-  if (homeDir.empty()) {
-    struct passwd pw;
-    struct passwd* found = nullptr;
-    char buffer[4096];
-    if (getpwuid_r(getuid(), &pw, buffer, sizeof buffer, &found) == 0 && found && found->pw_dir) {
-      homeDir = found->pw_dir;
-    }
-  }
-  return homeDir + "/.config";
+  return xdgConfigHome();
 }
 
 namespace {

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <iterator>
 #include <fstream>
-#include <map>
 
 namespace zonara {
 namespace {
@@ -121,39 +120,6 @@ std::optional<std::string> DateTzDatabase::zoneWithContents(const std::string& c
     if (!linked) linked = zoneName(known);
   }
   return linked;
-}
-
-std::optional<std::string> zoneForAbbreviation(const std::string& abbreviation) {
-  static const std::map<std::string, std::string> table = {
-      {"ADT", "America/Halifax"},       {"AST", "America/Halifax"},
-      {"AKDT", "America/Juneau"},       {"AKST", "America/Juneau"},
-      {"ART", "America/Argentina/Buenos_Aires"},
-      {"BDT", "Asia/Dhaka"},            {"BRST", "America/Sao_Paulo"},
-      {"BRT", "America/Sao_Paulo"},     {"BST", "Europe/London"},
-      {"CAT", "Africa/Harare"},         {"CDT", "America/Chicago"},
-      {"CST", "America/Chicago"},       {"CEST", "Europe/Paris"},
-      {"CET", "Europe/Paris"},          {"CLST", "America/Santiago"},
-      {"CLT", "America/Santiago"},      {"COT", "America/Bogota"},
-      {"EAT", "Africa/Addis_Ababa"},    {"EDT", "America/New_York"},
-      {"EST", "America/New_York"},      {"EEST", "Europe/Istanbul"},
-      {"EET", "Europe/Istanbul"},       {"GMT", "GMT"},
-      {"GST", "Asia/Dubai"},            {"HKT", "Asia/Hong_Kong"},
-      {"HST", "Pacific/Honolulu"},      {"ICT", "Asia/Bangkok"},
-      {"IRST", "Asia/Tehran"},          {"IST", "Asia/Kolkata"},
-      {"JST", "Asia/Tokyo"},            {"KST", "Asia/Seoul"},
-      {"MDT", "America/Denver"},        {"MST", "America/Denver"},
-      {"MSD", "Europe/Moscow"},         {"MSK", "Europe/Moscow"},
-      {"NZDT", "Pacific/Auckland"},     {"NZST", "Pacific/Auckland"},
-      {"PDT", "America/Los_Angeles"},   {"PST", "America/Los_Angeles"},
-      {"PET", "America/Lima"},          {"PHT", "Asia/Manila"},
-      {"PKT", "Asia/Karachi"},          {"SGT", "Asia/Singapore"},
-      {"UTC", "UTC"},                   {"WAT", "Africa/Lagos"},
-      {"WEST", "Europe/Lisbon"},        {"WET", "Europe/Lisbon"},
-      {"WIT", "Asia/Jakarta"},
-  };
-  auto it = table.find(abbreviation);
-  if (it == table.end()) return std::nullopt;
-  return it->second;
 }
 
 }  // namespace zonara

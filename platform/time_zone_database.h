@@ -1,5 +1,5 @@
 // The system's time-zone database (the tz database in /usr/share/zoneinfo,
-// read through date/tz) and the abbreviation table.
+// read through date/tz). Matching answers to these zones is timezone/'s job.
 //
 // Thread safety: any thread.
 #pragma once
@@ -54,9 +54,5 @@ class DateTzDatabase final : public TimeZoneDatabase {
   const std::string localtimePath_;
   const std::string zoneinfoFolder_;
 };
-
-// The zone that stands for a time-zone abbreviation ("CET" -> "Europe/Paris"),
-// or nullopt for an abbreviation not in the table. Case-sensitive.
-[[nodiscard]] std::optional<std::string> zoneForAbbreviation(const std::string& abbreviation);
 
 }  // namespace zonara

@@ -32,8 +32,8 @@ class Workspace {
   virtual bool launchApplication(const std::string& name) = 0;
 };
 
-// /proc, kill(2) and GLib's spawning. `procRoot` is the proc file system's
-// mount point (tests point it elsewhere).
+// Over the process table, signals and detached spawning (processes.h).
+// `procRoot` is the proc file system's mount point (tests point it elsewhere).
 class LinuxWorkspace final : public Workspace {
  public:
   explicit LinuxWorkspace(std::string procRoot = "/proc") : procRoot_(std::move(procRoot)) {}

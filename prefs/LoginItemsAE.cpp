@@ -1,21 +1,15 @@
 #include "prefs/LoginItemsAE.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
-#include <fstream>
 #include <sstream>
 #include <vector>
 
+#include "platform/file_system.h"
 #include "platform/system_log.h"
+#include "platform/xdg.h"
 
 namespace zonara {
 namespace {
@@ -86,8 +80,9 @@ std::string trim(const std::string& s) {
 }
 
 bool parseEntry(const std::string& path, DesktopEntry& entry) {
-  std::ifstream in(path);
-  if (!in) return false;
+  std::optional<std::string> text = readFile(path);
+  if (!text) return false;
+  std::istringstream in(*text);
   std::string line;
   bool inMain = false;
   while (std::getline(in, line)) {
@@ -153,21 +148,18 @@ std::string resolveProgram(const std::string& program) {
   while (std::getline(dirs, dir, ':')) {
     if (dir.empty()) continue;
     std::string candidate = dir + "/" + program;
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    if (isExecutableFile(candidate)) return candidate;
   }
   return "";
 }
 
 // Desktop-entry files of the folder, in file-name order.
 bool listEntryFiles(const std::string& folder, std::vector<std::string>& names) {
-  DIR* dir = opendir(folder.c_str());
-  if (dir == nullptr) return errno == ENOENT;  // no folder: no login items
-  while (struct dirent* e = readdir(dir)) {
-    std::string name = e->d_name;
+  std::vector<std::string> all;
+  if (int error = folderEntries(folder, &all); error != 0) return error == ENOENT;  // no folder: no login items
+  for (const std::string& name : all) {
     if (name.size() > 8 && name.compare(name.size() - 8, 8, ".desktop") == 0) names.push_back(name);
   }
-  closedir(dir);
-  std::sort(names.begin(), names.end());
   return true;
 }
 
@@ -191,18 +183,6 @@ bool loadItems(std::vector<Item>& items) {
   return true;
 }
 
-int makeFolders(const std::string& path) {
-  std::string partial;
-  std::stringstream parts(path);
-  std::string part;
-  while (std::getline(parts, part, '/')) {
-    if (part.empty()) continue;
-    partial += "/" + part;
-    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return errno;
-  }
-  return 0;
-}
-
 std::string baseName(const std::string& path) {
   size_t slash = path.find_last_of('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
@@ -210,12 +190,7 @@ std::string baseName(const std::string& path) {
 
 }  // namespace
 
-std::string LoginItemsFolder() {
-  const char* xdg = std::getenv("XDG_CONFIG_HOME");
-  if (xdg && xdg[0] == '/') return std::string(xdg) + "/autostart";
-  const char* home = std::getenv("HOME");
-  return std::string(home ? home : "") + "/.config/autostart";
-}
+std::string LoginItemsFolder() { return xdgConfigHome() + "/autostart"; }
 
 std::string FileURLFromPath(const std::string& path) {
   static const char* kHex = "0123456789ABCDEF";
@@ -280,19 +255,18 @@ OSStatus LIAECopyLoginItems(std::unique_ptr<PrefValue::Array>* itemsPtr) {
 OSStatus LIAEAddURLAtEnd(const std::string* item, bool hideIt) {
   LIAE_ASSERT(item != NULL);
   const std::string path = PathFromFileURL(*item);
-  struct stat st;
-  if (path.empty() || stat(path.c_str(), &st) != 0) return kFileNotFoundErr;
+  if (path.empty() || !pathExists(path)) return kFileNotFoundErr;
   FileRef ref{path};
   return LIAEAddRefAtEnd(&ref, hideIt);
 }
 
 OSStatus LIAEAddRefAtEnd(const FileRef* item, bool hideIt) {
   LIAE_ASSERT(item != NULL);
-  char resolved[PATH_MAX];
-  if (realpath(item->path.c_str(), resolved) == nullptr) return kFileNotFoundErr;
-  const std::string program = resolved;
+  const std::optional<std::string> resolved = resolvedPath(item->path);
+  if (!resolved) return kFileNotFoundErr;
+  const std::string& program = *resolved;
   const std::string folder = LoginItemsFolder();
-  if (makeFolders(folder) != 0) return kIOErr;
+  if (createFolders(folder) != 0) return kIOErr;
 
   // The entry is named after its program; a name already taken gets a number.
   // Items are listed in file-name order, so a name that would sort before an
@@ -308,7 +282,7 @@ OSStatus LIAEAddRefAtEnd(const FileRef* item, bool hideIt) {
     stem = existing.back().substr(0, existing.back().size() - 8) + "~" + stem;
   }
   std::string file = folder + "/" + stem + ".desktop";
-  for (int n = 2; access(file.c_str(), F_OK) == 0; ++n) {
+  for (int n = 2; pathExists(file); ++n) {
     file = folder + "/" + stem + "-" + std::to_string(n) + ".desktop";
   }
 
@@ -319,18 +293,7 @@ OSStatus LIAEAddRefAtEnd(const FileRef* item, bool hideIt) {
        << "Exec=" << escapeValue(quoteProgram(program)) << "\n"
        << kHiddenKey << "=" << (hideIt ? "true" : "false") << "\n"
        << "X-GNOME-Autostart-enabled=true\n";
-  const std::string body = text.str();
-
-  const std::string tmp = file + ".tmp";
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return kIOErr;
-  bool ok = write(fd, body.data(), body.size()) == static_cast<ssize_t>(body.size());
-  ok = (close(fd) == 0) && ok;
-  if (!ok || rename(tmp.c_str(), file.c_str()) != 0) {
-    unlink(tmp.c_str());
-    return kIOErr;
-  }
-  return noErr;
+  return writeFileAtomically(file, text.str()) == 0 ? noErr : kIOErr;
 }
 
 OSStatus LIAERemove(int32_t itemIndex) {
@@ -338,7 +301,7 @@ OSStatus LIAERemove(int32_t itemIndex) {
   std::vector<Item> items;
   if (!loadItems(items)) return kCannotMakeListErr;
   if (static_cast<size_t>(itemIndex) >= items.size()) return kNoSuchObjectErr;
-  if (unlink(items[static_cast<size_t>(itemIndex)].file.c_str()) != 0) return kIOErr;
+  if (removeFile(items[static_cast<size_t>(itemIndex)].file) != 0) return kIOErr;
   return noErr;
 }
 

@@ -1,16 +1,8 @@
 #include "prefs/ProcessManager.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <climits>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
-#include "prefs/Bundle.h"
+#include "platform/bundle.h"
 
 namespace zonara {
 
@@ -23,57 +15,22 @@ const char* statusComment(OSStatus status) {
   }
 }
 
-std::optional<uint64_t> LinuxProcessManager::readStartTicks(pid_t pid) const {
-  std::ifstream in(procRoot_ + "/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!in || !std::getline(in, line)) return std::nullopt;
-  // "pid (comm) state ppid ...": the command name may hold spaces and
-  // parentheses, so count fields after the last ')'. Start time is field 22.
-  const size_t close = line.rfind(')');
-  if (close == std::string::npos) return std::nullopt;
-  std::istringstream fields(line.substr(close + 1));
-  std::string field;
-  for (int n = 3; n <= 22; ++n) {
-    if (!(fields >> field)) return std::nullopt;
-  }
-  char* end = nullptr;
-  unsigned long long ticks = std::strtoull(field.c_str(), &end, 10);
-  if (end == field.c_str() || *end != '\0') return std::nullopt;
-  return ticks;
-}
-
 bool LinuxProcessManager::inOurSession(pid_t pid, const std::string& ourBus) const {
   if (ourBus.empty()) return true;
-  std::ifstream in(procRoot_ + "/" + std::to_string(pid) + "/environ", std::ios::binary);
-  if (!in) return true;
-  const std::string prefix = "DBUS_SESSION_BUS_ADDRESS=";
-  std::string var;
-  while (std::getline(in, var, '\0')) {
-    if (var.compare(0, prefix.size(), prefix) == 0) return var.substr(prefix.size()) == ourBus;
-  }
-  return true;
+  std::optional<std::string> bus = processes_.environmentVariable(pid, "DBUS_SESSION_BUS_ADDRESS");
+  return !bus || *bus == ourBus;
 }
 
 void LinuxProcessManager::takeSnapshot() {
   snapshot_.clear();
-  DIR* dir = opendir(procRoot_.c_str());
-  if (dir == nullptr) return;
   const char* busEnv = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   const std::string ourBus = busEnv ? busEnv : "";
-  const uid_t me = getuid();
-  while (dirent* e = readdir(dir)) {
-    char* end = nullptr;
-    long pid = std::strtol(e->d_name, &end, 10);
-    if (*end != '\0' || pid <= 0) continue;
-    struct stat st;
-    if (stat((procRoot_ + "/" + e->d_name).c_str(), &st) != 0 || st.st_uid != me) continue;
-    std::optional<uint64_t> ticks = readStartTicks(static_cast<pid_t>(pid));
+  for (pid_t pid : processes_.userProcessIds()) {
+    std::optional<uint64_t> ticks = processes_.startTicks(pid);
     if (!ticks) continue;  // ended while we looked
-    if (!inOurSession(static_cast<pid_t>(pid), ourBus)) continue;
-    snapshot_.push_back({static_cast<pid_t>(pid), *ticks});
+    if (!inOurSession(pid, ourBus)) continue;
+    snapshot_.push_back({pid, *ticks});
   }
-  closedir(dir);
-  std::sort(snapshot_.begin(), snapshot_.end(), [](const Entry& a, const Entry& b) { return a.pid < b.pid; });
 }
 
 const LinuxProcessManager::Entry* LinuxProcessManager::find(const ProcessSerialNumber& psn) const {
@@ -113,22 +70,14 @@ std::optional<PrefValue::Dictionary> LinuxProcessManager::copyProcessInformation
   const Entry* e = find(psn);
   if (e == nullptr) return std::nullopt;
   // The same process still (a reused pid has another start time)?
-  std::optional<uint64_t> ticks = readStartTicks(e->pid);
+  std::optional<uint64_t> ticks = processes_.startTicks(e->pid);
   if (!ticks || *ticks != e->startTicks) return std::nullopt;
   PrefValue::Dictionary dict;
   dict["pid"] = PrefValue::integer(e->pid);
-  char target[PATH_MAX];
-  const std::string base = procRoot_ + "/" + std::to_string(e->pid);
-  ssize_t n = readlink((base + "/exe").c_str(), target, sizeof target - 1);
   // No program (a kernel thread, or a process that has died and not yet been
   // reaped): not an application, but still a process of the list.
-  if (n <= 0) return dict;
-  target[n] = '\0';
-  std::string exe = target;
-  const std::string deleted = " (deleted)";
-  if (exe.size() > deleted.size() && exe.compare(exe.size() - deleted.size(), deleted.size(), deleted) == 0) {
-    exe.resize(exe.size() - deleted.size());
-  }
+  const std::string exe = processes_.executablePath(e->pid);
+  if (exe.empty()) return dict;
   const std::string bundlePath = Bundle::bundlePathForExecutable(exe);
   if (bundlePath.empty()) return dict;
   std::unique_ptr<Bundle> bundle = Bundle::bundleWithPath(bundlePath);

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/preferences_store.h"
+#include "platform/processes.h"
 #include "prefs/LoginItemsAE.h"
 
 namespace zonara {
@@ -66,10 +67,10 @@ class ProcessManager {
 // The short text of a status, as printed after it in log lines.
 [[nodiscard]] const char* statusComment(OSStatus status);
 
-// /proc under `procRoot`. A serial number is {0, pid}.
+// The process table under `procRoot`. A serial number is {0, pid}.
 class LinuxProcessManager final : public ProcessManager {
  public:
-  explicit LinuxProcessManager(std::string procRoot = "/proc") : procRoot_(std::move(procRoot)) {}
+  explicit LinuxProcessManager(std::string procRoot = "/proc") : processes_(std::move(procRoot)) {}
   [[nodiscard]] OSStatus getNextProcess(ProcessSerialNumber* psn) override;
   [[nodiscard]] OSStatus getProcessInformation(const ProcessSerialNumber& psn, ProcessInfo* info) override;
   [[nodiscard]] std::optional<PrefValue::Dictionary> copyProcessInformation(const ProcessSerialNumber& psn) override;
@@ -79,12 +80,11 @@ class LinuxProcessManager final : public ProcessManager {
     pid_t pid;
     uint64_t startTicks;
   };
-  [[nodiscard]] std::optional<uint64_t> readStartTicks(pid_t pid) const;
   [[nodiscard]] bool inOurSession(pid_t pid, const std::string& ourBus) const;
   void takeSnapshot();
   [[nodiscard]] const Entry* find(const ProcessSerialNumber& psn) const;
 
-  const std::string procRoot_;
+  const ProcessTable processes_;
   std::vector<Entry> snapshot_;
 };
 

@@ -1,30 +1,20 @@
 #include "prefs/ZonaraPreferencesController.h"
 
-#include <glib.h>
 #include <strings.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
+#include "platform/file_system.h"
+#include "platform/processes.h"
 #include "platform/system_log.h"
+#include "platform/xdg.h"
 
 namespace zonara {
 namespace {
 
 ZonaraPreferencesController* gSharedController = nullptr;
-
-std::string selfExecutable() {
-  char exe[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (n <= 0) return "";
-  exe[n] = '\0';
-  return exe;
-}
 
 std::string parentFolder(const std::string& path) {
   std::string p = path;
@@ -40,14 +30,11 @@ std::string lowercase(std::string s) {
 }
 
 bool isPaneIdentifier(const Bundle& bundle) {
-  return strcasecmp(bundle.bundleIdentifier().c_str(), ZonaraPreferencesController::kPrefPaneBundleIdentifier) == 0;
+  return strcasecmp(bundle.bundleIdentifier().c_str(), kPrefPaneIdentifier) == 0;
 }
 
 // The absolute path with symbolic links resolved when it exists, else as given.
-std::string canonicalPath(const std::string& path) {
-  char resolved[PATH_MAX];
-  return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
-}
+std::string canonicalPath(const std::string& path) { return resolvedPath(path).value_or(path); }
 
 // Whether a login item runs `program` (a real path): its URL's path is
 // resolved too, so an entry that runs the program through a link counts.
@@ -77,8 +64,8 @@ std::unique_ptr<ZonaraPreferencesController> ZonaraPreferencesController::makeUn
 }
 
 ZonaraPreferencesController::ZonaraPreferencesController(Services services) : services_(std::move(services)) {
-  domain_ = std::make_unique<PreferencesDomain>(kDomain, services_.preferencesDirectory);
-  if (services_.mainExecutablePath.empty()) services_.mainExecutablePath = selfExecutable();
+  domain_ = std::make_unique<PreferencesDomain>(kPreferencesDomain, services_.preferencesDirectory);
+  if (services_.mainExecutablePath.empty()) services_.mainExecutablePath = currentExecutablePath();
   if (!services_.libraryFolders) services_.libraryFolders = defaultLibraryFolders(services_.mainExecutablePath);
   if (services_.processManager == nullptr) {
     ownProcessManager_ = std::make_unique<LinuxProcessManager>();
@@ -124,7 +111,7 @@ void ZonaraPreferencesController::setObjectForKey(const PrefValue& value, const 
   domain_->setValue(key, value);
   (void)domain_->synchronize();  // a failure is logged by the store
   if (services_.distributedCenter != nullptr) {
-    services_.distributedCenter->post({kPreferencesChangedNotification, key, {{kPidKey, std::to_string(getpid())}}});
+    services_.distributedCenter->post({kPreferencesChangedNotification, key, {{kPidKey, std::to_string(currentProcessId())}}});
   }
 }
 
@@ -174,7 +161,7 @@ bool ZonaraPreferencesController::isRunning(const std::string& bundleIdentifier)
   return false;
 }
 
-bool ZonaraPreferencesController::isZonaraRunning() { return isRunning(kHelperBundleIdentifier); }
+bool ZonaraPreferencesController::isZonaraRunning() { return isRunning(kHelperIdentifier); }
 
 bool ZonaraPreferencesController::setZonaraRunning(bool running, bool noMatterWhat) {
   setBoolForKey(running, kZonaraEnabledKey);
@@ -197,17 +184,15 @@ bool ZonaraPreferencesController::launchZonara(bool noMatterWhat) {
     SystemLogAt(LogPriority::Error, "launchZonara: %s has no program", helper->bundlePath().c_str());
     return false;
   }
-  gchar* argv[] = {const_cast<gchar*>(program.c_str()), nullptr};
-  GError* error = nullptr;
-  // Detached: reaped by GLib's intermediate child, in a session of its own,
-  // holding none of our descriptors or terminal.
-  const auto flags = static_cast<GSpawnFlags>(G_SPAWN_STDIN_FROM_DEV_NULL | G_SPAWN_STDOUT_TO_DEV_NULL |
-                                              G_SPAWN_STDERR_TO_DEV_NULL);
-  gboolean ok = g_spawn_async(
-      helper->bundlePath().c_str(), argv, nullptr, flags, [](gpointer) { setsid(); }, nullptr, nullptr, &error);
-  if (!ok) {
-    SystemLogAt(LogPriority::Error, "launchZonara: cannot start %s: %s", program.c_str(), error->message);
-    g_error_free(error);
+  // Detached, in a session of its own, holding none of our descriptors or
+  // terminal.
+  SpawnOptions options;
+  options.workingFolder = helper->bundlePath();
+  options.silenceOutput = true;
+  options.newSession = true;
+  std::string error;
+  if (!spawnDetached({program}, options, &error)) {
+    SystemLogAt(LogPriority::Error, "launchZonara: cannot start %s: %s", program.c_str(), error.c_str());
     return false;
   }
   return true;
@@ -264,7 +249,7 @@ std::unique_ptr<Bundle> ZonaraPreferencesController::bundleForProcessWithBundleI
 }
 
 std::unique_ptr<Bundle> ZonaraPreferencesController::runningHelperAppBundle() {
-  return bundleForProcessWithBundleIdentifier(kHelperBundleIdentifier);
+  return bundleForProcessWithBundleIdentifier(kHelperIdentifier);
 }
 
 const Bundle* ZonaraPreferencesController::helperAppBundle() {
@@ -298,7 +283,7 @@ const Bundle* ZonaraPreferencesController::zonaraPrefPaneBundle() {
   if (prefPaneBundle_) return prefPaneBundle_.get();
   // 1. The running program's own bundle.
   if (auto main = Bundle::bundleWithPath(Bundle::bundlePathForExecutable(services_.mainExecutablePath))) {
-    if (main->bundleIdentifier() == kPrefPaneBundleIdentifier) prefPaneBundle_ = std::move(main);
+    if (main->bundleIdentifier() == kPrefPaneIdentifier) prefPaneBundle_ = std::move(main);
   }
   // 2. Around the running helper.
   if (!prefPaneBundle_) prefPaneBundle_ = prefPaneFromRunningHelper();
@@ -314,15 +299,9 @@ const Bundle* ZonaraPreferencesController::zonaraPrefPaneBundle() {
   }
   // 4. Any pane of the right identifier under "PreferencePanes".
   if (!prefPaneBundle_) {
-    namespace fs = std::filesystem;
     for (const std::string& folder : *services_.libraryFolders) {
-      std::error_code ec;
-      fs::recursive_directory_iterator it(folder + "/PreferencePanes", fs::directory_options::skip_permission_denied,
-                                          ec);
-      for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        if (it->path().extension() != ".prefPane") continue;
-        it.disable_recursion_pending();
-        auto pane = Bundle::bundleWithPath(it->path().string());
+      for (const std::string& path : findFolders(folder + "/PreferencePanes", ".prefPane")) {
+        auto pane = Bundle::bundleWithPath(path);
         if (pane && isPaneIdentifier(*pane)) {
           prefPaneBundle_ = std::move(pane);
           break;
@@ -336,7 +315,9 @@ const Bundle* ZonaraPreferencesController::zonaraPrefPaneBundle() {
 
 std::vector<std::string> ZonaraPreferencesController::defaultLibraryFolders(const std::string& mainExecutablePath) {
   std::vector<std::string> folders;
-  if (const char* home = std::getenv("HOME"); home && home[0] == '/') folders.push_back(std::string(home) + "/.local/lib/zonara");
+  if (const std::string home = homeFolder(); !home.empty() && home[0] == '/') {
+    folders.push_back(home + "/.local/lib/zonara");
+  }
   if (!mainExecutablePath.empty()) {
     folders.push_back(parentFolder(parentFolder(mainExecutablePath)) + "/lib/zonara");
   }
@@ -393,13 +374,13 @@ std::optional<PrefValue> ZonaraPreferencesController_objectForKey(const std::str
 }
 
 bool ZonaraPreferencesController_boolForKey(const std::string& key) {
-  PreferencesDomain domain(ZonaraPreferencesController::kDomain);
+  PreferencesDomain domain(kPreferencesDomain);
   std::optional<PrefValue> v = domain.copyValue(key);
   return v && v->asBool();
 }
 
 int32_t ZonaraPreferencesController_integerForKey(const std::string& key) {
-  PreferencesDomain domain(ZonaraPreferencesController::kDomain);
+  PreferencesDomain domain(kPreferencesDomain);
   std::optional<PrefValue> v = domain.copyValue(key);
   return v ? static_cast<int32_t>(v->asInteger()) : 0;
 }

@@ -35,7 +35,8 @@
 
 #include "platform/dbus.h"
 #include "platform/preferences_store.h"
-#include "prefs/Bundle.h"
+#include "platform/zonara_names.h"
+#include "platform/bundle.h"
 #include "prefs/LoginItemsAE.h"
 #include "prefs/ProcessManager.h"
 
@@ -43,15 +44,10 @@ namespace zonara {
 
 class ZonaraPreferencesController {
  public:
-  static constexpr const char* kDomain = "org.quillon.ZonaraHelper";
-  static constexpr const char* kHelperBundleIdentifier = "org.quillon.ZonaraHelper";
-  static constexpr const char* kPrefPaneBundleIdentifier = "org.quillon.Zonara";
   static constexpr const char* kPrefPaneFileName = "Zonara.prefPane";
   static constexpr const char* kHelperResourceName = "ZonaraHelper";
   static constexpr const char* kHelperResourceType = "app";
   static constexpr const char* kZonaraEnabledKey = "ZonaraEnabled";
-  static constexpr const char* kPreferencesChangedNotification = "ZonaraPreferencesChanged";
-  static constexpr const char* kShutdownNotification = "ZonaraShutdown";
   static constexpr const char* kPidKey = "pid";
 
   // What the controller works with. Everything borrowed must outlive the

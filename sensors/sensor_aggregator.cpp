@@ -1,6 +1,7 @@
 #include "sensors/sensor_aggregator.h"
 
 #include "platform/system_log.h"
+#include "platform/zonara_names.h"
 
 namespace zonara {
 
@@ -39,7 +40,7 @@ void SensorAggregator::sendNotification() {
   const bool changed = source_ && !source_->statusIsEqualToStatus(lastTelluroStatus_);
   SystemLog("aggregator found telluroChanged = %i", changed ? 1 : 0);
   lastTelluroStatus_ = status;
-  center_.post(kNotification, this);
+  center_.post(kSensorNotification, this);
 }
 
 void SensorAggregator::willSleep() {

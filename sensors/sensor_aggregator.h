@@ -10,16 +10,15 @@
 #include <memory>
 #include <optional>
 
-#include "app/location_source.h"
 #include "platform/notification_center.h"
 #include "platform/run_loop.h"
+#include "sensors/location_source.h"
 #include "sensors/telluro_sensor.h"
 
 namespace zonara {
 
 class SensorAggregator final : public LocationTrigger {
  public:
-  static constexpr const char* kNotification = "TelluroSensorNotification";
 
   // `center` is borrowed. The status source is set with `setStatusSource`
   // (the positioning sensor needs the aggregator first).

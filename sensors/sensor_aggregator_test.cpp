@@ -6,6 +6,7 @@
 
 #include "platform/system_log.h"
 #include "platform/testing/system_log_capture.h"
+#include "platform/zonara_names.h"
 #include "sensors/sensor_test_support.h"
 
 namespace zonara {
@@ -30,7 +31,7 @@ class FakeStatusSource final : public TelluroStatusSource {
 class SensorAggregatorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    observer_ = center_.addObserver(SensorAggregator::kNotification, [this](const Notification& n) {
+    observer_ = center_.addObserver(kSensorNotification, [this](const Notification& n) {
       EXPECT_EQ(n.object, aggregator_.get());
       posted_.push_back(clock_.now());
     });

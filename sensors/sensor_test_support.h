@@ -11,8 +11,8 @@
 
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
+#include "platform/reachability.h"
 #include "platform/run_loop.h"
-#include "sensors/reachability.h"
 #include "sensors/telluro_helper.h"
 
 namespace zonara::testing {

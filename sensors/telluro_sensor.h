@@ -27,12 +27,12 @@
 #include <thread>
 #include <vector>
 
-#include "app/location_source.h"
 #include "platform/background_worker.h"
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
+#include "platform/reachability.h"
 #include "platform/run_loop.h"
-#include "sensors/reachability.h"
+#include "sensors/location_source.h"
 #include "sensors/telluro_helper.h"
 
 namespace zonara {

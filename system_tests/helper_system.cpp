@@ -16,6 +16,7 @@
 
 #include "platform/dbus.h"
 #include "platform/testing/test_bus.h"
+#include "platform/zonara_names.h"
 #include "sensors/telluro_helper.h"
 #include "tools/demo/demo_services.h"
 #include "wps/api/tiles/tile_test_support.h"
@@ -27,7 +28,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr const char* kHelperName = "org.quillon.ZonaraHelper";
 bool g_namespace = false;
 
 bool writeProcFile(const char* path, const std::string& text) {
@@ -323,7 +323,7 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
   }
   ::chmod(script.c_str(), 0755);
 
-  preferences_ = std::make_unique<PreferencesDomain>(kHelperName, configHome());
+  preferences_ = std::make_unique<PreferencesDomain>(kPreferencesDomain, configHome());
   PreferencesDomain& p = *preferences_;
   p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
   p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
@@ -364,9 +364,21 @@ void HelperSystem::setupWireless() {
   if (!wirelessJoin()) fail("cannot bring the wireless link up");
 }
 
+// Waits up to 5 s until interface `name` shows operational state `state` (as `ip` prints it).
+namespace {
+bool waitForOperState(const std::string& name, const std::string& state) {
+  return run("for i in $(seq 100); do ip -o link show dev " + name + " | grep -q ' state " + state +
+             " ' && exit 0; sleep 0.05; done; exit 1");
+}
+}  // namespace
+
+// The kernel gives a dormant-mode link its operational state a moment after
+// the link comes up; "state up" sent before then changes nothing and the link
+// ends dormant. So the join waits for the dormant state first.
 bool HelperSystem::wirelessJoin() {
   const std::string a = wirelessInterface();
-  return wireless_ && run("ip link set " + a + " up") && run("ip link set " + a + " state up");
+  return wireless_ && run("ip link set " + a + " up") && waitForOperState(a, "DORMANT") &&
+         run("ip link set " + a + " state up") && waitForOperState(a, "UP");
 }
 
 bool HelperSystem::wirelessSearch() {
@@ -564,16 +576,7 @@ const std::string& HelperSystem::systemBusAddress() const { return buses_->syste
 
 bool HelperSystem::helperNameOwned() const {
   if (!buses_) return false;
-  GVariant* reply = g_dbus_connection_call_sync(buses_->client().get(), "org.freedesktop.DBus",
-                                                "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
-                                                g_variant_new("(s)", kHelperName), G_VARIANT_TYPE("(b)"),
-                                                G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-  gboolean owned = FALSE;
-  if (reply) {
-    g_variant_get(reply, "(b)", &owned);
-    g_variant_unref(reply);
-  }
-  return owned;
+  return buses_->client().nameHasOwner(kHelperBusName);
 }
 
 bool HelperSystem::waitForHelperName(bool owned, std::chrono::milliseconds timeout) const {
@@ -583,18 +586,7 @@ bool HelperSystem::waitForHelperName(bool owned, std::chrono::milliseconds timeo
 std::optional<std::string> HelperSystem::helperProperty(const std::string& name,
                                                         std::chrono::milliseconds timeout) const {
   if (!buses_) return std::nullopt;
-  GVariant* reply = g_dbus_connection_call_sync(
-      buses_->client().get(), kHelperName, "/", "org.freedesktop.DBus.Properties", "Get",
-      g_variant_new("(ss)", kHelperName, name.c_str()), G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-      static_cast<int>(timeout.count()), nullptr, nullptr);
-  if (!reply) return std::nullopt;
-  GVariant* value = nullptr;
-  g_variant_get(reply, "(v)", &value);
-  std::optional<std::string> out;
-  if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) out = g_variant_get_string(value, nullptr);
-  g_variant_unref(value);
-  g_variant_unref(reply);
-  return out;
+  return buses_->client().stringProperty(kHelperBusName, name, timeout);
 }
 
 void HelperSystem::postDistributedNotification(const std::string& name, const std::string& object) {

@@ -87,7 +87,7 @@ class WholeRoadTest : public ::testing::Test {
     // The desktop and the bus are real here: a private bus with a stand-in
     // notification service.
     DBusDistributedNotificationCenter distributed(*helperBus);
-    DBusNameServer server(*helperBus, AppController::kServerName);
+    DBusNameServer server(*helperBus, kHelperBusName);
     FreedesktopNotifier notifier(*helperBus, "Zonara");
     testing::FakeReachability reachability;
     std::unique_ptr<LocationSensing> sensing;

@@ -15,23 +15,17 @@
 #include "platform/testing/child_process.h"
 #include "platform/testing/http_test_server.h"
 #include "platform/testing/temp_dir.h"
-#include "wps/api/protocol/config.h"
+#include "wps/api/testing/fake_positioning_server.h"
 
 namespace zonara {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::HttpRequest;
 using testing::HttpResponse;
 using testing::ChildProcess;
 using testing::HttpTestServer;
 
 fs::path binDir() { return fs::canonical("/proc/self/exe").parent_path().parent_path() / "bin"; }
-
-std::string reply(const std::string& root, const std::string& inner) {
-  return "<?xml version='1.0'?><" + root + " xmlns='" + WPS::API::kProtocolNamespace + "' version='2.6'>" + inner +
-         "</" + root + ">";
-}
 
 struct Result {
   int status = -1;
@@ -54,20 +48,11 @@ class WpsToolTest : public ::testing::Test {
                                          "00:12:A3:B4:C5:D6 -60 6 -95 Home\n"
                                          "00:12:A3:B4:C5:D7 45 11 0 Cafe Net\n"
                                          "00:12:A3:B4:C5:D8 -80 1 0\n";
-    server_.setHandler([](const HttpRequest& request) {
-      if (request.path() == "/wps2/location") {
-        return HttpResponse(200, reply("LocationRS",
-                                       "<location nap='3'><latitude>42.5</latitude><longitude>-71.25</longitude>"
-                                       "<hpe>40</hpe></location>"));
-      }
-      if (request.path() == "/wps2/ip-location") {
-        return HttpResponse(200, reply("IPLocationRS",
-                                       "<ip-location><ip>192.0.2.7</ip><latitude>35.5</latitude>"
-                                       "<longitude>139.75</longitude></ip-location>"));
-      }
-      if (request.path() == "/wps2/registration") return HttpResponse(200, reply("RegistrationRS", ""));
-      return HttpResponse(404, "");
-    });
+    WPS::API::LocatedAccessPoint where;
+    where.latitude = 42.5;
+    where.longitude = -71.25;
+    positioning_.setLocation(where, 40, 3);
+    positioning_.setIPLocation(WPS::API::testing::FakePositioningServer::IPLocation{"192.0.2.7", 35.5, 139.75});
   }
 
   // Runs wps-tool with `args`, WPS_SCAN_FILE set to `scanFile` and a private
@@ -94,12 +79,13 @@ class WpsToolTest : public ::testing::Test {
   }
 
   std::vector<std::string> serverOptions() const {
-    return {"--server", server_.url("/wps2"), "--user", "user", "--realm", "example.org"};
+    return {"--server", positioning_.url(), "--user", "user", "--realm", "example.org"};
   }
 
   testing::TempDir scratch_{"wps-tool-"};
   const fs::path dir_ = scratch_.path();
-  HttpTestServer server_;
+  WPS::API::testing::FakePositioningServer positioning_;
+  HttpTestServer& server_ = positioning_.http();
 };
 
 TEST_F(WpsToolTest, LocatePrintsThePosition) {
@@ -166,10 +152,10 @@ TEST_F(WpsToolTest, IpLocateRegisterAndScan) {
   args.insert(args.end(), {"--new-user", "A1B2C3D4"});
   r = run(args, dir_ / "scans.txt");
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(server_.lastRequest()->path(), "/wps2/registration");
+  EXPECT_EQ(server_.lastRequest()->path(), "/registration");
   EXPECT_NE(server_.lastRequest()->body.find("A1B2C3D4"), std::string::npos);
 
-  server_.setHandler([](const HttpRequest&) { return HttpResponse(403, ""); });
+  server_.enqueue(HttpResponse(403, ""));
   r = run(args, dir_ / "scans.txt");
   EXPECT_EQ(r.status, 4);
   EXPECT_EQ(r.err, "WPS_ERROR_UNAUTHORIZED\n");

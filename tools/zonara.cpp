@@ -21,8 +21,6 @@
 // error. The helper is found the way the preferences controller finds it
 // (the running one, else the one inside the Zonara.prefPane this program
 // belongs to or that is installed); it is reached over the session bus.
-#include <gio/gio.h>
-
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -34,22 +32,20 @@
 #include <thread>
 #include <vector>
 
-#include "app/app_controller.h"
-#include "app/geolocation_helper.h"
-#include "app/location_source.h"
 #include "platform/dbus.h"
 #include "platform/http_fetcher.h"
 #include "platform/polkit.h"
 #include "platform/preferences_store.h"
 #include "platform/sleep_watcher.h"
 #include "platform/time_zone_database.h"
+#include "platform/zonara_names.h"
 #include "prefs/ZonaraPreferencesController.h"
+#include "timezone/geolocation_helper.h"
 
 using namespace zonara;
 
 namespace {
 
-constexpr const char* kHelperName = "org.quillon.ZonaraHelper";
 constexpr auto kStartStopWait = std::chrono::seconds(10);
 
 const char* const kUsage =
@@ -98,40 +94,12 @@ class Bus {
   [[nodiscard]] bool ok() const { return connection_ != nullptr; }
   [[nodiscard]] const std::string& error() const { return error_; }
 
-  [[nodiscard]] bool helperServes() const {
-    if (!connection_) return false;
-    GVariant* r = g_dbus_connection_call_sync(connection_->get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                              "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", kHelperName),
-                                              G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    gboolean owned = FALSE;
-    if (r) {
-      g_variant_get(r, "(b)", &owned);
-      g_variant_unref(r);
-    }
-    return owned;
-  }
+  [[nodiscard]] bool helperServes() const { return connection_ && connection_->nameHasOwner(kHelperBusName); }
 
   // A string property of the helper, or nullopt (with the reason in `why`).
   [[nodiscard]] std::optional<std::string> helperProperty(const char* name, int timeoutMs, std::string* why) const {
     if (!connection_) return std::nullopt;
-    GError* error = nullptr;
-    GVariant* r = g_dbus_connection_call_sync(connection_->get(), kHelperName, "/", "org.freedesktop.DBus.Properties",
-                                              "Get", g_variant_new("(ss)", kHelperName, name), G_VARIANT_TYPE("(v)"),
-                                              G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr, &error);
-    if (!r) {
-      if (error) {
-        *why = error->message;
-        g_error_free(error);
-      }
-      return std::nullopt;
-    }
-    GVariant* value = nullptr;
-    g_variant_get(r, "(v)", &value);
-    std::optional<std::string> text;
-    if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) text = g_variant_get_string(value, nullptr);
-    g_variant_unref(value);
-    g_variant_unref(r);
-    return text;
+    return connection_->stringProperty(kHelperBusName, name, std::chrono::milliseconds(timeoutMs), why);
   }
 
  private:
@@ -273,7 +241,7 @@ int statusCommand() {
   }
   std::printf("Start at login: %s\n", prefs.shouldStartZonaraAtLogin() ? "on" : "off");
   std::printf("Setting the time zone without a password: %s\n", timezonePermission().c_str());
-  std::printf("Preferences (%s):\n", ZonaraPreferencesController::kDomain);
+  std::printf("Preferences (%s):\n", kPreferencesDomain);
   const PrefValue::Dictionary all = prefs.dictionaryRepresentation();
   if (all.empty()) std::printf("  (none set)\n");
   for (const auto& [key, value] : all) std::printf("  %s = %s\n", key.c_str(), describe(value, true).c_str());
@@ -355,7 +323,7 @@ int setCommand(int argc, char** argv) {
   ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
   const PrefValue value = parseValue(argv[3]);
   prefs.setObjectForKey(value, argv[2]);
-  PreferencesDomain check(ZonaraPreferencesController::kDomain);
+  PreferencesDomain check(kPreferencesDomain);
   if (check.copyValue(argv[2]) != value) {
     return fail("cannot write " + check.path());
   }
@@ -376,10 +344,10 @@ int timezoneCommand(int argc, char** argv) {
   if (!parseDegrees(argv[2], 90, &latitude)) return usage("LATITUDE must be a number of degrees from -90 to 90");
   if (!parseDegrees(argv[3], 180, &longitude)) return usage("LONGITUDE must be a number of degrees from -180 to 180");
   if (!isUsablePosition(longitude, latitude)) return 1;
-  PreferencesDomain prefs(AppController::kServerName);
+  PreferencesDomain prefs(kPreferencesDomain);
   CurlHttpFetcher fetcher;
   DateTzDatabase zones;
-  GeolocationHelper helper(fetcher, zones, GeolocationHelper::configFromPreferences(prefs));
+  GeolocationHelper helper(fetcher, zones, GeoNamesClient::configFromPreferences(prefs));
   std::optional<std::string> zone = helper.timezoneForLongitude(longitude, latitude);
   if (!zone) return 1;
   std::printf("%s\n", zone->c_str());

@@ -21,7 +21,7 @@ const std::string& prepared(const std::string& root, const std::string& systemZo
 HelperServices::HelperServices(const std::string& root, const std::string& systemZone)
     : root_(prepared(root, systemZone)),
       zones(timezoneFile()),
-      preferences(AppController::kServerName, configFolder()) {
+      preferences(kPreferencesDomain, configFolder()) {
   const std::string script = "printf '%s\\n' \"$1\" >> '" + root_ + "/commands' && printf '%s\\n' \"$1\" > '" +
                              timezoneFile() + "'";
   preferences.setValue("SetTimezoneCommand",

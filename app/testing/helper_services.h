@@ -61,7 +61,7 @@ class HelperServices {
   RecordingDesktopNotifier notifier;
   CurlHttpFetcher fetcher;
   DateTzDatabase zones;
-  // The helper's own domain (AppController::kServerName) in configFolder().
+  // The helper's own domain (kPreferencesDomain) in configFolder().
   PreferencesDomain preferences;
 };
 

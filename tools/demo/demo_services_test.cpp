@@ -11,7 +11,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "app/geolocation_helper.h"
+#include "timezone/geolocation_helper.h"
 #include "platform/http_fetcher.h"
 #include "platform/testing/source_dir.h"
 #include "platform/testing/temp_dir.h"

@@ -63,6 +63,11 @@ void FakePositioningServer::setRegistrationAccepted(bool accepted) {
   registrationAccepted_ = accepted;
 }
 
+void FakePositioningServer::setIPLocation(std::optional<IPLocation> where) {
+  std::lock_guard<std::mutex> lock(mu_);
+  ipLocation_ = std::move(where);
+}
+
 void FakePositioningServer::addTile(Tile tile) {
   std::lock_guard<std::mutex> lock(mu_);
   for (Tile& held : tiles_) {
@@ -131,6 +136,13 @@ HttpResponse FakePositioningServer::answer(const HttpRequest& request) {
                   "<location nap='%u'><latitude>%.7f</latitude><longitude>%.7f</longitude><hpe>%.1f</hpe></location>",
                   nap_, where->latitude, where->longitude, hpe_);
     return HttpResponse(200, rootOpen("LocationRS") + text + "</LocationRS>");
+  }
+  if (request.method == "POST" && path == "/ip-location") {
+    if (!ipLocation_) return HttpResponse(200, rootOpen("IPLocationRS") + "<error>no location</error></IPLocationRS>");
+    char text[128];
+    std::snprintf(text, sizeof text, "</ip><latitude>%.7f</latitude><longitude>%.7f</longitude></ip-location>",
+                  ipLocation_->latitude, ipLocation_->longitude);
+    return HttpResponse(200, rootOpen("IPLocationRS") + "<ip-location><ip>" + ipLocation_->ip + text + "</IPLocationRS>");
   }
   if (request.method == "POST" && path == "/registration") {
     if (registrationAccepted_) return HttpResponse(200, rootOpen("RegistrationRS") + "</RegistrationRS>");

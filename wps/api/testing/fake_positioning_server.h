@@ -5,6 +5,8 @@
 // Paths (relative to `url()`, which is what WPS_set_server_url takes):
 //   POST /location      the configured location (LocationRS), or an error
 //                       document when none is set;
+//   POST /ip-location   the configured Internet address and its position
+//                       (IPLocationRS), or an error document when none is set;
 //   POST /registration  accepted (RegistrationRS) unless refused;
 //   POST /tiling        a TilingRS listing the offered tiles, each with the url
 //                       url("/tiles/<id>_<version>");
@@ -65,6 +67,14 @@ class FakePositioningServer {
   using Locator = std::function<std::optional<LocatedAccessPoint>(const zonara::testing::HttpRequest&)>;
   void setLocator(Locator locator);
   void setRegistrationAccepted(bool accepted);
+  // The answer to /ip-location: this address at this place, or (nullopt, the
+  // start) an error document.
+  struct IPLocation {
+    std::string ip;
+    double latitude = 0;
+    double longitude = 0;
+  };
+  void setIPLocation(std::optional<IPLocation> where);
 
   // Adds (or replaces, by id and version) a tile. Tiles are offered in the
   // order they were added unless setOfferedTiles says otherwise.
@@ -93,6 +103,7 @@ class FakePositioningServer {
   double hpe_ = 25.0;
   unsigned nap_ = 5;
   bool registrationAccepted_ = true;
+  std::optional<IPLocation> ipLocation_;
   std::vector<Tile> tiles_;
   std::optional<std::vector<std::string>> offered_;
   std::optional<std::string> tilingBody_;

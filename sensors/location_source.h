@@ -26,8 +26,4 @@ class LocationTrigger {
   virtual void triggerNotification() = 0;
 };
 
-// Whether a position is worth a time-zone look-up: finite, and not within one
-// degree of 0 N 0 E (both coordinates truncating to 0 means "no position").
-[[nodiscard]] bool isUsablePosition(double longitude, double latitude);
-
 }  // namespace zonara

@@ -1,4 +1,4 @@
-#include "sensors/reachability.h"
+#include "platform/reachability.h"
 
 #include <netdb.h>
 #include <sys/socket.h>

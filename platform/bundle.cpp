@@ -1,28 +1,17 @@
-#include "prefs/Bundle.h"
+#include "platform/bundle.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <climits>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include "platform/file_system.h"
 
 namespace zonara {
 
 std::unique_ptr<Bundle> Bundle::bundleWithPath(const std::string& path) {
-  if (path.empty()) return nullptr;
-  char resolved[PATH_MAX];
-  if (realpath(path.c_str(), resolved) == nullptr) return nullptr;
-  struct stat st;
-  if (stat(resolved, &st) != 0 || !S_ISDIR(st.st_mode)) return nullptr;
-  std::ifstream in(std::string(resolved) + "/Contents/Info.plist", std::ios::binary);
-  if (!in) return nullptr;
-  std::stringstream text;
-  text << in.rdbuf();
-  std::optional<PrefValue::Dictionary> info = parsePropertyList(text.str());
+  std::optional<std::string> resolved = resolvedPath(path);
+  if (!resolved || !isFolder(*resolved)) return nullptr;
+  std::optional<std::string> text = readFile(*resolved + "/Contents/Info.plist");
+  if (!text) return nullptr;
+  std::optional<PrefValue::Dictionary> info = parsePropertyList(*text);
   if (!info) return nullptr;
-  return std::unique_ptr<Bundle>(new Bundle(resolved, std::move(*info)));
+  return std::unique_ptr<Bundle>(new Bundle(std::move(*resolved), std::move(*info)));
 }
 
 std::string Bundle::bundleIdentifier() const {
@@ -34,16 +23,14 @@ std::string Bundle::bundleIdentifier() const {
 std::string Bundle::pathForResource(const std::string& name, const std::string& type) const {
   std::string path = path_ + "/Contents/Resources/" + name;
   if (!type.empty()) path += "." + type;
-  return access(path.c_str(), F_OK) == 0 ? path : "";
+  return pathExists(path) ? path : "";
 }
 
 std::string Bundle::executablePath() const {
   auto it = info_.find("CFBundleExecutable");
   if (it == info_.end() || !it->second.isString() || it->second.asString().empty()) return "";
   const std::string path = path_ + "/Contents/MacOS/" + it->second.asString();
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || access(path.c_str(), X_OK) != 0) return "";
-  return path;
+  return isExecutableFile(path) ? path : "";
 }
 
 std::string Bundle::bundlePathForExecutable(const std::string& executable) {

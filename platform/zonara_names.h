@@ -1,0 +1,31 @@
+// The names Zonara's programs share with one another and with the session:
+// bundle identifiers, the bus name, the preferences domain and the
+// notifications. Defined here once; every program and test uses these.
+#pragma once
+
+namespace zonara {
+
+// The helper's bundle identifier, which is also the name it serves on the
+// session bus and the name of the preferences domain shared by the helper
+// and the control program ($XDG_CONFIG_HOME/org.quillon.ZonaraHelper.plist).
+inline constexpr const char* kHelperIdentifier = "org.quillon.ZonaraHelper";
+inline constexpr const char* kHelperBusName = kHelperIdentifier;
+inline constexpr const char* kPreferencesDomain = kHelperIdentifier;
+// The bundle identifier of the preference pane, whose executable is the
+// control program.
+inline constexpr const char* kPrefPaneIdentifier = "org.quillon.Zonara";
+// The name users see: the title of notifications, the application name given
+// to the notification service, the user agent.
+inline constexpr const char* kApplicationName = "Zonara";
+
+// Distributed notifications (session bus). "ZonaraShutdown" asks the helper
+// serving the session to end; "ZonaraPreferencesChanged" tells every process
+// that a preference was written (object: the key).
+inline constexpr const char* kShutdownNotification = "ZonaraShutdown";
+inline constexpr const char* kPreferencesChangedNotification = "ZonaraPreferencesChanged";
+
+// Local notification: the sensor aggregator has a location change for the
+// helper.
+inline constexpr const char* kSensorNotification = "TelluroSensorNotification";
+
+}  // namespace zonara
