@@ -129,7 +129,7 @@ void AppController::setupSensor() {
 GeolocationHelper AppController::geolocationHelper() const {
   GeolocationHelper::Config config;
   if (services_.preferences) config = GeoNamesClient::configFromPreferences(*services_.preferences);
-  return GeolocationHelper(*services_.fetcher, *services_.zones, config);
+  return GeolocationHelper(*services_.fetcher, *services_.zones, config, services_.boundaries);
 }
 
 void AppController::telluroLocationChanged() {

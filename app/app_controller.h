@@ -69,6 +69,9 @@ class AppController {
     DesktopNotifier* notifier = nullptr;
     TimeZoneDatabase* zones = nullptr;
     HttpFetcher* fetcher = nullptr;
+    // The time-zone boundary data; null when none was found (then zones come
+    // only from a configured time-zone service).
+    const timezone::BoundaryIndex* boundaries = nullptr;
     // The helper's own preferences domain ("org.quillon.ZonaraHelper").
     PreferencesDomain* preferences = nullptr;
     // Folder of other applications' preference domains ("" = the XDG one).

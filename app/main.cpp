@@ -21,8 +21,8 @@
 #include "platform/zonara_names.h"
 #include "sensors/location_sensing.h"
 #include "sensors/wps_location_library.h"
-#include "wps/api/protocol/config.h"
-#include "wps/spi/logger.h"
+#include "timezone/boundary_data.h"
+#include "wps/api/wpsapi.h"
 
 using namespace zonara;
 
@@ -83,6 +83,19 @@ std::string localtimePath() {
   return "/etc/localtime";
 }
 
+// The time-zone boundary data, opened once for the helper's lifetime; its
+// absence is logged (zones then come only from a configured service).
+timezone::BoundaryData openBoundaryData() {
+  std::string error;
+  timezone::BoundaryData data = timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  if (data.index) {
+    SystemLog("time-zone boundary data: %s (%s)", data.index->release().c_str(), data.path.c_str());
+  } else {
+    SystemLogAt(LogPriority::Warning, "%s", error.c_str());
+  }
+  return data;
+}
+
 // Refuses every name: used when there is no session bus at all, so the
 // helper ends up inert as it does when another copy holds the name.
 class NoBusServer final : public BusNameServer {
@@ -115,6 +128,7 @@ struct PlatformServices {
   LinuxWorkspace workspace;
   DateTzDatabase zones{localtimePath()};
   CurlHttpFetcher fetcher;
+  const timezone::BoundaryData boundaries = openBoundaryData();
 };
 
 // --- Location sensing -----------------------------------------------------------
@@ -126,8 +140,10 @@ class HelperSensing final : public LocationSource {
   HelperSensing(PlatformServices& services, ZonaraApplication& application)
       : services_(services),
         application_(application),
-        settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS::API::kDefaultServerUrl)) {
+        settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS_DEFAULT_SERVER_URL)) {
     WpsLocationLibrary::setServerURL(settings_.positioningServerURL);
+    SystemLog("positioning server: %s",
+              settings_.positioningServerURL.empty() ? "none" : settings_.positioningServerURL.c_str());
     // Tests and the demonstration present a link of their own as the
     // wireless interface.
     if (const char* sysfs = std::getenv("ZONARA_SYSFS_ROOT"); sysfs && *sysfs) {
@@ -216,6 +232,7 @@ AppController::Services controllerServices(ZonaraApplication& application, Platf
   services.notifier = platform.notifier.get();
   services.zones = &platform.zones;
   services.fetcher = &platform.fetcher;
+  services.boundaries = platform.boundaries.index.get();
   services.preferences = &platform.preferences;
   services.iconPath = iconPath();
   services.polkitRulePath = polkitRulePath();
@@ -230,7 +247,7 @@ int main() {
   std::unique_ptr<ScaledClock> scaledClock = installTimeScale();
   // The positioning library looks for its logging configuration in the
   // running program's preferences domain: ours.
-  WPS::SPI::Logger::setApplicationDomain(kPreferencesDomain);
+  WPS_set_preferences_domain(kPreferencesDomain);
 
   ZonaraApplication& application = ZonaraApplication::sharedApplication();
   // Ending by signal is ending like "ZonaraShutdown": the loop returns and

@@ -15,6 +15,7 @@ pkg_check_modules(LIBNL_ROUTE REQUIRED IMPORTED_TARGET libnl-route-3.0)
 # date/tz must be used with the system's zoneinfo (USE_OS_TZDB=1); the
 # exported target carries that definition.
 find_package(date REQUIRED)
+find_package(nlohmann_json 3.11 REQUIRED)
 if(ZONARA_BUILD_BENCHMARKS)
   find_package(benchmark REQUIRED)
 endif()

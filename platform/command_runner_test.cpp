@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {
@@ -34,8 +34,12 @@ TEST(SubprocessCommandRunnerTest, PassesArgumentsAndReportsHowTheProgramEnded) {
            {{}, -1, ""}}) {
     const CommandResult result = runner.run(c.argv);
     EXPECT_EQ(result.status, c.expected) << (c.argv.empty() ? "(empty)" : c.argv.back());
-    if (!c.output.empty()) EXPECT_EQ(result.output, c.output);
-    if (c.expected == -1) EXPECT_FALSE(result.output.empty());
+    if (!c.output.empty()) {
+      EXPECT_EQ(result.output, c.output);
+    }
+    if (c.expected == -1) {
+      EXPECT_FALSE(result.output.empty());  // why it could not run
+    }
   }
   // Output past the limit is dropped without blocking the program.
   const CommandResult big = runner.run({"sh", "-c", "head -c 200000 /dev/zero; echo done >&2"});

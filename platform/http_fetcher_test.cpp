@@ -9,7 +9,8 @@
 
 #include "platform/system_log.h"
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/http_test_server.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/untrusted_tls_server.h"
 
 namespace zonara {
 namespace {
@@ -86,6 +87,19 @@ TEST(CurlHttpFetcherTest, RefusedConnectionIsLogged) {
   CurlHttpFetcher fetcher;
   EXPECT_EQ(fetcher.fetch(closed.url("/app/locate_my_ip"), 2s), std::nullopt);
   EXPECT_TRUE(log.contains("request to " + closed.url("/app/locate_my_ip") + " failed"));
+}
+
+// A server whose certificate does not verify against the system's CA store
+// gets no request: the handshake is abandoned and the failure logged.
+TEST(CurlHttpFetcherTest, UnverifiableCertificateGivesNoData) {
+  testing::UntrustedTlsServer tls;
+  ASSERT_TRUE(tls.ok()) << tls.error();
+  testing::SystemLogCapture log;
+  CurlHttpFetcher fetcher;
+  EXPECT_EQ(fetcher.fetch(tls.url("/timezone"), 2s), std::nullopt);
+  EXPECT_TRUE(log.contains("request to " + tls.url("/timezone") + " failed"));
+  EXPECT_TRUE(tls.rejectedHandshake(5s));
+  EXPECT_EQ(tls.handshakesCompleted(), 0u);
 }
 
 }  // namespace

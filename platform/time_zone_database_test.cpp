@@ -8,7 +8,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

@@ -35,4 +35,23 @@ std::string xdgDataHome() {
   return folder.empty() ? homeFolder() + "/.local/share" : folder;
 }
 
+std::vector<std::string> absoluteFolders(const std::string& list) {
+  std::vector<std::string> folders;
+  size_t start = 0;
+  while (start <= list.size()) {
+    size_t end = list.find(':', start);
+    if (end == std::string::npos) end = list.size();
+    if (end > start && list[start] == '/') folders.push_back(list.substr(start, end - start));
+    start = end + 1;
+  }
+  return folders;
+}
+
+std::vector<std::string> xdgDataDirs() {
+  const char* value = std::getenv("XDG_DATA_DIRS");
+  std::vector<std::string> folders = absoluteFolders(value ? value : "");
+  if (folders.empty()) folders = {"/usr/local/share", "/usr/share"};
+  return folders;
+}
+
 }  // namespace zonara

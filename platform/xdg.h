@@ -8,6 +8,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace zonara {
 
@@ -17,5 +18,11 @@ namespace zonara {
 [[nodiscard]] std::string xdgConfigHome();
 // $XDG_DATA_HOME, else <home>/.local/share.
 [[nodiscard]] std::string xdgDataHome();
+// The absolute folders of $XDG_DATA_DIRS (colon-separated), in order; when it
+// names none, /usr/local/share and /usr/share.
+[[nodiscard]] std::vector<std::string> xdgDataDirs();
+// The absolute folders of a colon-separated list, in order (relative and
+// empty entries are left out).
+[[nodiscard]] std::vector<std::string> absoluteFolders(const std::string& list);
 
 }  // namespace zonara

@@ -23,12 +23,12 @@ LocationSensingSettings LocationSensingSettings::fromPreferences(PreferencesDoma
     return value && value->isString() ? value->asString() : std::string();
   };
   LocationSensingSettings settings;
-  settings.positioningServerURL = text("PositioningServerURL");
+  // Only a missing key means the default: the empty text turns the server off.
+  const std::optional<PrefValue> server = preferences.copyValue("PositioningServerURL");
+  settings.positioningServerURL = server && server->isString() ? server->asString() : defaultServerURL;
   settings.ipLocationURL = text("IPLocationURL");
   settings.reachabilityHost = text("ReachabilityHost");
-  if (settings.reachabilityHost.empty())
-    settings.reachabilityHost =
-        hostOfURL(settings.positioningServerURL.empty() ? defaultServerURL : settings.positioningServerURL);
+  if (settings.reachabilityHost.empty()) settings.reachabilityHost = hostOfURL(settings.positioningServerURL);
   return settings;
 }
 

@@ -5,12 +5,14 @@
 //
 // Preferences (all optional):
 //   "PositioningServerURL"  server of the positioning library (default: the
-//                           library's own)
+//                           library's own, the geolocation JSON API of
+//                           BeaconDB); the empty text means no server
 //   "ReachabilityHost"      host tested before a second lookup (default: the
 //                           host of the positioning server URL)
 //   "IPLocationURL"         base URL of the IP-location page, to which
 //                           "/app/locate_my_ip" is appended (default: none,
-//                           the fallback is skipped)
+//                           the positioning server is asked for the IP
+//                           address's position instead)
 //
 // Thread safety: main thread.
 #pragma once
@@ -30,11 +32,12 @@
 namespace zonara {
 
 struct LocationSensingSettings {
-  std::string positioningServerURL;  // "" = the library's default
+  std::string positioningServerURL;  // "" = no positioning server
   std::string reachabilityHost;
   std::string ipLocationURL;
 
-  // Reads the keys above; the reachability host defaults to the server's.
+  // Reads the keys above; a missing PositioningServerURL gives
+  // `defaultServerURL`, and the reachability host defaults to the server's.
   [[nodiscard]] static LocationSensingSettings fromPreferences(PreferencesDomain& preferences,
                                                                const std::string& defaultServerURL);
   // "host" of "scheme://user@host:port/path" (brackets of IPv6 removed).

@@ -44,6 +44,21 @@ class FakeLocationLibrary final : public LocationLibrary {
     }
     return script ? script(longitude, latitude) : WPS_ERROR;
   }
+  WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication, double* longitude,
+                                    double* latitude, bool* ipBased) override {
+    *ipBased = wifiAnswerIsIpBased;
+    return location(authentication, longitude, latitude);
+  }
+  WPS_ReturnCode ipLocation(double* longitude, double* latitude) override {
+    std::function<WPS_ReturnCode(double*, double*)> script;
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      ++ipLookups;
+      script = locateIp;
+    }
+    return script ? script(longitude, latitude) : WPS_ERROR;
+  }
+  bool usesAccounts() override { return accounts; }
   [[nodiscard]] size_t lookupCount() {
     std::lock_guard<std::mutex> lock(mu);
     return users.size();
@@ -53,6 +68,10 @@ class FakeLocationLibrary final : public LocationLibrary {
   WPS_ReturnCode registerResult = WPS_OK;
   WPS_ReturnCode tilingResult = WPS_OK;
   std::function<WPS_ReturnCode(double*, double*)> locate;
+  std::function<WPS_ReturnCode(double*, double*)> locateIp;  // answers ipLocation (default: WPS_ERROR)
+  bool wifiAnswerIsIpBased = false;
+  bool accounts = true;  // false: a server without accounts and tiles
+  int ipLookups = 0;
   std::vector<std::string> registrations;
   std::vector<std::string> tilings;
   std::vector<std::string> users;

@@ -119,17 +119,32 @@ bool TelluroHelper::lookupsRunning() {
 
 std::optional<TelluroLocation> TelluroHelper::currentLocation() {
   SystemLog("fetching telluro location");
-  std::unique_ptr<TelluroAuthentication> auth = GetTelluroAuthentication(library_, accountPath_);
-  if (WPS_ReturnCode rc = library_.tiling(cacheFolder_, kTilesPerSession, kTilesTotal); rc != WPS_OK)
-    SystemLog("*** WPS_tiling failed (%d)!\n\n", static_cast<int>(rc));
+  // A server without accounts has nothing to register and no tiles to offer.
+  auto auth = std::make_unique<TelluroAuthentication>();
+  auth->record = WPS_SimpleAuthentication{"", ""};
+  if (library_.usesAccounts()) {
+    auth = GetTelluroAuthentication(library_, accountPath_);
+    if (WPS_ReturnCode rc = library_.tiling(cacheFolder_, kTilesPerSession, kTilesTotal); rc != WPS_OK)
+      SystemLog("*** WPS_tiling failed (%d)!\n\n", static_cast<int>(rc));
+  }
   double longitude = 0, latitude = 0;
-  if (WPS_ReturnCode rc = library_.location(auth->record, &longitude, &latitude); rc != WPS_OK) {
+  bool ipBased = false;
+  if (WPS_ReturnCode rc = library_.locationWithSource(auth->record, &longitude, &latitude, &ipBased); rc != WPS_OK) {
     SystemLog("*** WPS_location failed (%i)!\n\n", static_cast<int>(rc));
     return std::nullopt;
   }
   // The position is kept in single precision: the library's doubles
   // narrowed to floats.
-  return TelluroLocation{singlePrecision(longitude), singlePrecision(latitude)};
+  return TelluroLocation{singlePrecision(longitude), singlePrecision(latitude), ipBased};
+}
+
+std::optional<TelluroLocation> TelluroHelper::ipLocation() {
+  double longitude = 0, latitude = 0;
+  if (WPS_ReturnCode rc = library_.ipLocation(&longitude, &latitude); rc != WPS_OK) {
+    SystemLog("*** WPS_ip_location failed (%i)!", static_cast<int>(rc));
+    return std::nullopt;
+  }
+  return TelluroLocation{longitude, latitude, true};
 }
 
 void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSeconds) {

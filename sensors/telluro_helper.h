@@ -28,10 +28,14 @@
 namespace zonara {
 
 // A position in degrees. The library's results are narrowed to single
-// precision; the IP-location page's are kept as read.
+// precision; the IP-location page's are kept as read. `ipBased` marks a
+// position found from the computer's IP address (the page, or a positioning
+// server that knew none of the access points): a city at best, where a Wi-Fi
+// position is a street.
 struct TelluroLocation {
   double longitude = 0;
   double latitude = 0;
+  bool ipBased = false;
 };
 
 // The positioning library's public functions the lookup uses; a seam so
@@ -46,6 +50,18 @@ class LocationLibrary {
   // On WPS_OK fills `longitude` and `latitude` (degrees).
   [[nodiscard]] virtual WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
                                                 double* latitude) = 0;
+  // As location(), and on WPS_OK tells whether the position was found from
+  // the IP address rather than from Wi-Fi (by default it never is).
+  [[nodiscard]] virtual WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication,
+                                                          double* longitude, double* latitude, bool* ipBased) {
+    *ipBased = false;
+    return location(authentication, longitude, latitude);
+  }
+  // The server's position for the computer's IP address (by default none).
+  [[nodiscard]] virtual WPS_ReturnCode ipLocation(double* /*longitude*/, double* /*latitude*/) { return WPS_ERROR; }
+  // False when the server has no accounts and no tiles (the geolocation
+  // JSON API): lookups then neither register nor configure tiling.
+  [[nodiscard]] virtual bool usesAccounts() { return true; }
 };
 
 // The account file's user name: nullopt when the file or the key is absent.
@@ -86,8 +102,12 @@ class TelluroHelper {
   TelluroHelper(const TelluroHelper&) = delete;
   TelluroHelper& operator=(const TelluroHelper&) = delete;
 
-  // The blocking lookup: account, tile download, location request.
+  // The blocking lookup: account, tile download, location request (only the
+  // location request when the library's server has no accounts).
   [[nodiscard]] std::optional<TelluroLocation> currentLocation();
+  // The library's server's position for the computer's IP address, marked
+  // ipBased; nullopt when it gives none. Blocking; any thread.
+  [[nodiscard]] std::optional<TelluroLocation> ipLocation();
 
   // Starts the lookup on a new thread and returns at once. A one-shot
   // time-out timer is added to the calling thread's run loop: it delivers

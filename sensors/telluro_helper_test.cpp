@@ -12,8 +12,8 @@
 #include "platform/preferences_store.h"
 #include "platform/run_loop.h"
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/temp_dir.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {
@@ -120,6 +120,39 @@ TEST_F(TelluroHelperTest, LookupUsesTheTileFolderAndNarrowsToLongitudeLatitudeFl
   EXPECT_FALSE(helper.currentLocation());
   lines = log();
   EXPECT_EQ(lines.back(), "*** WPS_location failed (6)!\n\n");
+}
+
+TEST_F(TelluroHelperTest, ServerWithoutAccountsIsOnlyAskedForTheLocationAndItsSourceIsKept) {
+  FakeLocationLibrary library;
+  library.accounts = false;
+  library.locate = [](double* lon, double* lat) {
+    *lon = 13.4;
+    *lat = 52.5;
+    return WPS_OK;
+  };
+  TelluroHelper helper(library, folder_);
+  for (bool ipBased : {false, true}) {
+    library.wifiAnswerIsIpBased = ipBased;
+    std::optional<TelluroLocation> location = helper.currentLocation();
+    ASSERT_TRUE(location);
+    EXPECT_EQ(location->ipBased, ipBased);
+  }
+  EXPECT_TRUE(library.registrations.empty());
+  EXPECT_TRUE(library.tilings.empty());
+  EXPECT_FALSE(GetTelluroUsername(helper.accountPath()));
+  EXPECT_EQ(library.users, (std::vector<std::string>{"@", "@"}));
+
+  // The IP-address position is always marked as such.
+  EXPECT_FALSE(helper.ipLocation());
+  library.locateIp = [](double* lon, double* lat) {
+    *lon = 2.35;
+    *lat = 48.85;
+    return WPS_OK;
+  };
+  std::optional<TelluroLocation> ip = helper.ipLocation();
+  ASSERT_TRUE(ip);
+  EXPECT_DOUBLE_EQ(ip->latitude, 48.85);
+  EXPECT_TRUE(ip->ipBased);
 }
 
 TEST(TelluroHelperDistance, FlatEarthInSinglePrecision) {

@@ -70,6 +70,23 @@ void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<d
   std::lock_guard<std::mutex> lock(mu_);
   currentLongitude_ = longitude;
   currentLatitude_ = latitude;
+  positionIsIpBased_ = false;
+}
+
+void TelluroSensor::setPosition(const TelluroLocation& location) {
+  if (location.ipBased) {
+    SystemLog("position %s, %s is from the IP address", numberText(location.latitude).c_str(),
+              numberText(location.longitude).c_str());
+  }
+  std::lock_guard<std::mutex> lock(mu_);
+  currentLongitude_ = location.longitude;
+  currentLatitude_ = location.latitude;
+  positionIsIpBased_ = location.ipBased;
+}
+
+bool TelluroSensor::positionIsIpBased() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return positionIsIpBased_;
 }
 
 void TelluroSensor::performLocationCheck() {
@@ -94,7 +111,7 @@ void TelluroSensor::performLocationCheck() {
 
 void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation>& location) {
   if (location) {
-    setPosition(location->longitude, location->latitude);
+    setPosition(*location);
     trigger_.triggerNotification();
     ready_ = true;
     return;
@@ -183,9 +200,9 @@ void TelluroSensor::finishFetch(const std::optional<TelluroLocation>& location) 
 
 void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location) {
   if (location) {
-    setPosition(location->longitude, location->latitude);
-    SystemLog("setting current longitude to %s, latitude to %s", numberText(location->longitude).c_str(),
-              numberText(location->latitude).c_str());
+    setPosition(*location);
+    SystemLog("setting current longitude to %s, latitude to %s%s", numberText(location->longitude).c_str(),
+              numberText(location->latitude).c_str(), location->ipBased ? " (from the IP address)" : "");
     trigger_.triggerNotification();
     return;
   }
@@ -202,7 +219,7 @@ void TelluroSensor::refreshLocation() {
 
 void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location) {
   if (location) {
-    setPosition(location->longitude, location->latitude);
+    setPosition(*location);
     return;
   }
   startIPLocationCheck();
@@ -226,8 +243,9 @@ void TelluroSensor::startIPLocationCheck() {
 
 std::optional<TelluroLocation> TelluroSensor::performIPLocationCheck(const std::stop_token& stop) {
   SystemLog("performing ip location");
-  std::optional<std::string> body;
+  std::optional<TelluroLocation> location;
   if (!config_.ipLocationURL.empty()) {
+    std::optional<std::string> body;
     std::string base = config_.ipLocationURL;
     while (!base.empty() && base.back() == '/') base.pop_back();
     const std::string url = base + kIPLocationPath;
@@ -235,9 +253,13 @@ std::optional<TelluroLocation> TelluroSensor::performIPLocationCheck(const std::
       body = fetcher_.fetch(url, 10000ms);
       if (!body && !BackgroundWorker::pause(30000ms, stop)) break;
     }
+    if (body) location = scrapeIPLocationPage(*body);
+  } else {
+    // Without a page the positioning server is asked once; it keeps its own
+    // back-off when it refuses.
+    location = helper_.ipLocation();
   }
-  if (!body) return std::nullopt;
-  return scrapeIPLocationPage(*body);
+  return location;
 }
 
 std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::string& page) {
@@ -256,7 +278,7 @@ std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::st
   if (*next == '/') ++next;
   const double longitude = std::strtod(next, &end);
   if (end == next) return std::nullopt;
-  return TelluroLocation{longitude, latitude};
+  return TelluroLocation{longitude, latitude, true};
 }
 
 TelluroStatus TelluroSensor::telluroStatus() const {

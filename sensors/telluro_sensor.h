@@ -7,9 +7,12 @@
 // service's host to be reachable (a thread of its own, with a give-up timer
 // on another thread with its own run loop) and asks again; failing that it
 // reads the IP-location page "<IPLocationURL>/app/locate_my_ip" (10
-// attempts, 10 s each, 30 s apart) on a worker thread, whose answer is
-// handed to the main thread. A new position triggers the aggregator, except
-// the silent refresh's own (not from the page), which is only stored.
+// attempts, 10 s each, 30 s apart), or, with no page configured, asks the
+// positioning library once for the IP address's position; either runs on a
+// worker thread, whose answer is handed to the main thread. A new position
+// triggers the aggregator, except the silent refresh's own (not from the IP
+// address), which is only stored; a position from the IP address is marked
+// so.
 //
 // Thread safety: `performLocationCheck`, `willSleep`, `didWake` and
 // `triggerSensor` on the main thread; the position accessors from any
@@ -65,7 +68,8 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   struct Config {
     // Host whose reachability the connectivity wait tests.
     std::string reachabilityHost;
-    // Base URL of the IP-location page ("" = no fallback: it fails at once).
+    // Base URL of the IP-location page ("" = the positioning library's IP
+    // location instead).
     std::string ipLocationURL;
   };
   static constexpr const char* kIPLocationPath = "/app/locate_my_ip";
@@ -83,6 +87,8 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   // LocationSource
   [[nodiscard]] std::optional<double> currentLongitude() const override;
   [[nodiscard]] std::optional<double> currentLatitude() const override;
+  // True when the current position was found from the IP address.
+  [[nodiscard]] bool positionIsIpBased() const;
 
   // The quick check: once no check is in progress (looked at every 0.1 s by
   // a main-loop timer; the call itself returns at once), looks up with the
@@ -99,8 +105,9 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   // The IP-location fallback on the worker; a position it finds goes to
   // `triggerSensor` on the main thread (stored, and the aggregator triggered).
   void startIPLocationCheck();
-  // The page itself, blocking: the position it gives, or nullopt after ten
-  // failed attempts or once `stop` is requested.
+  // The page itself (or, without one, the positioning library's IP
+  // position), blocking: the position it gives, or nullopt after ten failed
+  // attempts or once `stop` is requested.
   [[nodiscard]] std::optional<TelluroLocation> performIPLocationCheck(const std::stop_token& stop = {});
   // Whether the IP-location fallback is queued or running (tests).
   [[nodiscard]] bool ipLocationCheckRunning() const { return worker_.busy(); }
@@ -121,6 +128,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
  private:
   void refreshLocation();
   void setPosition(std::optional<double> longitude, std::optional<double> latitude);
+  void setPosition(const TelluroLocation& location);
   void waitForConnectivity();
   // The give-up timer (due at `giveUpAt`) and the ready watch, on a run
   // loop of this thread.
@@ -141,6 +149,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   mutable std::mutex mu_;  // the position, sleepDate_, the threads
   std::optional<double> currentLongitude_;
   std::optional<double> currentLatitude_;
+  bool positionIsIpBased_ = false;
   std::optional<Clock::WallTime> sleepDate_;
   struct Worker {
     std::thread thread;

@@ -5,8 +5,8 @@
 #include <filesystem>
 
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/temp_dir.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {
@@ -62,6 +62,7 @@ class TelluroSensorTest : public ::testing::Test {
     std::lock_guard<std::mutex> lock(library_.mu);
     library_.users.clear();
     library_.lookupTimes.clear();
+    library_.ipLookups = 0;
     std::lock_guard<std::mutex> pages(fetcher_.mu);
     fetcher_.urls.clear();
     fetcher_.timeouts.clear();
@@ -182,6 +183,28 @@ TEST_F(TelluroSensorTest, FailedLookupFallsBackToTheIPLocationPage) {
   EXPECT_DOUBLE_EQ(*sensor_->currentLongitude(), -73.6);
   EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 45.5);
   EXPECT_EQ(trigger_.count(), 1u);
+}
+
+TEST_F(TelluroSensorTest, WithoutAPageTheLibrarysIpLocationIsAskedOnceAndMarked) {
+  makeSensor();
+  sensor_->triggerSensor(std::nullopt);
+  EXPECT_EQ(library_.ipLookups, 1);
+  EXPECT_FALSE(sensor_->currentLongitude());
+  EXPECT_EQ(trigger_.count(), 0u);
+
+  library_.locateIp = [](double* lon, double* lat) { return at(lon, lat, 13.4, 52.5); };
+  sensor_->triggerSensor(std::nullopt);
+  EXPECT_EQ(library_.ipLookups, 2);
+  EXPECT_TRUE(fetcher_.urls.empty());
+  EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 52.5);
+  EXPECT_TRUE(sensor_->positionIsIpBased());
+  EXPECT_TRUE(logged("setting current longitude to 13.4, latitude to 52.5 (from the IP address)"));
+  EXPECT_TRUE(logged("position 52.5, 13.4 is from the IP address"));
+  EXPECT_EQ(trigger_.count(), 1u);
+
+  // A Wi-Fi position replaces it and is not marked.
+  sensor_->triggerSensor(TelluroLocation{13.41, 52.51});
+  EXPECT_FALSE(sensor_->positionIsIpBased());
 }
 
 TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecondsApart) {

@@ -19,7 +19,12 @@ class WpsLocationLibrary final : public LocationLibrary {
   // No street address is asked for; the library's record is freed here.
   [[nodiscard]] WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
                                         double* latitude) override;
-  // Points the library at `url` ("" leaves its default).
+  [[nodiscard]] WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication, double* longitude,
+                                                  double* latitude, bool* ipBased) override;
+  [[nodiscard]] WPS_ReturnCode ipLocation(double* longitude, double* latitude) override;
+  // Only a server of the XML protocol has accounts and tiles.
+  [[nodiscard]] bool usesAccounts() override;
+  // Points the library at `url`; "" means no server (no network use).
   static void setServerURL(const std::string& url);
 };
 

@@ -275,6 +275,11 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 
   // Services, each behind a gate that can take it down.
   positioning_ = std::make_unique<WPS::API::testing::FakePositioningServer>();
+  geolocation_ = std::make_unique<WPS::API::testing::GeolocationServer>();
+  for (const demo::City& city : cityTable().cities()) {
+    for (const WPS::API::LocatedAccessPoint& ap : accessPointsOf(city))
+      geolocation_->addAccessPoint(ap.mac.toColonString(), city.latitude, city.longitude);
+  }
   timezone_ = std::make_unique<HttpTestServer>(
       [](const HttpRequest& request) { return demo::AnswerTimeZoneRequest(cityTable(), request, {}); });
   ipPage_ = std::make_unique<HttpTestServer>([this](const HttpRequest& request) {
@@ -295,7 +300,8 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
     where.longitude = city->longitude;
     return where;
   });
-  gates_[Service::Positioning] = std::make_unique<ServiceGate>(positioning_->http().port());
+  gates_[Service::Positioning] = std::make_unique<ServiceGate>(
+      options_.geolocationApi ? geolocation_->http().port() : positioning_->http().port());
   gates_[Service::TimeZone] = std::make_unique<ServiceGate>(timezone_->port());
   gates_[Service::IPLocation] = std::make_unique<ServiceGate>(ipPage_->port());
 
@@ -325,11 +331,18 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 
   preferences_ = std::make_unique<PreferencesDomain>(kPreferencesDomain, configHome());
   PreferencesDomain& p = *preferences_;
-  p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
-  p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+  if (options_.timezoneService) {
+    p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
+    p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
+  }
   p.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string(script)}));
-  p.setValue("PositioningServerURL", PrefValue::string(gates_[Service::Positioning]->url()));
-  p.setValue("IPLocationURL", PrefValue::string(gates_[Service::IPLocation]->url()));
+  if (options_.geolocationApi) {
+    p.setValue("PositioningServerURL",
+               PrefValue::string(gates_[Service::Positioning]->url(WPS::API::testing::GeolocationServer::kPath)));
+  } else {
+    p.setValue("PositioningServerURL", PrefValue::string(gates_[Service::Positioning]->url()));
+    p.setValue("IPLocationURL", PrefValue::string(gates_[Service::IPLocation]->url()));
+  }
   p.setValue("ZonaraEnabled", PrefValue::boolean(true));
   if (!p.synchronize()) { fail("cannot write the preferences"); return; }
 
@@ -344,6 +357,7 @@ HelperSystem::~HelperSystem() {
   ipPage_.reset();
   timezone_.reset();
   positioning_.reset();
+  geolocation_.reset();
   buses_.reset();
 }
 
@@ -482,8 +496,7 @@ void HelperSystem::writeScanFile(const std::string& name) {
 
 void HelperSystem::travelTo(const std::string& name) {
   writeScanFile(name);
-  std::lock_guard<std::mutex> lock(worldMu_);
-  ipCity_ = name;
+  setIPLocationCity(name);
 }
 
 void HelperSystem::travelNowhere() {
@@ -491,7 +504,12 @@ void HelperSystem::travelNowhere() {
 }
 
 void HelperSystem::setIPLocationCity(const std::string& city) {
-  if (!city.empty()) (void)cityNamed(city);
+  if (city.empty()) {
+    geolocation_->setIpLocation(std::nullopt);
+  } else {
+    const demo::City& where = cityNamed(city);
+    geolocation_->setIpLocation(std::make_pair(where.latitude, where.longitude));
+  }
   std::lock_guard<std::mutex> lock(worldMu_);
   ipCity_ = city;
 }

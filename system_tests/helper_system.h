@@ -22,7 +22,9 @@
 //     database, and a recording set-time-zone command (a shell script) that
 //     logs its arguments and re-points that link, so the helper sees the zone
 //     it applied. The machine's real zone is never touched;
-//   - the helper's preferences pointing at all of the above;
+//   - the helper's preferences pointing at all of the above (the time-zone
+//     service only when `Options::timezoneService`: without it the helper
+//     takes zones from the boundary data);
 //   - when the test program entered a network namespace at start
 //     (`NetworkNamespace::enterAtStart`), a veth pair whose end "zw0" the
 //     helper sees as wireless (through ZONARA_SYSFS_ROOT), joined to a network
@@ -50,13 +52,14 @@
 #include <vector>
 
 #include "platform/preferences_store.h"
-#include "platform/testing/child_process.h"
 #include "platform/testing/fakes.h"
-#include "platform/testing/http_test_server.h"
 #include "platform/testing/service_gate.h"
-#include "platform/testing/temp_dir.h"
 #include "wps/api/testing/fake_positioning_server.h"
+#include "wps/api/testing/geolocation_server.h"
 #include "wps/api/tiles/located_access_point.h"
+#include "wps/spi/testing/child_process.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara::testing {
 
@@ -86,6 +89,15 @@ class HelperSystem {
     std::string startCity = "Paris";
     // The desktop notification service on the session bus.
     bool notificationService = true;
+    // TimezoneServiceURL names the loopback time-zone service. Off: the
+    // preference is not set (the service still listens, so a test can see
+    // that nothing asked it).
+    bool timezoneService = true;
+    // The helper's positioning server is the geolocation JSON API server
+    // (geolocationServer(): it knows every city's access points and places
+    // the IP address in the IP-location city), and no IP-location page is
+    // configured. Otherwise it is the XML positioning server.
+    bool geolocationApi = false;
   };
 
   // Builds everything; check `ok()` (and `error()`) before use.
@@ -160,6 +172,7 @@ class HelperSystem {
   void setAllServicesUp(bool up);
   // The servers themselves (for scripting answers and counting requests).
   [[nodiscard]] WPS::API::testing::FakePositioningServer& positioningServer() { return *positioning_; }
+  [[nodiscard]] WPS::API::testing::GeolocationServer& geolocationServer() { return *geolocation_; }
   [[nodiscard]] HttpTestServer& timezoneService() { return *timezone_; }
   [[nodiscard]] HttpTestServer& ipLocationPage() { return *ipPage_; }
   // Time-zone service requests so far.
@@ -240,6 +253,7 @@ class HelperSystem {
   TempDir root_{"system-"};
   std::unique_ptr<Buses> buses_;
   std::unique_ptr<WPS::API::testing::FakePositioningServer> positioning_;
+  std::unique_ptr<WPS::API::testing::GeolocationServer> geolocation_;
   std::unique_ptr<HttpTestServer> timezone_;
   std::unique_ptr<HttpTestServer> ipPage_;
   std::map<Service, std::unique_ptr<ServiceGate>> gates_;

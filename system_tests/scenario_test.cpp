@@ -363,6 +363,67 @@ TEST(ScenarioTest, ASetTimezoneCommandThatChangesNothingIsNotAnnounced) {
   }
 }
 
+// With the geolocation JSON API as the only positioning service, the scan
+// file's access points lead to the zone: no account, no tiles.
+TEST(ScenarioTest, GeolocationApiServerFindsTheZoneFromTheScan) {
+  HelperSystem::Options options;
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(20s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Europe/Paris"});
+  EXPECT_GE(system.geolocationServer().wifiRequestCount(), 1u);
+  EXPECT_EQ(system.geolocationServer().ipRequestCount(), 0u);
+  EXPECT_EQ(system.positioningServer().http().requestCount(), 0u);
+  EXPECT_EQ(system.logCount("from the IP address"), 0u);
+  for (const auto& request : system.geolocationServer().http().requests()) {
+    EXPECT_EQ(request.header("Content-Type"), "application/json");
+    EXPECT_EQ(request.body.find("Paris"), std::string::npos) << "no network name is sent";
+  }
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
+// The server knows none of the access points: the helper asks the same
+// server where its IP address is, and takes that position as IP-based.
+TEST(ScenarioTest, GeolocationApiNotFoundFallsBackToTheServersIpLocation) {
+  HelperSystem::Options options;
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  system.geolocationServer().clearAccessPoints();
+  system.setIPLocationCity("Tokyo");
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(20s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Asia/Tokyo"});
+  EXPECT_GE(system.geolocationServer().wifiRequestCount(), 1u);
+  EXPECT_GE(system.geolocationServer().ipRequestCount(), 1u);
+  EXPECT_GE(system.logCount("is from the IP address"), 1u) << system.helperLogFile();
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
+// The server asks to be left alone (503): one request; then the IP-address
+// fallback to the same server, and the look-ups after joining a network, end
+// inside the back-off period without a request. No zone, no loop.
+TEST(ScenarioTest, GeolocationApiServerUnavailableIsAskedOnce) {
+  HelperSystem::Options options = scaled(5);
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  if (!system.hasWirelessInterface()) GTEST_SKIP() << "no network namespace here: cannot change the network";
+  system.geolocationServer().setFault(WPS::API::testing::GeolocationServer::Fault::kServiceUnavailable);
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForLog("WPS_ip_location failed (5)", patience(10s))) << system.helperLogFile();
+
+  const std::string searching = "path = State:/Network/Interface/zw0/AirPort, change = {Busy = 1;";
+  ASSERT_TRUE(system.wirelessSearch());
+  ASSERT_TRUE(system.waitForLog(searching, patience(5s))) << system.helperLogFile();
+  ASSERT_TRUE(system.wirelessJoin());
+  ASSERT_TRUE(system.waitForLog("WPS_ip_location failed (5)", patience(20s), 2)) << system.helperLogFile();
+  EXPECT_GE(system.logCount("WPS_location failed (5)"), 2u);
+  EXPECT_EQ(system.geolocationServer().wifiRequestCount(), 1u);
+  EXPECT_EQ(system.geolocationServer().ipRequestCount(), 0u);
+  EXPECT_TRUE(system.appliedZones().empty());
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
 }  // namespace
 }  // namespace zonara
 

@@ -377,7 +377,7 @@ struct Metric {
     double ddy = py < b.y0 ? b.y0 - py : py > b.y1 ? py - b.y1 : 0;
     double ddx = 0;
     if (px < b.x0 || px > b.x1) ddx = std::min(std::abs(dx(b.x0)), std::abs(dx(b.x1))) / kx;
-    return std::hypot(ddx * kx, ddy * ky);
+    return std::sqrt(ddx * kx * ddx * kx + ddy * ky * ddy * ky);
   }
   // Distance to a segment, with its nearest point's longitude (micro-degrees, relative to px) in *nearX.
   double toSegment(double ax, double ay, double bx, double by, double* nearX = nullptr) const {
@@ -386,7 +386,7 @@ struct Metric {
     double t = len2 > 0 ? std::clamp(-(x1 * vx + y1 * vy) / len2, 0.0, 1.0) : 0;
     double nx = x1 + t * vx, ny = y1 + t * vy;
     if (nearX) *nearX = nx / kx;
-    return std::hypot(nx, ny);
+    return std::sqrt(nx * nx + ny * ny);
   }
 };
 

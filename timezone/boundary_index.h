@@ -45,7 +45,7 @@ class BoundaryIndex {
   // Same errors as zonesAt, and for a negative or not finite radius.
   [[nodiscard]] std::optional<std::vector<std::string>> zonesWithin(double lat, double lon, double radiusMetres, std::string* error) const;
 
-  // The release label stored by the converter (e.g. "timezone-boundary-builder 2025b (geo-tz 8.1.9)").
+  // The release label stored by the converter (e.g. "timezone-boundary-builder 2026d (geo-tz 8.1.9)").
   [[nodiscard]] const std::string& release() const;
 
   // The number of named land zones in the file (ocean bands not counted).

@@ -2,6 +2,10 @@
 #include "timezone/boundary_index.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <thread>
 
 #include <cmath>
 #include <cstdlib>
@@ -172,6 +176,41 @@ TEST_F(SmallWorld, CorruptBytesNeverCrash) {
       (void)index->zonesWithin(lat, lon, 50000, &error);
     }
   }
+}
+
+TEST_F(SmallWorld, ConcurrentLookUpsAgree) {
+  const std::pair<double, double> points[] = {{15, -95}, {15, -89.999}, {35, -45}, {-45, 90}, {-45, -180}, {20.1, -95}};
+  std::vector<Zones> expected;
+  for (auto [lat, lon] : points) expected.push_back(zonesAt(lat, lon));
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      std::string error;
+      for (int round = 0; round < 2000; ++round) {
+        size_t k = size_t(round) % std::size(points);
+        auto z = index_->zonesAt(points[k].first, points[k].second, &error);
+        auto d = index_->borderDistance(points[k].first, points[k].second, &error);
+        if (!z || *z != expected[k] || !d) ++mismatches;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(mismatches, 0);
+}
+
+TEST(ConverterProgram, ExitStatusAndOutput) {
+  auto [index, geo] = testing::writeSmallWorld(tmpDir());
+  std::string tool = ZONARA_TZDATA_PROGRAM, out = tmpDir() + "/program.dat";
+  auto run = [&](const std::string& args) { return WEXITSTATUS(std::system((tool + " " + args + " >/dev/null 2>&1").c_str())); };
+  EXPECT_EQ(run(""), 2);
+  EXPECT_EQ(run(index + " " + geo + " " + out), 2);  // no --release
+  EXPECT_EQ(run(index + " " + index + " " + out + " --release x"), 1);
+  EXPECT_EQ(run(index + " " + geo + " " + out + " --release 'label with spaces'"), 0);
+  std::string error;
+  auto opened = BoundaryIndex::open(out, &error);
+  ASSERT_NE(opened, nullptr) << error;
+  EXPECT_EQ(opened->release(), "label with spaces");
 }
 
 TEST(BoundaryOpen, MissingOrForeignFiles) {

@@ -15,9 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kAttempts = 10;
 constexpr auto kRequestTimeout = 10s;
-constexpr auto kPauseBetweenAttempts = 30s;
 
 // Reads a number the lenient way: leading blanks skipped, as much as parses,
 // 0 when nothing does.
@@ -66,16 +64,16 @@ std::optional<ZoneAnswer> GeoNamesClient::lookUp(double longitude, double latitu
 
   std::optional<std::string> data;
   std::optional<XmlElement> root;
-  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+  for (int attempt = 1; attempt <= config_.attempts; ++attempt) {
     data = fetcher_.fetch(url, kRequestTimeout);
     if (data) {
       root = parseXml(*data);
       if (root) break;
     }
-    if (!BackgroundWorker::pause(kPauseBetweenAttempts, stop)) return std::nullopt;
+    if (!BackgroundWorker::pause(config_.pauseBetweenAttempts, stop)) return std::nullopt;
     // Data that is not XML is not asked for again.
     if (data) break;
-    if (attempt == kAttempts) return std::nullopt;
+    if (attempt == config_.attempts) return std::nullopt;
   }
 
   // An answer without a timezone record -- not XML, an error document of the

@@ -6,14 +6,15 @@
 // service's XML ("<geonames><timezone><timezoneId>..</timezoneId>
 // <gmtOffset>1</gmtOffset><dstOffset>2</dstOffset>..").
 //
-// `lookUp` blocks the calling thread (up to 10 attempts of up to 10 s with
-// 30 s pauses between them, by design): call it from a worker thread. The
-// pauses are taken on the installed `Clock`.
+// `lookUp` blocks the calling thread (by default up to 10 attempts of up to
+// 10 s with 30 s pauses between them, by design): call it from a worker
+// thread. The pauses are taken on the installed `Clock`.
 //
 // Thread safety: the object is immutable; any thread may call it, as long as
 // the fetcher allows that too.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <stop_token>
@@ -29,10 +30,16 @@ class PreferencesDomain;
 class GeoNamesClient {
  public:
   struct Config {
-    // Base URL of the service, without a trailing path.
-    std::string serviceURL = "http://api.geonames.org";
+    // Base URL of the service, without a trailing path (for example
+    // "http://api.geonames.org"). Empty: no service is configured (the
+    // helper then uses the boundary data, geolocation_helper.h).
+    std::string serviceURL;
     // Sent as "username" when not empty; the public service requires one.
     std::string username;
+    // Requests per look-up, and the pause after each one that brings no XML
+    // (after the last one too).
+    int attempts = 10;
+    std::chrono::seconds pauseBetweenAttempts{30};
   };
 
   // Reads "TimezoneServiceURL" and "TimezoneServiceUsername" (strings) from

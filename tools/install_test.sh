@@ -66,6 +66,23 @@ done
 grep -qx "Exec=$P/bin/zonara start" "$P/share/applications/org.quillon.Zonara.desktop" || fail "desktop entry Exec"
 grep -qx "ExecStart=$P/bin/zonara-helper" "$P/lib/systemd/user/zonara-helper.service" || fail "unit ExecStart"
 
+# --- Time-zone boundary data ---------------------------------------------------
+# Installed with its attribution when the build made it; the installed
+# control program finds it beside its prefix and answers without any service.
+if [ -f "$BUILD/share/zonara/timezone-boundaries.dat" ]; then
+  [ -f "$P/share/zonara/timezone-boundaries.dat" ] || fail "boundary data not installed"
+  notice=$P/share/doc/zonara/TIMEZONE-BOUNDARIES
+  [ -f "$notice" ] || fail "missing $notice"
+  grep -q "OpenStreetMap contributors" "$notice" && grep -q "ODbL" "$notice" &&
+    grep -q "timezone-boundary-builder" "$notice" || fail "$notice lacks the attribution"
+  mkdir -p "$TMP/noprefs"
+  zone=$(env -u ZONARA_TZ_DATA HOME="$TMP/nohome" XDG_CONFIG_HOME="$TMP/noprefs" XDG_DATA_HOME="$TMP/nodata" \
+         XDG_DATA_DIRS="$TMP/nowhere" "$P/bin/zonara" timezone 50.85 4.35) || fail "installed zonara timezone failed"
+  [ "$zone" = Europe/Brussels ] || fail "installed zonara timezone answered '$zone'"
+elif [ -n "${ZONARA_REQUIRE_TZ_DATA:-}" ] && [ "${ZONARA_REQUIRE_TZ_DATA}" != 0 ]; then
+  fail "the build made no time-zone boundary data, and ZONARA_REQUIRE_TZ_DATA is set"
+fi
+
 # --- The installed commands ---------------------------------------------------
 export HOME="$TMP/home" XDG_CONFIG_HOME="$TMP/config" XDG_DATA_HOME="$TMP/data"
 export PATH="$P/bin:$PATH" HELPER_EXE TMP

@@ -16,7 +16,9 @@ namespace {
 constexpr int kUsageError = 2;
 
 constexpr const char* kRequestOptions =
-    "  --server URL        positioning server (default: the library's built-in URL)\n"
+    "  --server URL        positioning server (default: https://api.beacondb.net/v1/geolocate);\n"
+    "                      a URL ending in /v1/geolocate speaks the geolocation JSON API\n"
+    "                      (no user or realm needed), any other the XML protocol\n"
     "  --user NAME         account user name\n"
     "  --realm REALM       account realm\n"
     "  --lookup MODE       street address to ask for: none, limited or full (default none)\n"
@@ -171,7 +173,8 @@ int runLocateCommand(const std::vector<std::string>& args) {
     std::printf(
         "usage: wps-tool locate [OPTIONS]\n"
         "Scans Wi-Fi (up to 5 s) and asks the tiles, then the server, where this computer is.\n"
-        "Prints LATITUDE LONGITUDE HPE NAP (degrees, metres of error, access points used).\n"
+        "Prints LATITUDE LONGITUDE HPE NAP (degrees, metres of error, access points used),\n"
+        "followed by \"ip\" when the server could only locate the IP address.\n"
         "On failure prints the result code's name to stderr and exits with the code.\n%s%s",
         kRequestOptions, kNoNetworkOption);
     return 0;
@@ -181,7 +184,8 @@ int runLocateCommand(const std::vector<std::string>& args) {
   WPS_Location* location = nullptr;
   const WPS_ReturnCode code = WPS_location(&auth, options.lookup, &location);
   if (code == WPS_OK && location != nullptr) {
-    std::printf("%.6f %.6f %.1f %u\n", location->latitude, location->longitude, location->hpe, location->nap);
+    std::printf("%.6f %.6f %.1f %u%s\n", location->latitude, location->longitude, location->hpe, location->nap,
+                location->source == WPS_SOURCE_IP_ADDRESS ? " ip" : "");
   }
   WPS_free_location(location);
   return code == WPS_OK ? 0 : failed(code);
@@ -193,7 +197,8 @@ int runIpLocateCommand(const std::vector<std::string>& args) {
   if (options.help) {
     std::printf(
         "usage: wps-tool ip-locate [OPTIONS]\n"
-        "Asks the server where this computer's IP address is. Prints IP LATITUDE LONGITUDE.\n"
+        "Asks the server where this computer's IP address is. Prints IP LATITUDE LONGITUDE\n"
+        "(IP is \"-\" when the server does not say).\n"
         "On failure prints the result code's name to stderr and exits with the code.\n%s",
         kRequestOptions);
     return 0;
@@ -203,7 +208,8 @@ int runIpLocateCommand(const std::vector<std::string>& args) {
   WPS_IPLocation* location = nullptr;
   const WPS_ReturnCode code = WPS_ip_location(&auth, options.lookup, &location);
   if (code == WPS_OK && location != nullptr) {
-    std::printf("%s %.6f %.6f\n", location->ip, location->latitude, location->longitude);
+    std::printf("%s %.6f %.6f\n", location->ip[0] != '\0' ? location->ip : "-", location->latitude,
+                location->longitude);
   }
   WPS_free_ip_location(location);
   return code == WPS_OK ? 0 : failed(code);

@@ -12,15 +12,17 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/child_process.h"
-#include "platform/testing/http_test_server.h"
-#include "platform/testing/temp_dir.h"
 #include "wps/api/testing/fake_positioning_server.h"
+#include "wps/api/testing/geolocation_server.h"
+#include "wps/spi/testing/child_process.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HttpRequest;
 using testing::HttpResponse;
 using testing::ChildProcess;
 using testing::HttpTestServer;
@@ -127,6 +129,34 @@ TEST_F(WpsToolTest, LocateOnTheDeviceFromTileFiles) {
   EXPECT_GT(hpe, 0);
   EXPECT_EQ(nap, 3u);
   EXPECT_EQ(server_.requestCount(), 0u);
+}
+
+// A server URL ending in /v1/geolocate speaks the geolocation JSON API.
+TEST_F(WpsToolTest, LocateThroughTheGeolocationApi) {
+  WPS::API::testing::GeolocationServer json;
+  json.addAccessPoint("00:12:a3:b4:c5:d6", 52.5, 13.4);
+  json.setIpLocation(std::make_pair(48.85, 2.35), 20000);
+  Result r = run({"locate", "--server", json.url()}, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 0) << r.err;
+  // The access point without a name is hidden: two are sent.
+  EXPECT_EQ(r.out, "52.500000 13.400000 30.0 2\n");
+
+  r = run({"ip-locate", "--server", json.url()}, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "- 48.850000 2.350000\n");
+
+  json.http().enqueue(
+      HttpResponse(200, R"({"location": {"lat": 48.85, "lng": 2.35}, "accuracy": 20000, "fallback": "ipf"})"));
+  r = run({"locate", "--server", json.url()}, dir_ / "scans.txt");
+  EXPECT_EQ(r.out, "48.850000 2.350000 20000.0 2 ip\n");
+
+  json.setFault(WPS::API::testing::GeolocationServer::Fault::kNotFound);
+  r = run({"locate", "--server", json.url()}, dir_ / "scans.txt");
+  EXPECT_EQ(r.status, 6);
+  EXPECT_EQ(r.err, "WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED\n");
+  for (const HttpRequest& request : json.http().requests()) {
+    EXPECT_EQ(request.body.find("Cafe"), std::string::npos);
+  }
 }
 
 TEST_F(WpsToolTest, LocateFailureExitsWithTheCode) {

@@ -10,11 +10,11 @@
 //   zonara login on|off|status
 //   zonara get KEY             exit 1 when KEY is not set
 //   zonara set KEY VALUE       true/false, integers and reals are stored typed
-//   zonara timezone LATITUDE LONGITUDE
-//       Prints the time-zone name the helper would choose at that point and
-//       exits 0; prints nothing and exits 1 when it would choose none (no
-//       answer from the time-zone service, no matching zone, or a point within
-//       one degree of 0 N 0 E, which the helper treats as "no position").
+//   zonara timezone [--border] LATITUDE LONGITUDE | [--border] -
+//       The time-zone name the helper would choose at a point (see
+//       tools/timezone_command.h): from the boundary data, or the configured
+//       time-zone service; --border adds the distance to the nearest border;
+//       "-" reads points from standard input.
 //   zonara --help
 //
 // Usage errors exit 2, other failures 1, each with a message on standard
@@ -33,14 +33,14 @@
 #include <vector>
 
 #include "platform/dbus.h"
-#include "platform/http_fetcher.h"
 #include "platform/polkit.h"
 #include "platform/preferences_store.h"
 #include "platform/sleep_watcher.h"
-#include "platform/time_zone_database.h"
 #include "platform/zonara_names.h"
 #include "prefs/ZonaraPreferencesController.h"
-#include "timezone/geolocation_helper.h"
+#include "timezone/boundary_data.h"
+#include "timezone/geonames_client.h"
+#include "tools/timezone_command.h"
 
 using namespace zonara;
 
@@ -68,6 +68,10 @@ const char* const kUsage =
     "                             reals are stored as such, anything else as text\n"
     "  timezone LATITUDE LONGITUDE\n"
     "                             print the zone the helper would choose there\n"
+    "  timezone --border LATITUDE LONGITUDE\n"
+    "                             the zone and the metres to its nearest border\n"
+    "  timezone [--border] -      the same for each \"LATITUDE LONGITUDE\" line\n"
+    "                             of standard input, one answer per line\n"
     "  --help                     this text\n";
 
 // A usage error: the problem and a pointer to the help, or the whole help
@@ -219,6 +223,28 @@ std::string timezonePermission() {
   return "cannot tell: polkit does not answer (" + verdict.detail + ")";
 }
 
+// Where zones come from, and which boundaries the data on this computer holds
+// (with the attribution its licence asks for).
+void printTimeZoneSource() {
+  PreferencesDomain helperPrefs(kPreferencesDomain);
+  const GeoNamesClient::Config config = GeoNamesClient::configFromPreferences(helperPrefs);
+  std::string error;
+  const timezone::BoundaryData data =
+      timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  if (data.index) {
+    std::printf("Time-zone boundaries: %s, %zu zones, (c) OpenStreetMap contributors, ODbL (%s)\n",
+                data.index->release().c_str(), data.index->zoneCount(), data.path.c_str());
+  } else {
+    std::printf("Time-zone boundaries: unavailable (%s)\n", error.c_str());
+  }
+  if (!config.serviceURL.empty()) {
+    std::printf("Time zones from: the time-zone service at %s\n", config.serviceURL.c_str());
+  } else {
+    std::printf("Time zones from: %s\n",
+                data.index ? "the boundary data" : "nowhere (no boundary data, no TimezoneServiceURL)");
+  }
+}
+
 int statusCommand() {
   ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
   Bus bus;
@@ -239,6 +265,7 @@ int statusCommand() {
   } else if (isRunning) {
     std::printf("Detected time zone: unavailable (the helper does not serve this session's bus)\n");
   }
+  printTimeZoneSource();
   std::printf("Start at login: %s\n", prefs.shouldStartZonaraAtLogin() ? "on" : "off");
   std::printf("Setting the time zone without a password: %s\n", timezonePermission().c_str());
   std::printf("Preferences (%s):\n", kPreferencesDomain);
@@ -330,30 +357,6 @@ int setCommand(int argc, char** argv) {
   return 0;
 }
 
-bool parseDegrees(const char* text, double limit, double* out) {
-  char* end = nullptr;
-  double value = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !std::isfinite(value) || std::fabs(value) > limit) return false;
-  *out = value;
-  return true;
-}
-
-int timezoneCommand(int argc, char** argv) {
-  double latitude = 0, longitude = 0;
-  if (argc != 4) return usage("timezone takes a LATITUDE and a LONGITUDE");
-  if (!parseDegrees(argv[2], 90, &latitude)) return usage("LATITUDE must be a number of degrees from -90 to 90");
-  if (!parseDegrees(argv[3], 180, &longitude)) return usage("LONGITUDE must be a number of degrees from -180 to 180");
-  if (!isUsablePosition(longitude, latitude)) return 1;
-  PreferencesDomain prefs(kPreferencesDomain);
-  CurlHttpFetcher fetcher;
-  DateTzDatabase zones;
-  GeolocationHelper helper(fetcher, zones, GeoNamesClient::configFromPreferences(prefs));
-  std::optional<std::string> zone = helper.timezoneForLongitude(longitude, latitude);
-  if (!zone) return 1;
-  std::printf("%s\n", zone->c_str());
-  return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -369,6 +372,8 @@ int main(int argc, char** argv) {
   if (command == "login") return loginCommand(argc, argv);
   if (command == "get") return getCommand(argc, argv);
   if (command == "set") return setCommand(argc, argv);
-  if (command == "timezone") return timezoneCommand(argc, argv);
+  if (command == "timezone") {
+    return runTimezoneCommand(std::vector<std::string>(argv + 2, argv + argc), stdin, stdout, stderr);
+  }
   return usage(("unknown command " + command).c_str());
 }

@@ -4,6 +4,8 @@
 //   - a positioning server (FakePositioningServer) that locates a request
 //     from the access points it lists, registers users, and offers the
 //     tile files the demonstration built;
+//   - a geolocation JSON API server (GeolocationServer) that knows the same
+//     access points and places the computer's address in one city;
 //   - a time-zone service answering "/timezone?lat=..&lng=.." in the
 //     GeoNames XML form with the zone of the nearest city;
 //   - an IP-location page ("/app/locate_my_ip") placing the computer's
@@ -23,8 +25,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/api/tiles/located_access_point.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace zonara::demo {
 
@@ -76,6 +78,7 @@ class AccessPointLocator {
   // `error` set when the file is malformed; nothing is added then.
   [[nodiscard]] bool addCSV(std::istream& in, std::string& error);
   [[nodiscard]] size_t size() const { return accessPoints_.size(); }
+  [[nodiscard]] const std::vector<WPS::API::LocatedAccessPoint>& accessPoints() const { return accessPoints_; }
 
   struct Fix {
     double latitude = 0;

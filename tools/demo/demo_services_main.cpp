@@ -2,6 +2,8 @@
 //
 // On 127.0.0.1 it serves a positioning server that locates the access points
 // of the data set, registers users and offers the tile files built from it;
+// a geolocation JSON API server that knows the same access points and places
+// the computer's IP address in the IP city;
 // a time-zone service and an IP-location page for the cities of the table.
 // On the session bus (DBUS_SESSION_BUS_ADDRESS) it is the desktop
 // notification service. Everything it is asked, and every notification, is
@@ -10,6 +12,7 @@
 // When it is ready it writes the servers' addresses to the --ready file, as
 // shell assignments:
 //   POSITIONING_SERVER_URL=http://127.0.0.1:PORT
+//   GEOLOCATION_SERVER_URL=http://127.0.0.1:PORT/v1/geolocate
 //   CITY_SERVICES_URL=http://127.0.0.1:PORT
 // and it appends "SUMMARY: BODY" for each notification to the
 // --notifications file. It runs until SIGTERM or SIGINT.
@@ -32,11 +35,15 @@
 #include "platform/dbus.h"
 #include "platform/testing/fakes.h"
 #include "tools/demo/demo_services.h"
+#include <nlohmann/json.hpp>
+
 #include "wps/api/testing/fake_positioning_server.h"
+#include "wps/api/testing/geolocation_server.h"
 
 using namespace zonara;
 using namespace zonara::demo;
 using WPS::API::testing::FakePositioningServer;
+using WPS::API::testing::GeolocationServer;
 
 namespace {
 
@@ -153,6 +160,57 @@ class RequestReporter {
   std::vector<std::string> answers_;
 };
 
+// Reports the geolocation server's requests: what each asked and where the
+// server's data places it.
+class GeolocationReporter {
+ public:
+  GeolocationReporter(GeolocationServer& server, const AccessPointLocator& locator, const CityTable& cities,
+                      const City& ipCity)
+      : server_(server), locator_(locator), cities_(cities), ipCity_(ipCity) {}
+  void poll() {
+    const std::vector<testing::HttpRequest> requests = server_.http().requests();
+    for (; seen_ < requests.size(); ++seen_) say("geolocation server: " + describe(requests[seen_]));
+  }
+
+ private:
+  std::string describe(const testing::HttpRequest& request) const {
+    const nlohmann::json body = nlohmann::json::parse(request.body, nullptr, false);
+    if (!body.is_object()) return request.method + " " + request.path() + " (not a JSON request)";
+    auto accessPoints = body.find("wifiAccessPoints");
+    if (accessPoints == body.end() || !accessPoints->is_array() || accessPoints->empty()) {
+      return "IP-address request: " + ipCity_.name + " (marked as an IP-address position)";
+    }
+    std::vector<std::string> macs;
+    for (const nlohmann::json& entry : *accessPoints) {
+      if (entry.is_object() && entry.contains("macAddress") && entry["macAddress"].is_string())
+        macs.push_back(entry["macAddress"].get<std::string>());
+    }
+    const std::optional<AccessPointLocator::Fix> fix = locator_.locate(macs);
+    const std::string asked = "Wi-Fi request with " + std::to_string(macs.size()) + " access points, ";
+    if (!fix) return asked + "none known: notFound";
+    return asked + std::to_string(fix->known) + " known: " + degrees(fix->latitude) + " " + degrees(fix->longitude) +
+           " (" + cities_.nearest(fix->latitude, fix->longitude).name + ")";
+  }
+
+  GeolocationServer& server_;
+  const AccessPointLocator& locator_;
+  const CityTable& cities_;
+  const City& ipCity_;
+  size_t seen_ = 0;
+};
+
+// Calls `reporter.poll()` every 0.1 s on the main loop.
+template <typename Reporter>
+void pollEveryTenthOfASecond(Reporter& reporter) {
+  g_timeout_add(
+      100,
+      [](gpointer data) -> gboolean {
+        static_cast<Reporter*>(data)->poll();
+        return G_SOURCE_CONTINUE;
+      },
+      &reporter);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -198,9 +256,11 @@ int main(int argc, char** argv) {
   };
 
   std::unique_ptr<FakePositioningServer> positioning;
+  std::unique_ptr<GeolocationServer> geolocation;
   std::unique_ptr<CityServices> cityServices;
   try {
     positioning = std::make_unique<FakePositioningServer>();
+    geolocation = std::make_unique<GeolocationServer>();
     cityServices = std::make_unique<CityServices>(*table, *ipCity, say);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zonara-demo-services: %s\n", e.what());
@@ -216,8 +276,13 @@ int main(int argc, char** argv) {
     }
     positioning->addTile(std::move(tile));
   }
+  for (const WPS::API::LocatedAccessPoint& accessPoint : locator.accessPoints()) {
+    geolocation->addAccessPoint(accessPoint.mac.toColonString(), accessPoint.latitude, accessPoint.longitude);
+  }
+  geolocation->setIpLocation(std::make_pair(ipCity->latitude, ipCity->longitude));
   const CityTable& cities = *table;
   RequestReporter reporter(*positioning);
+  GeolocationReporter geolocationReporter(*geolocation, locator, cities, *ipCity);
   // Called under the server's lock: it touches only the tables and the
   // reporter's own list.
   positioning->setLocator([&locator, &cities, &reporter](const testing::HttpRequest& request)
@@ -239,6 +304,7 @@ int main(int argc, char** argv) {
   });
 
   if (!writeAtomically(options.ready, "POSITIONING_SERVER_URL=" + positioning->url() +
+                                          "\nGEOLOCATION_SERVER_URL=" + geolocation->url() +
                                           "\nCITY_SERVICES_URL=" + cityServices->url() + "\n")) {
     std::fprintf(stderr, "zonara-demo-services: cannot write %s\n", options.ready.c_str());
     return 1;
@@ -254,17 +320,13 @@ int main(int argc, char** argv) {
         },
         loop);
   }
-  g_timeout_add(
-      100,
-      [](gpointer data) -> gboolean {
-        static_cast<RequestReporter*>(data)->poll();
-        return G_SOURCE_CONTINUE;
-      },
-      &reporter);
+  pollEveryTenthOfASecond(reporter);
+  pollEveryTenthOfASecond(geolocationReporter);
   g_main_loop_run(loop);
   g_main_loop_unref(loop);
   // The servers stop (and join their threads) before the tables they read go.
   positioning.reset();
+  geolocation.reset();
   cityServices.reset();
   return 0;
 }

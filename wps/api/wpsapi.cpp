@@ -66,11 +66,13 @@ struct LocationRequest {
   Logger& logger;
   SimpleAuthentication authentication;
   WPS_StreetAddressLookup lookup;
-  AccessPointList accessPoints;  // every access point scanned so far, each MAC once
+  AccessPointList accessPoints;  // every access point scanned so far, each MAC once, as last seen
   CellTowerList cells;           // every cell tower scanned so far
   int resultCode = WPS_ERROR_NO_LOCATION_FROM_SCAN;
   Location location;  // the last location found; nap 0 before any
   size_t accessPointsAtLastLocation = 0;
+  // The number of access points when the server was last asked.
+  size_t accessPointsAtLastAsk = 0;
   // Set once the server refused the credentials: it is not asked again.
   bool serverRefused = false;
 
@@ -110,10 +112,16 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   if (result != WPS_OK || scan == nullptr) return WPS_CONTINUE;
   const int64_t elapsed = scan->timer->elapsed();
 
+  // Each MAC once, as last seen: its latest signal and time (a request's
+  // "age" counts from the latest sighting).
   for (const auto& ap : *scan->accessPoints) {
-    const bool known = std::any_of(request.accessPoints.begin(), request.accessPoints.end(),
-                                   [&](const auto& a) { return a.mac == ap.mac; });
-    if (!known) request.accessPoints.push_back(ap);
+    auto known = std::find_if(request.accessPoints.begin(), request.accessPoints.end(),
+                              [&](const auto& a) { return a.mac == ap.mac; });
+    if (known == request.accessPoints.end()) {
+      request.accessPoints.push_back(ap);
+    } else {
+      *known = ap;
+    }
   }
   logger.debug("scanned %d APs so far (%d)", static_cast<int>(request.accessPoints.size()),
                static_cast<int>(elapsed));
@@ -154,6 +162,10 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   const int previousNap = request.haveLocation() ? request.location.nap : 0;
   const bool askServer = previousNap + newAps >= 3 || (previousNap == 0 && newAps > 0 && elapsed > 2999);
   if (!askServer) return WPS_CONTINUE;
+  // A JSON API server's answer for the same access points would not change:
+  // it is not asked twice for them.
+  const bool geolocationApi = LocationClient::getInstance().speaksGeolocationApi();
+  if (geolocationApi && request.accessPoints.size() <= request.accessPointsAtLastAsk) return WPS_CONTINUE;
 
   // A recent answer for (nearly) the same access points serves instead of the
   // server.
@@ -165,6 +177,7 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   }
   logger.debug("no-location found in cache");
 
+  request.accessPointsAtLastAsk = request.accessPoints.size();
   const int rc = request.remote.getLocationRemotely(request.authentication, request.lookup, request.accessPoints,
                                                     request.cells, fix);
   if (rc != WPS_OK) {
@@ -372,6 +385,12 @@ WPS_ReturnCode WPS_set_server_url(const char* url) {
     WPS::API::LocationClient::getInstance().set_server_url(url);
     return WPS_OK;
   });
+}
+
+WPS_ServerProtocol WPS_server_protocol(void) {
+  const WPS::API::LocationClient& client = WPS::API::LocationClient::getInstance();
+  if (!client.isNetworkModeEnabled()) return WPS_PROTOCOL_NONE;
+  return client.speaksGeolocationApi() ? WPS_PROTOCOL_GEOLOCATION_API : WPS_PROTOCOL_XML;
 }
 
 WPS_ReturnCode WPS_set_user_agent(const char* ua) {

@@ -25,6 +25,10 @@
 extern "C" {
 #endif
 
+/* The server URL the library starts with (WPS_set_server_url changes it):
+ * the community database's geolocation JSON API. */
+#define WPS_DEFAULT_SERVER_URL "https://api.beacondb.net/v1/geolocate"
+
 /* Result of every public function. */
 typedef enum {
   /* Success. */
@@ -87,6 +91,16 @@ typedef struct {
   WPS_NameCode country;
 } WPS_StreetAddress;
 
+/* What a location was found from. */
+typedef enum {
+  /* The access points of a Wi-Fi scan (tiles, cache or server). */
+  WPS_SOURCE_WIFI = 0,
+  /* The caller's IP address: a server that knew none of the access points
+   * answered where the address is, usually no better than a city or a
+   * country. */
+  WPS_SOURCE_IP_ADDRESS = 1
+} WPS_LocationSource;
+
 /* A location, released with WPS_free_location. */
 typedef struct {
   double latitude;  /* degrees */
@@ -96,6 +110,7 @@ typedef struct {
   double speed;     /* km/h */
   double bearing;   /* degrees */
   WPS_StreetAddress* street_address; /* null when none */
+  WPS_LocationSource source;
 } WPS_Location;
 
 /* A location derived from the caller's IP address, released with
@@ -154,6 +169,12 @@ typedef WPS_Continuation (*WPS_LocationCallback)(void* arg,
  *    without a request. A fix from more than two access points ends the
  *    request; a weaker fix is kept while scanning goes on for a better one.
  *    Once the server has refused the credentials it is not asked again.
+ *    A geolocation JSON API server is asked again within the request only
+ *    when new access points were seen since it was last asked; it is sent
+ *    only the access points that may be looked up (not hidden, no name
+ *    ending in "_nomap", no locally administered MAC, stronger than
+ *    -90 dBm), and not at all when fewer than two remain. Its answer may be
+ *    a position of the IP address (source WPS_SOURCE_IP_ADDRESS).
  * A failure after a fix does not replace it. A location found (from the tiles,
  * the server or the cache) is remembered in the cache with the scan.
  *
@@ -165,7 +186,9 @@ WPS_ReturnCode WPS_location(const WPS_SimpleAuthentication* authentication,
                             WPS_Location** location);
 
 /* The server's location for the caller's IP address. On WPS_OK a newly
- * allocated record is stored in *location. */
+ * allocated record is stored in *location. With the geolocation JSON API the
+ * record's `ip` is the empty text and WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED
+ * means the server does not know where the address is. */
 WPS_ReturnCode WPS_ip_location(const WPS_SimpleAuthentication* authentication,
                                WPS_StreetAddressLookup street_address_lookup,
                                WPS_IPLocation** location);
@@ -191,12 +214,32 @@ WPS_ReturnCode WPS_set_local_files_path(const char** paths);
 /* Enables scan collection into `dirpath`, using at most `size_kb` kilobytes. */
 WPS_ReturnCode WPS_set_tier2_area(const char* dirpath, unsigned size_kb);
 
-/* The server URL; null restores the default, the empty text disables all
- * network use. */
+/* The server URL; null restores the default (WPS_DEFAULT_SERVER_URL), the
+ * empty text disables all
+ * network use. A URL whose path ends in "/v1/geolocate" selects the
+ * geolocation JSON API (see WPS_server_protocol); any other URL the XML
+ * protocol, whose request paths are appended to it. */
 WPS_ReturnCode WPS_set_server_url(const char* url);
 
-/* The User-Agent of every request; null restores the default "WPS API", the
- * empty text sends none. */
+/* The protocol the configured server speaks. */
+typedef enum {
+  /* No server URL is set: no network use. */
+  WPS_PROTOCOL_NONE = 0,
+  /* The XML protocol: location, IP location, registration and tiling. */
+  WPS_PROTOCOL_XML = 1,
+  /* The geolocation JSON API: location and IP location only. Credentials
+   * are not sent, WPS_register_user sends nothing and answers WPS_OK, and
+   * no tiles are ever requested. After a refusal that asks the client to
+   * wait (403, 429, 5xx, time-out, refused connection) no request goes to
+   * the server for a minute, doubling up to an hour or as its Retry-After
+   * says; such requests fail at once with WPS_ERROR_SERVER_UNAVAILABLE. */
+  WPS_PROTOCOL_GEOLOCATION_API = 2
+} WPS_ServerProtocol;
+WPS_ServerProtocol WPS_server_protocol(void);
+
+/* The User-Agent of every request; null restores the default
+ * "Zonara/VERSION (PRETTY_NAME of /etc/os-release)", the empty text sends
+ * none. */
 WPS_ReturnCode WPS_set_user_agent(const char* ua);
 
 /* The HTTP proxy for every request; a null or empty `address` clears it. A null
@@ -244,6 +287,15 @@ WPS_ReturnCode WPS_periodic_location(const WPS_SimpleAuthentication* authenticat
  * pointer is ignored. */
 void WPS_free_location(WPS_Location* location);
 void WPS_free_ip_location(WPS_IPLocation* location);
+
+/* Names the embedding program's preferences domain: the library reads its
+ * logging configuration (the text LOG4CPP_CONFIGURATION, a log4cpp properties
+ * file) from that domain's property list first, then from its own domain
+ * "example.telluro.wps", then from the environment variable
+ * LOG4CPP_CONFIGURATION. Without a call the program's file name is the domain.
+ * Call before any other WPS_ function: logging is configured once, on first
+ * use. WPS_ERROR for a null domain. */
+WPS_ReturnCode WPS_set_preferences_domain(const char* domain);
 
 #ifdef __cplusplus
 }

@@ -18,6 +18,8 @@ int wpsapi_c_layout_ok(void) {
          offsetof(WPS_Location, speed) > offsetof(WPS_Location, nap) &&
          offsetof(WPS_Location, bearing) > offsetof(WPS_Location, speed) &&
          offsetof(WPS_Location, street_address) > offsetof(WPS_Location, bearing) &&
+         offsetof(WPS_Location, source) > offsetof(WPS_Location, street_address) &&
+         WPS_SOURCE_WIFI == 0 && WPS_SOURCE_IP_ADDRESS == 1 && WPS_PROTOCOL_GEOLOCATION_API == 2 &&
          offsetof(WPS_IPLocation, ip) == 0 && offsetof(WPS_IPLocation, street_address) > offsetof(WPS_IPLocation, longitude) &&
          offsetof(WPS_SimpleAuthentication, realm) > offsetof(WPS_SimpleAuthentication, username) &&
          auth.username != NULL && lookup == 2 && code == 7 && WPS_ERROR == 99 && WPS_CONTINUE == 1 && WPS_STOP == 0;

@@ -18,13 +18,16 @@
 #include <thread>
 #include <vector>
 
-#include "platform/testing/http_test_server.h"
-#include "platform/testing/temp_dir.h"
+#include <nlohmann/json.hpp>
+
 #include "wps/api/local/location_determination_local.h"
 #include "wps/api/protocol/config.h"
+#include "wps/api/testing/geolocation_server.h"
 #include "wps/api/wpsapi_internal.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 #include "wps/spi/xml_http_request.h"
 
 extern "C" int wpsapi_c_layout_ok(void);
@@ -179,6 +182,12 @@ class WpsApiTest : public ::testing::Test {
 
 // The public header compiles as C with the documented field order.
 TEST(PublicHeader, CompilesAsCWithTheDocumentedLayout) { EXPECT_EQ(wpsapi_c_layout_ok(), 1); }
+
+// The embedding program names its preferences domain; a null one is refused.
+TEST(PublicSetup, ThePreferencesDomainMustBeNamed) {
+  EXPECT_EQ(WPS_set_preferences_domain(nullptr), WPS_ERROR);
+  EXPECT_EQ(WPS_set_preferences_domain("org.example.WpsApiTest"), WPS_OK);
+}
 
 // When the server is asked, what it is sent, and when the scanning stops.
 TEST_F(WpsApiTest, ServerRequestRuleAndEarlyStop) {
@@ -453,7 +462,7 @@ TEST_F(WpsApiTest, ClientSettingsReachTheRequests) {
   ASSERT_EQ(WPS_set_user_agent(nullptr), WPS_OK);
   ASSERT_EQ(WPS_ip_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
   WPS_free_ip_location(ip);
-  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), kDefaultUserAgent);
+  EXPECT_EQ(server_.lastRequest()->header("User-Agent"), WPS::API::defaultUserAgent());
 
   // Through a proxy (the same loopback server), the request names the server.
   ASSERT_EQ(WPS_set_server_url("http://telluro.example/wps2"), WPS_OK);
@@ -644,6 +653,73 @@ TEST_F(WpsApiTest, CallableFromC) {
             WPS_ERROR_UNAUTHORIZED);
   EXPECT_FALSE(handedOut);
   EXPECT_EQ(server_.requestCount(), 0u);
+}
+
+// ---- The geolocation JSON API through the public functions ----
+
+TEST_F(WpsApiTest, ServerUrlSelectsTheProtocol) {
+  const struct {
+    const char* url;
+    WPS_ServerProtocol protocol;
+  } cases[] = {
+      {"https://api.beacondb.net/v1/geolocate", WPS_PROTOCOL_GEOLOCATION_API},
+      {"http://127.0.0.1:8080/v1/geolocate?key=test", WPS_PROTOCOL_GEOLOCATION_API},
+      {"https://example.org/v1/geolocate/", WPS_PROTOCOL_XML},
+      {"https://example.org/v1/geolocatex", WPS_PROTOCOL_XML},
+      {"https://example.org/wps2/", WPS_PROTOCOL_XML},
+      {"", WPS_PROTOCOL_NONE},
+  };
+  for (const auto& c : cases) {
+    ASSERT_EQ(WPS_set_server_url(c.url), WPS_OK);
+    EXPECT_EQ(WPS_server_protocol(), c.protocol) << c.url;
+  }
+  ASSERT_EQ(WPS_set_server_url(nullptr), WPS_OK);
+  EXPECT_EQ(WPS_server_protocol(), WPS_PROTOCOL_GEOLOCATION_API);
+}
+
+TEST_F(WpsApiTest, GeolocationApiLocatesByWifiAndByAddress) {
+  testing::GeolocationServer json;
+  json.addAccessPoint(bssid('a'), 47.0, 8.0);
+  json.addAccessPoint(bssid('b'), 47.2, 8.2);
+  json.setIpLocation(std::make_pair(46.0, 7.0));
+  ASSERT_EQ(WPS_set_server_url(json.url().c_str()), WPS_OK);
+  writeScans({"abc"});
+
+  // No credentials are needed, and none are sent.
+  WPS_Location* location = nullptr;
+  ASSERT_EQ(WPS_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_OK);
+  ASSERT_NE(location, nullptr);
+  EXPECT_DOUBLE_EQ(location->latitude, 47.1);
+  EXPECT_DOUBLE_EQ(location->longitude, 8.1);
+  EXPECT_EQ(location->nap, 3u);
+  EXPECT_EQ(location->source, WPS_SOURCE_WIFI);
+  WPS_free_location(location);
+
+  WPS_IPLocation* ip = nullptr;
+  ASSERT_EQ(WPS_ip_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &ip), WPS_OK);
+  EXPECT_DOUBLE_EQ(ip->latitude, 46.0);
+  EXPECT_STREQ(ip->ip, "");
+  WPS_free_ip_location(ip);
+
+  // Registration has nowhere to go.
+  EXPECT_EQ(WPS_register_user(&auth_, &auth_), WPS_OK);
+  EXPECT_EQ(json.http().requestCount(), 2u);
+}
+
+TEST_F(WpsApiTest, GeolocationApiIsNotAskedTwiceForTheSameAccessPoints) {
+  testing::GeolocationServer json;  // knows none of them: notFound
+  ASSERT_EQ(WPS_set_server_url(json.url().c_str()), WPS_OK);
+  writeScans({"abc", "abc", "abc", "abcd", "abcd"});
+  WPS_Location* location = nullptr;
+  EXPECT_EQ(WPS_location(&auth_, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED);
+  EXPECT_EQ(location, nullptr);
+  // Once for a, b, c and once more when d appeared, over five seconds of scans.
+  ASSERT_EQ(json.wifiRequestCount(), 2u);
+  // Every access point of the second request was seen in the scan that
+  // prompted it: its age counts from that sighting, not the first.
+  const nlohmann::json second = nlohmann::json::parse(json.http().lastRequest()->body);
+  ASSERT_EQ(second["wifiAccessPoints"].size(), 4u);
+  for (const nlohmann::json& ap : second["wifiAccessPoints"]) EXPECT_LT(ap.value("age", 0), 500) << ap;
 }
 
 }  // namespace

@@ -5,8 +5,9 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/spi/log_capture.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/untrusted_tls_server.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {
@@ -146,6 +147,19 @@ TEST_F(CurlXmlHttpRequestTest, TransferFailuresMapToErrorNumbers) {
     unsigned long length = 0;
     EXPECT_EQ(request->getResponseText(data, length), -1) << c.name;
   }
+}
+
+// A server whose certificate does not verify against the system's CA store
+// gets no request: the handshake is abandoned.
+TEST_F(CurlXmlHttpRequestTest, UnverifiableCertificateEndsTheExchange) {
+  zonara::testing::UntrustedTlsServer tls;
+  ASSERT_TRUE(tls.ok()) << tls.error();
+  auto request = XmlHttpRequest::newInstance();
+  ASSERT_EQ(request->open(XmlHttpRequest::POST, tls.url("/v1/geolocate"), false), 0);
+  EXPECT_NE(request->send("{}", 2), 0);
+  EXPECT_EQ(request->getStatusCode(), -1);
+  EXPECT_TRUE(tls.rejectedHandshake(5s));
+  EXPECT_EQ(tls.handshakesCompleted(), 0u);
 }
 
 TEST_F(CurlXmlHttpRequestTest, MisuseIsRefused) {

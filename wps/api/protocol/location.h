@@ -76,6 +76,7 @@ struct Location {
   double speed = 0.0;      // km/h
   double bearing = 0.0;    // degrees
   SPI::Time time;          // when the location was determined; unset when unknown
+  bool ipBased = false;    // found from the caller's IP address, not from Wi-Fi
   StreetAddress streetAddress;
 
   // A new public record; never null. Its street address is null when this

@@ -2,8 +2,8 @@
 // exchange with the positioning service (location, IP location, registration,
 // tiling requests).
 //
-// It starts with the server URL kDefaultServerUrl and the user agent "WPS
-// API" (wps/api/config.h) and no proxy. The public WPS_set_server_url,
+// It starts with the server URL kDefaultServerUrl and the user agent
+// defaultUserAgent() (wps/api/config.h) and no proxy. The public WPS_set_server_url,
 // WPS_set_user_agent and WPS_set_proxy change them. The network is used only
 // while a server URL is set ("network mode").
 //
@@ -20,6 +20,11 @@
 namespace WPS {
 namespace API {
 
+// True when `url`'s path (without query or fragment) ends in
+// "/v1/geolocate": the server speaks the geolocation JSON API, not the XML
+// protocol.
+[[nodiscard]] bool isGeolocationApiUrl(const std::string& url);
+
 class LocationClient {
  public:
   [[nodiscard]] static LocationClient& getInstance();
@@ -27,7 +32,7 @@ class LocationClient {
   LocationClient(const LocationClient&) = delete;
   LocationClient& operator=(const LocationClient&) = delete;
 
-  // Null restores "WPS API"; the empty text sends no User-Agent.
+  // Null restores the default; the empty text sends no User-Agent.
   void set_user_agent(const char* userAgent);
   // Null restores the default URL; the empty text turns network mode off.
   void set_server_url(const char* url);
@@ -36,6 +41,9 @@ class LocationClient {
 
   // True while a server URL is set.
   [[nodiscard]] bool isNetworkModeEnabled() const;
+  // True while the server URL selects the geolocation JSON API
+  // (isGeolocationApiUrl): no registration, no tiling, JSON exchanges.
+  [[nodiscard]] bool speaksGeolocationApi() const;
   [[nodiscard]] ConnectionSettings::Values settings() const;
 
   // A request for the server URL + `path` with these settings, its

@@ -7,10 +7,10 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/api/protocol/config.h"
 #include "wps/api/protocol/location_client.h"
 #include "wps/spi/log_capture.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace WPS {
 namespace API {
@@ -129,7 +129,7 @@ TEST(LocationClient, StartsWithTheServiceDefaults) {
   client.set_server_url(nullptr);
   client.set_user_agent(nullptr);
   EXPECT_EQ(client.settings().serverUrl, kDefaultServerUrl);
-  EXPECT_EQ(client.settings().userAgent, "WPS API");
+  EXPECT_EQ(client.settings().userAgent, defaultUserAgent());
   EXPECT_TRUE(client.isNetworkModeEnabled());
   {
     LogCapture log("WPS.API.LocationClient");

@@ -69,6 +69,7 @@ int LocationDeterminationRemote::getLocationRemotely(const SimpleAuthentication&
                                                      const std::vector<SPI::ScannedAccessPoint>& accessPoints,
                                                      const std::vector<SPI::ScannedCellTower>& cellTowers,
                                                      Location& location) {
+  if (LocationClient::getInstance().speaksGeolocationApi()) return geolocation_.locate(accessPoints, location);
   if (missingCredentials(authentication)) return WPS_ERROR_UNAUTHORIZED;
   std::string response;
   int rc = sendRequest(kLocationPath, LocationRQ(authentication, lookup, accessPoints, cellTowers), response);
@@ -82,6 +83,7 @@ int LocationDeterminationRemote::getLocationRemotely(const SimpleAuthentication&
 
 int LocationDeterminationRemote::getIPLocationRemotely(const SimpleAuthentication& authentication,
                                                        WPS_StreetAddressLookup lookup, IPLocation& ipLocation) {
+  if (LocationClient::getInstance().speaksGeolocationApi()) return geolocation_.locateByIp(ipLocation);
   if (missingCredentials(authentication)) return WPS_ERROR_UNAUTHORIZED;
   logger_.debug("about to get ip-location from server");
   std::string response;
@@ -95,6 +97,10 @@ int LocationDeterminationRemote::getIPLocationRemotely(const SimpleAuthenticatio
 
 int LocationDeterminationRemote::registerUser(const SimpleAuthentication& account,
                                               const SimpleAuthentication& newUser) {
+  if (LocationClient::getInstance().speaksGeolocationApi()) {
+    logger_.debug("a geolocation API server has no accounts: nothing to register");
+    return WPS_OK;
+  }
   logger_.debug("about to register a user on server");
   std::string response;
   int rc = sendRequest(kRegistrationPath, RegistrationRQ(account, newUser), response);

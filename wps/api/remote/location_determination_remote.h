@@ -11,6 +11,11 @@
 // proxy refused its credentials (HTTP 407); 99 no request could be made.
 // Nothing is retried here.
 //
+// A server URL that selects the geolocation JSON API (isGeolocationApiUrl)
+// sends the location and IP-location exchanges to GeolocationDetermination
+// instead, without credentials; registration then sends nothing and answers
+// 0.
+//
 // Thread safety: stateless apart from its logger; each call is one
 // synchronous exchange on the calling thread.
 #pragma once
@@ -20,6 +25,7 @@
 #include <vector>
 
 #include "wps/api/protocol/location.h"
+#include "wps/api/remote/geolocation_api.h"
 #include "wps/api/wpsapi.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/scan.h"
@@ -57,6 +63,7 @@ class LocationDeterminationRemote {
  private:
   LocationDeterminationRemote();
   SPI::Logger& logger_;  // "WPS.API.LocationDeterminationRemote"
+  GeolocationDetermination geolocation_;
 };
 
 }  // namespace API

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/api/protocol/config.h"
 #include "wps/api/protocol/location_client.h"
 #include "wps/api/protocol/protocol.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
+#include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {
@@ -76,7 +76,7 @@ TEST_F(RemoteTest, LocationRequestPostsTheMessageAndStampsTheAnswer) {
   EXPECT_EQ(received->target, "/wps2/location");
   EXPECT_EQ(received->body, LocationRQ(user, WPS_FULL_STREET_ADDRESS_LOOKUP, scan(), {}));
   EXPECT_EQ(received->header("Content-Type"), "text/xml");
-  EXPECT_EQ(received->header("User-Agent"), "WPS API");
+  EXPECT_EQ(received->header("User-Agent"), defaultUserAgent());
 }
 
 TEST_F(RemoteTest, EmptyCredentialsAreRefusedWithoutAnyRequest) {

@@ -195,7 +195,9 @@ int TilingClient::postTilingRQ() {
       return kBusy;
     }
     // Without a server the scans wait in the cache (bounded by its capacity).
-    if (!LocationClient::getInstance().isNetworkModeEnabled()) return kNoNetwork;
+    // A geolocation API server offers no tiles: the scans wait the same way.
+    const LocationClient& client = LocationClient::getInstance();
+    if (!client.isNetworkModeEnabled() || client.speaksGeolocationApi()) return kNoNetwork;
     if (cache_.scanCount() <= cache_.limits().maxScans) return kTooFewScans;
     if (cache_.accessPoints().size() < cache_.limits().minAccessPoints) {
       logger_.info("%d aps are not enough to send TilingRQ", static_cast<int>(cache_.accessPoints().size()));
