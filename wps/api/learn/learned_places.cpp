@@ -114,7 +114,15 @@ bool LearnedPlaces::save() {
   return replaced;
 }
 
+void LearnedPlaces::refresh() {
+  if (store_.size() == 0 || SPI::File::exists(path(kStateFile))) return;
+  logger_.info("learned places of %s were deleted: forgotten", directory_.c_str());
+  (void)store_.clear();
+  tiles_.reset();
+}
+
 size_t LearnedPlaces::learn(const SPI::AccessPointList& scanned, const Location& fix) {
+  refresh();
   const size_t recorded = store_.learn(scanned, fix);
   if (recorded > 0) {
     logger_.debug("learned %lu access points at %f, %f +/-%.0fm", static_cast<unsigned long>(recorded),

@@ -65,6 +65,9 @@ class LearnedPlaces final : public TileSource {
   // Deletes everything learned (both files); returns the number of access
   // points forgotten.
   size_t forget();
+  // Forgets what is held in memory when another process deleted the files
+  // (the control program's forget), so the next save does not bring it back.
+  void refresh();
 
   [[nodiscard]] const LearnedStore& store() const { return store_; }
   [[nodiscard]] const std::string& directory() const { return directory_; }
