@@ -380,7 +380,7 @@ void PreferencesDomain::loadLocked() {
 }
 
 std::optional<PrefValue> PreferencesDomain::copyValue(const std::string& key) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (!loaded_) loadLocked();
   if (auto it = pending_.find(key); it != pending_.end()) return it->second;
   if (auto it = fromFile_.find(key); it != fromFile_.end()) return it->second;
@@ -388,17 +388,17 @@ std::optional<PrefValue> PreferencesDomain::copyValue(const std::string& key) {
 }
 
 void PreferencesDomain::setValue(const std::string& key, const PrefValue& value) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   pending_[key] = value;
 }
 
 void PreferencesDomain::removeValue(const std::string& key) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   pending_[key] = std::nullopt;
 }
 
 std::vector<std::string> PreferencesDomain::keys() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (!loaded_) loadLocked();
   std::map<std::string, bool> visible;
   for (const auto& [key, value] : fromFile_) visible[key] = true;
@@ -411,7 +411,7 @@ std::vector<std::string> PreferencesDomain::keys() {
 }
 
 bool PreferencesDomain::synchronize() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   bool ok = true;
   if (!pending_.empty()) ok = writeLocked();
   if (ok) loadLocked();

@@ -32,10 +32,10 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
+#include "platform/mutex.h"
 
 namespace zonara {
 
@@ -120,18 +120,18 @@ class PreferencesDomain {
   [[nodiscard]] static std::string defaultDirectory();
 
  private:
-  void loadLocked();
-  [[nodiscard]] bool writeLocked();
+  void loadLocked() ZONARA_REQUIRES(mu_);
+  [[nodiscard]] bool writeLocked() ZONARA_REQUIRES(mu_);
 
-  std::mutex mu_;
+  Mutex mu_;
   const std::string name_;
   const std::string path_;
-  bool loaded_ = false;
-  bool fileCorrupt_ = false;
-  bool reportedCorrupt_ = false;
-  PrefValue::Dictionary fromFile_;
+  bool loaded_ ZONARA_GUARDED_BY(mu_) = false;
+  bool fileCorrupt_ ZONARA_GUARDED_BY(mu_) = false;
+  bool reportedCorrupt_ ZONARA_GUARDED_BY(mu_) = false;
+  PrefValue::Dictionary fromFile_ ZONARA_GUARDED_BY(mu_);
   // Pending changes: a value to set, or nullopt to remove.
-  std::map<std::string, std::optional<PrefValue>> pending_;
+  std::map<std::string, std::optional<PrefValue>> pending_ ZONARA_GUARDED_BY(mu_);
 };
 
 }  // namespace zonara

@@ -5,14 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <set>
 
 namespace zonara {
 namespace {
 
-std::mutex& registryMutex() {
-  static std::mutex mu;
+Mutex& registryMutex() {
+  static Mutex mu;
   return mu;
 }
 
@@ -60,13 +59,13 @@ RunLoop::RunLoop(bool isMain) {
   g_source_set_can_recurse(timerSource_, TRUE);
   g_source_set_name(timerSource_, "zonara-run-loop-timers");
   g_source_attach(timerSource_, context_);
-  std::lock_guard<std::mutex> lock(registryMutex());
+  MutexLock lock(registryMutex());
   registry().insert(this);
 }
 
 RunLoop::~RunLoop() {
   {
-    std::lock_guard<std::mutex> lock(registryMutex());
+    MutexLock lock(registryMutex());
     registry().erase(this);
   }
   g_source_destroy(timerSource_);
@@ -81,7 +80,7 @@ RunLoop::~RunLoop() {
 }
 
 void RunLoop::wakeAll() {
-  std::lock_guard<std::mutex> lock(registryMutex());
+  MutexLock lock(registryMutex());
   for (RunLoop* loop : registry()) loop->wake();
 }
 
@@ -93,7 +92,7 @@ RunLoop::TimerId RunLoop::addTimer(Duration interval, bool repeats, Callback cal
   if (repeats && interval.count() == 0) interval = Duration(1);
   TimerId id;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     id = nextId_++;
     timers_.emplace(id, Timer{Clock::get().now() + interval, interval, repeats,
                               std::make_shared<Callback>(std::move(callback))});
@@ -107,17 +106,17 @@ RunLoop::TimerId RunLoop::performAfterDelay(Duration delay, Callback callback) {
 }
 
 bool RunLoop::cancelTimer(TimerId id) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return timers_.erase(id) > 0;
 }
 
 size_t RunLoop::timerCount() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return timers_.size();
 }
 
 std::optional<Clock::TimePoint> RunLoop::nextTimerDue() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   std::optional<Clock::TimePoint> next;
   for (const auto& [id, timer] : timers_) {
     if (!next || timer.due < *next) next = timer.due;
@@ -159,7 +158,7 @@ bool RunLoop::dispatchDueTimers() {
   // due time; callbacks may add or cancel timers freely.
   std::vector<std::pair<Clock::TimePoint, TimerId>> due;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     for (const auto& [id, timer] : timers_) {
       if (timer.due <= now) due.emplace_back(timer.due, id);
     }
@@ -168,7 +167,7 @@ bool RunLoop::dispatchDueTimers() {
   for (const auto& [when, id] : due) {
     std::shared_ptr<Callback> callback;
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       auto it = timers_.find(id);
       if (it == timers_.end()) continue;  // cancelled by an earlier callback
       callback = it->second.callback;
@@ -191,24 +190,24 @@ bool RunLoop::dispatchDueTimers() {
 
 std::shared_ptr<bool> RunLoop::pushStopFlag() {
   auto flag = std::make_shared<bool>(false);
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   stopFlags_.push_back(flag);
   return flag;
 }
 
 void RunLoop::popStopFlag() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   stopFlags_.pop_back();
 }
 
 bool RunLoop::stopped(const std::shared_ptr<bool>& flag) const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return *flag;
 }
 
 void RunLoop::stop() {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (!stopFlags_.empty()) *stopFlags_.back() = true;
   }
   wake();
@@ -281,9 +280,9 @@ void RunLoop::performOnMainThread(Callback callback, bool wait) {
   struct Job {
     Callback callback;
     bool wait = false;
-    std::mutex mu;
-    std::condition_variable cv;
-    bool done = false;
+    Mutex mu;
+    CondVar cv;
+    bool done ZONARA_GUARDED_BY(mu) = false;
   };
   auto job = std::make_shared<Job>();
   job->callback = std::move(callback);
@@ -294,17 +293,17 @@ void RunLoop::performOnMainThread(Callback callback, bool wait) {
       [](gpointer data) -> gboolean {
         auto& j = *static_cast<std::shared_ptr<Job>*>(data);
         j->callback();
-        std::lock_guard<std::mutex> lock(j->mu);
+        MutexLock lock(j->mu);
         j->done = true;
-        j->cv.notify_all();
+        j->cv.notifyAll();
         return G_SOURCE_REMOVE;
       },
       new std::shared_ptr<Job>(job), [](gpointer data) { delete static_cast<std::shared_ptr<Job>*>(data); });
   g_source_attach(idle, main().context());
   g_source_unref(idle);
   if (wait) {
-    std::unique_lock<std::mutex> lock(job->mu);
-    job->cv.wait(lock, [&] { return job->done; });
+    MutexLock lock(job->mu);
+    while (!job->done) job->cv.wait(job->mu);
   }
 }
 

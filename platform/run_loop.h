@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/mutex.h"
 
 typedef struct _GMainContext GMainContext;
 typedef struct _GSource GSource;
@@ -116,10 +117,11 @@ class RunLoop {
   GMainContext* context_ = nullptr;  // owned reference
   GSource* timerSource_ = nullptr;   // owned reference
   bool pushedThreadDefault_ = false;
-  mutable std::mutex mu_;
-  std::map<TimerId, Timer> timers_;
-  TimerId nextId_ = 1;
-  std::vector<std::shared_ptr<bool>> stopFlags_;  // innermost last; under mu_
+  mutable Mutex mu_;
+  std::map<TimerId, Timer> timers_ ZONARA_GUARDED_BY(mu_);
+  TimerId nextId_ ZONARA_GUARDED_BY(mu_) = 1;
+  // Innermost last; the flags themselves are read and written under mu_ too.
+  std::vector<std::shared_ptr<bool>> stopFlags_ ZONARA_GUARDED_BY(mu_);
 };
 
 }  // namespace zonara

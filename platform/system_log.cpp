@@ -7,15 +7,16 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 #include <errno.h>
+
+#include "platform/mutex.h"
 
 namespace zonara {
 namespace {
 
-std::mutex& SinkMutex() {
-  static std::mutex mu;
+Mutex& SinkMutex() {
+  static Mutex mu;
   return mu;
 }
 
@@ -56,7 +57,7 @@ void Emit(LogPriority priority, const char* format, va_list args) {
   char buffer[2048];
   std::vsnprintf(buffer, sizeof buffer, format, args);
   {
-    std::lock_guard<std::mutex> lock(SinkMutex());
+    MutexLock lock(SinkMutex());
     if (Sink()) {
       Sink()(priority, buffer);
       return;
@@ -86,7 +87,7 @@ void SystemLogAt(LogPriority priority, const char* format, ...) {
 }
 
 void SetSystemLogSinkForTesting(SystemLogSink sink) {
-  std::lock_guard<std::mutex> lock(SinkMutex());
+  MutexLock lock(SinkMutex());
   Sink() = std::move(sink);
 }
 

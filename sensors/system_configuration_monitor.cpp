@@ -1,18 +1,18 @@
 #include "sensors/system_configuration_monitor.h"
 
 #include <cstdio>
-#include <mutex>
 #include <stdexcept>
 
+#include "platform/mutex.h"
 #include "platform/run_loop.h"
 
 namespace zonara {
 namespace {
 
-std::mutex g_mu;
-std::weak_ptr<CSystemConfigurationMonitor> theInstance;
-CSystemConfigurationMonitor::StoreFactory g_factory;
-NotificationCenter* g_center = nullptr;
+Mutex g_mu;
+std::weak_ptr<CSystemConfigurationMonitor> theInstance ZONARA_GUARDED_BY(g_mu);
+CSystemConfigurationMonitor::StoreFactory g_factory ZONARA_GUARDED_BY(g_mu);
+NotificationCenter* g_center ZONARA_GUARDED_BY(g_mu) = nullptr;
 
 std::string failure(const char* format, const DynamicStore& store) {
   const std::string message = store.errorString();
@@ -24,7 +24,7 @@ std::string failure(const char* format, const DynamicStore& store) {
 }  // namespace
 
 std::shared_ptr<CSystemConfigurationMonitor> CSystemConfigurationMonitor::monitor() {
-  std::lock_guard<std::mutex> lock(g_mu);
+  MutexLock lock(g_mu);
   if (auto existing = theInstance.lock()) return existing;
   std::unique_ptr<DynamicStore> store = g_factory ? g_factory() : std::make_unique<NetlinkDynamicStore>();
   auto created = std::make_shared<CSystemConfigurationMonitor>(
@@ -34,7 +34,7 @@ std::shared_ptr<CSystemConfigurationMonitor> CSystemConfigurationMonitor::monito
 }
 
 void CSystemConfigurationMonitor::setStoreFactory(StoreFactory factory, NotificationCenter* center) {
-  std::lock_guard<std::mutex> lock(g_mu);
+  MutexLock lock(g_mu);
   g_factory = std::move(factory);
   g_center = center;
 }

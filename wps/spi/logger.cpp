@@ -4,6 +4,7 @@
 #include <log4cpp/Category.hh>
 #include <log4cpp/Priority.hh>
 #include <log4cpp/PropertyConfigurator.hh>
+#include <syslog.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,8 +13,7 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/preferences_store.h"
-#include "platform/system_log.h"
+#include "wps/spi/preferences.h"
 
 namespace WPS {
 namespace SPI {
@@ -52,11 +52,7 @@ std::string& domainName() {
 }
 
 std::string lookUpPreference(const std::string& domain) {
-  if (domain.empty()) return {};
-  zonara::PreferencesDomain prefs(domain);
-  std::optional<zonara::PrefValue> value = prefs.copyValue(kConfigurationKey);
-  if (!value || !value->isString()) return {};
-  return value->asString();
+  return readStringPreference(domain, kConfigurationKey).value_or(std::string());
 }
 
 void configureOnce() {
@@ -65,8 +61,8 @@ void configureOnce() {
   try {
     log4cpp::PropertyConfigurator::configure(path);
   } catch (const std::exception& e) {
-    zonara::SystemLogAt(zonara::LogPriority::Error, "logging configuration %s failed: %s", path.c_str(),
-                        e.what());
+    // No logger can report this: the configuration is what failed.
+    syslog(LOG_ERR, "logging configuration %s failed: %s", path.c_str(), e.what());
   }
 }
 

@@ -69,7 +69,7 @@ void LearnedPlaces::setAside() {
   for (const char* name : {kStateFile, kTileFile}) {
     const std::string from = path(name);
     const std::string to = from + kCorruptSuffix;
-    if (SPI::File::exists(from) && std::rename(from.c_str(), to.c_str()) != 0) (void)SPI::File::remove(from);
+    if (SPI::File::exists(from) && SPI::File::rename(from, to) != 0) (void)SPI::File::remove(from);
   }
   (void)store_.clear();
   tiles_.reset();

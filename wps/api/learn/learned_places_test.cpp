@@ -10,7 +10,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 #include "wps/api/tiles/compressed_file_reader.h"
 #include "wps/spi/simulated_clock.h"
 

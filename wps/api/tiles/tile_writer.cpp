@@ -366,7 +366,7 @@ bool writeTemporaryFile(const std::string& path, const std::vector<unsigned char
 
 bool replaceWithTemporaryFile(const std::string& path, std::string& error) {
   const std::string temporary = path + kTemporarySuffix;
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+  if (SPI::File::rename(temporary, path) != 0) {
     (void)SPI::File::remove(temporary);
     error = "cannot rename " + temporary + " to " + path;
     return false;

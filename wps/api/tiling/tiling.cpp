@@ -1,7 +1,5 @@
 #include "wps/api/tiling/tiling.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -83,9 +81,9 @@ void Tiling::scanDirectory() {
     }
     TileInfo info;
     if (!parseTileFileName(name, info)) continue;
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-    found.push_back({info, path, static_cast<int64_t>(st.st_mtime)});
+    const int64_t modified = SPI::File::modificationTime(path);
+    if (modified < 0) continue;
+    found.push_back({info, path, modified});
   }
   listing->close();
 
