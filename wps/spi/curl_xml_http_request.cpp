@@ -11,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/xml_http_request.h"
 
@@ -131,7 +132,7 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     if (!async_) return perform();
     // The thread waits for this lock before its callback, which may destroy
     // the request: the handle must be stored first.
-    std::lock_guard<std::mutex> lock(threadMutex_);
+    StdMutexLock lock(threadMutex_);
     thread_ = CurlPlatformUtils::create_thread(&CurlXmlHttpRequest::threadMain, this);
     if (thread_ == nullptr) {
       logger_.error("couldn't create the request's thread");
@@ -176,7 +177,7 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
   static int threadMain(void* self) {
     auto* request = static_cast<CurlXmlHttpRequest*>(self);
     int result = request->perform();
-    { std::lock_guard<std::mutex> lock(request->threadMutex_); }
+    { StdMutexLock lock(request->threadMutex_); }
     // The callback may destroy the request: nothing touches it afterwards.
     if (request->callback_ != nullptr) request->callback_(result, request->callbackUser_);
     return result;
@@ -414,8 +415,8 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
   bool cutShort_ = false;  // a success response ended before its body did
   std::atomic<bool> aborted_{false};
   std::atomic<bool> finished_{false};
-  std::mutex threadMutex_;
-  void* thread_ = nullptr;  // handle of the asynchronous transfer's thread
+  StdMutex threadMutex_;
+  void* thread_ WPS_GUARDED_BY(threadMutex_) = nullptr;  // handle of the asynchronous transfer's thread
 };
 
 struct ThreadStart {
@@ -442,19 +443,19 @@ void XmlHttpRequest::setDefaultTimeouts(long connectMs, long transferMs) {
 }
 
 namespace {
-std::mutex gGlobalMutex;
-bool gGlobalInitialised = false;
+StdMutex gGlobalMutex;
+bool gGlobalInitialised WPS_GUARDED_BY(gGlobalMutex) = false;
 }  // namespace
 
 void CurlPlatformUtils::global_init() {
-  std::lock_guard<std::mutex> lock(gGlobalMutex);
+  StdMutexLock lock(gGlobalMutex);
   if (gGlobalInitialised) return;
   curl_global_init(CURL_GLOBAL_ALL);
   gGlobalInitialised = true;
 }
 
 void CurlPlatformUtils::global_cleanup() {
-  std::lock_guard<std::mutex> lock(gGlobalMutex);
+  StdMutexLock lock(gGlobalMutex);
   if (!gGlobalInitialised) return;
   curl_global_cleanup();
   gGlobalInitialised = false;

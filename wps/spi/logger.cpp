@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 
+#include "wps/spi/concurrent.h"
 #include "wps/spi/preferences.h"
 
 namespace WPS {
@@ -41,11 +42,12 @@ class Log4CppLogger final : public Logger {
   log4cpp::Category& category_;
 };
 
-std::mutex& domainMutex() {
-  static std::mutex mu;
+StdMutex& domainMutex() {
+  static StdMutex mu;
   return mu;
 }
 
+// Guarded by domainMutex().
 std::string& domainName() {
   static std::string name;
   return name;
@@ -67,8 +69,8 @@ void configureOnce() {
 }
 
 struct Registry {
-  std::mutex mu;
-  std::map<std::string, std::unique_ptr<Log4CppLogger>> loggers;
+  StdMutex mu;
+  std::map<std::string, std::unique_ptr<Log4CppLogger>> loggers WPS_GUARDED_BY(mu);
 };
 
 Registry& registry() {
@@ -79,12 +81,12 @@ Registry& registry() {
 }  // namespace
 
 void Logger::setApplicationDomain(const std::string& domain) {
-  std::lock_guard<std::mutex> lock(domainMutex());
+  StdMutexLock lock(domainMutex());
   domainName() = domain;
 }
 
 std::string Logger::applicationDomain() {
-  std::lock_guard<std::mutex> lock(domainMutex());
+  StdMutexLock lock(domainMutex());
   if (!domainName().empty()) return domainName();
   return program_invocation_short_name ? program_invocation_short_name : "";
 }
@@ -103,7 +105,7 @@ Logger* Logger::Impl::getInstance(const char* name) {
   static std::once_flag once;
   std::call_once(once, configureOnce);
   Registry& r = registry();
-  std::lock_guard<std::mutex> lock(r.mu);
+  StdMutexLock lock(r.mu);
   std::unique_ptr<Log4CppLogger>& slot = r.loggers[name ? name : ""];
   if (!slot) slot = std::make_unique<Log4CppLogger>(log4cpp::Category::getInstance(name ? name : ""));
   return slot.get();

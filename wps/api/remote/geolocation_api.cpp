@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "wps/api/learn/learned_store.h"
 #include "wps/api/protocol/location_client.h"
 #include "wps/spi/xml_http_request.h"
 
@@ -19,10 +20,6 @@ using nlohmann::json;
 using SPI::XmlHttpRequest;
 
 namespace {
-
-bool endsWith(const std::string& text, std::string_view suffix) {
-  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 // "01:23:45:67:89:ab".
 std::string lowerColonMac(const SPI::MAC& mac) {
@@ -65,9 +62,7 @@ int64_t utcSeconds(std::tm& tm) { return static_cast<int64_t>(timegm(&tm)); }
 // ---- Request ----
 
 bool isSendable(const SPI::ScannedAccessPoint& accessPoint) {
-  if (accessPoint.ssid.empty() || endsWith(accessPoint.ssid, "_nomap")) return false;
-  const uint64_t firstOctet = accessPoint.mac.value() >> 40;
-  if ((firstOctet & 0x02) != 0) return false;
+  if (!passesPrivacyFilters(accessPoint)) return false;
   return accessPoint.rssi == SPI::kUnknownRSSI || accessPoint.rssi > -90;
 }
 
@@ -168,14 +163,14 @@ std::optional<int64_t> parseRetryAfter(const std::string& value, const SPI::Time
 // ---- Back-off ----
 
 int64_t ServerBackOff::remaining(const std::string& server, const SPI::Time& now) const {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   auto it = servers_.find(server);
   if (it == servers_.end()) return 0;
   return std::max<int64_t>(0, it->second.untilMs - millisecondsOf(now));
 }
 
 int64_t ServerBackOff::failed(const std::string& server, const SPI::Time& now, std::optional<int64_t> retryAfterMs) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   State& state = servers_[server];
   int64_t period = kFirstPeriodMs;
   for (int i = 0; i < state.failures && period < kLongestPeriodMs; ++i) period *= 2;
@@ -187,7 +182,7 @@ int64_t ServerBackOff::failed(const std::string& server, const SPI::Time& now, s
 }
 
 void ServerBackOff::succeeded(const std::string& server) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   servers_.erase(server);
 }
 

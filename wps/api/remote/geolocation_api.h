@@ -45,6 +45,7 @@
 #include <string_view>
 
 #include "wps/api/protocol/location.h"
+#include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/scan.h"
 #include "wps/spi/time.h"
@@ -52,10 +53,9 @@
 namespace WPS {
 namespace API {
 
-// True when the access point may be sent: a network name that is neither
-// empty (hidden) nor ending in "_nomap", a universally administered MAC (the
-// locally administered bit, 0x02 of the first octet, marks phone hotspots
-// and randomised addresses), and a signal stronger than -90 dBm (or unknown).
+// True when the access point may be sent: it passes the privacy filters
+// (passesPrivacyFilters: not hidden, not "_nomap", not locally administered)
+// and its signal is stronger than -90 dBm (or unknown).
 [[nodiscard]] bool isSendable(const SPI::ScannedAccessPoint& accessPoint);
 // The sendable access points of a scan, in scan order.
 [[nodiscard]] SPI::AccessPointList sendableAccessPoints(const SPI::AccessPointList& scanned);
@@ -112,8 +112,8 @@ class ServerBackOff {
     int failures = 0;
     int64_t untilMs = 0;  // milliseconds since the epoch
   };
-  mutable std::mutex mu_;
-  std::map<std::string, State> servers_;
+  mutable SPI::StdMutex mu_;
+  std::map<std::string, State> servers_ WPS_GUARDED_BY(mu_);
 };
 
 class GeolocationDetermination {

@@ -113,7 +113,7 @@ void Tiling::get(const std::vector<SPI::ScannedAccessPoint>& scanned, const std:
 }
 
 std::string Tiling::mainTile() const {
-  std::lock_guard<std::mutex> lock(mainTileMu_);
+  SPI::StdMutexLock lock(mainTileMu_);
   return mainTile_;
 }
 
@@ -121,7 +121,7 @@ void Tiling::onTilingRS(const TileInfoList& listed) {
   logger_.info("location server returned %u tiles", static_cast<unsigned>(listed.size()));
   if (!listed.empty()) {
     const std::string& suggested = listed.front().id;
-    std::lock_guard<std::mutex> lock(mainTileMu_);
+    SPI::StdMutexLock lock(mainTileMu_);
     if (suggested == mainTile_) {
       logger_.info("main tile remains %s", suggested.c_str());
     } else {
