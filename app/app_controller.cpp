@@ -138,6 +138,10 @@ void AppController::telluroLocationChanged() {
   std::optional<double> latitude = services_.location->currentLatitude();
   if (!longitude || !latitude) return;
   if (!isUsablePosition(*longitude, *latitude)) return;
+  const PositionQuality quality = services_.location->currentQuality().value_or(PositionQuality{});
+  SystemLog("looking up the zone at %s, %s (accuracy %.0f m, from the %s)",
+            GeoNamesClient::numberString(*latitude).c_str(), GeoNamesClient::numberString(*longitude).c_str(),
+            quality.accuracyMetres, positionSourceName(quality.source));
 
   // The service may take minutes to answer (ten attempts, 30 s apart): ask on
   // the worker. The helper object is made here, from the preferences as they

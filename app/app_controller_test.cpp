@@ -46,11 +46,16 @@ class FakeLocation final : public LocationSource {
  public:
   std::optional<double> currentLongitude() const override { return longitude; }
   std::optional<double> currentLatitude() const override { return latitude; }
-  void set(double lat, double lon) {
+  std::optional<PositionQuality> currentQuality() const override {
+    return latitude ? std::optional<PositionQuality>(quality) : std::nullopt;
+  }
+  void set(double lat, double lon, PositionQuality q = {30, PositionSource::PositioningServer}) {
     latitude = lat;
     longitude = lon;
+    quality = q;
   }
   std::optional<double> longitude, latitude;
+  PositionQuality quality;
 };
 
 class FakeTrigger final : public LocationTrigger {
@@ -309,9 +314,10 @@ TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
 TEST_F(AppControllerTest, NoZoneFoundChangesNothingButTheLocation) {
   auto controller = start();
   http_.setHandler([](const HttpRequest&) { return HttpResponse(200, "<geonames><status value=\"10\"/></geonames>"); });
-  location_.set(48.85, 2.35);
+  location_.set(48.85, 2.35, {1200, PositionSource::DeviceTiles});
   controller->telluroLocationChanged();
   settle(*controller);
+  EXPECT_TRUE(logged("looking up the zone at 48.85, 2.35 (accuracy 1200 m, from the device tiles)"));
   EXPECT_TRUE(logged("foundtimezone for (48.85, 2.35) = (null)"));
   EXPECT_EQ(server_.events, std::vector<std::string>{"CurrentLocation?"});
   EXPECT_FALSE(fs::exists(root_ / "commands"));

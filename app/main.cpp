@@ -191,6 +191,9 @@ class HelperSensing final : public LocationSource {
   std::optional<double> currentLatitude() const override {
     return sensing_ ? sensing_->telluroSensor().currentLatitude() : std::nullopt;
   }
+  std::optional<PositionQuality> currentQuality() const override {
+    return sensing_ ? sensing_->telluroSensor().currentQuality() : std::nullopt;
+  }
 
  private:
   PlatformServices& services_;

@@ -33,21 +33,17 @@ class FakeLocationLibrary final : public LocationLibrary {
     tilings.push_back(folder + " " + std::to_string(perSession) + " " + std::to_string(total));
     return tilingResult;
   }
-  WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
-                          double* latitude) override {
+  WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude, double* latitude,
+                          PositionQuality* quality) override {
     std::function<WPS_ReturnCode(double*, double*)> script;
     {
       std::lock_guard<std::mutex> lock(mu);
       users.push_back(std::string(authentication.username) + "@" + authentication.realm);
       lookupTimes.push_back(Clock::get().now());
       script = locate;
+      *quality = answerQuality;
     }
     return script ? script(longitude, latitude) : WPS_ERROR;
-  }
-  WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                    double* latitude, bool* ipBased) override {
-    *ipBased = wifiAnswerIsIpBased;
-    return location(authentication, longitude, latitude);
   }
   WPS_ReturnCode ipLocation(double* longitude, double* latitude) override {
     std::function<WPS_ReturnCode(double*, double*)> script;
@@ -69,7 +65,7 @@ class FakeLocationLibrary final : public LocationLibrary {
   WPS_ReturnCode tilingResult = WPS_OK;
   std::function<WPS_ReturnCode(double*, double*)> locate;
   std::function<WPS_ReturnCode(double*, double*)> locateIp;  // answers ipLocation (default: WPS_ERROR)
-  bool wifiAnswerIsIpBased = false;
+  PositionQuality answerQuality{30, PositionSource::PositioningServer};  // of every `locate` answer
   bool accounts = true;  // false: a server without accounts and tiles
   int ipLookups = 0;
   std::vector<std::string> registrations;

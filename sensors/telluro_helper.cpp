@@ -128,14 +128,14 @@ std::optional<TelluroLocation> TelluroHelper::currentLocation() {
       SystemLog("*** WPS_tiling failed (%d)!\n\n", static_cast<int>(rc));
   }
   double longitude = 0, latitude = 0;
-  bool ipBased = false;
-  if (WPS_ReturnCode rc = library_.locationWithSource(auth->record, &longitude, &latitude, &ipBased); rc != WPS_OK) {
+  PositionQuality quality;
+  if (WPS_ReturnCode rc = library_.location(auth->record, &longitude, &latitude, &quality); rc != WPS_OK) {
     SystemLog("*** WPS_location failed (%i)!\n\n", static_cast<int>(rc));
     return std::nullopt;
   }
   // The position is kept in single precision: the library's doubles
   // narrowed to floats.
-  return TelluroLocation{singlePrecision(longitude), singlePrecision(latitude), ipBased};
+  return TelluroLocation{singlePrecision(longitude), singlePrecision(latitude), quality};
 }
 
 std::optional<TelluroLocation> TelluroHelper::ipLocation() {
@@ -144,7 +144,7 @@ std::optional<TelluroLocation> TelluroHelper::ipLocation() {
     SystemLog("*** WPS_ip_location failed (%i)!", static_cast<int>(rc));
     return std::nullopt;
   }
-  return TelluroLocation{longitude, latitude, true};
+  return TelluroLocation{longitude, latitude, {kUnstatedIPAccuracyMetres, PositionSource::IPAddress}};
 }
 
 void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSeconds) {

@@ -23,19 +23,22 @@
 #include <optional>
 #include <string>
 
+#include "sensors/location_source.h"
+
 #include "wps/api/wpsapi.h"
 
 namespace zonara {
 
 // A position in degrees. The library's results are narrowed to single
-// precision; the IP-location page's are kept as read. `ipBased` marks a
-// position found from the computer's IP address (the page, or a positioning
-// server that knew none of the access points): a city at best, where a Wi-Fi
-// position is a street.
+// precision; the IP-location page's are kept as read. `quality` says how far
+// to trust it: a position from the computer's IP address (the page, or a
+// positioning server that knew none of the access points) is a city at best,
+// where a Wi-Fi position is a street.
 struct TelluroLocation {
   double longitude = 0;
   double latitude = 0;
-  bool ipBased = false;
+  PositionQuality quality;
+  [[nodiscard]] bool ipBased() const { return quality.source == PositionSource::IPAddress; }
 };
 
 // The positioning library's public functions the lookup uses; a seam so
@@ -47,17 +50,12 @@ class LocationLibrary {
                                                     const WPS_SimpleAuthentication& user) = 0;
   [[nodiscard]] virtual WPS_ReturnCode tiling(const std::string& folder, unsigned long perSession,
                                               unsigned long total) = 0;
-  // On WPS_OK fills `longitude` and `latitude` (degrees).
+  // On WPS_OK fills `longitude` and `latitude` (degrees) and `quality` (the
+  // library's horizontal positioning error and what the position came from).
   [[nodiscard]] virtual WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                                double* latitude) = 0;
-  // As location(), and on WPS_OK tells whether the position was found from
-  // the IP address rather than from Wi-Fi (by default it never is).
-  [[nodiscard]] virtual WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication,
-                                                          double* longitude, double* latitude, bool* ipBased) {
-    *ipBased = false;
-    return location(authentication, longitude, latitude);
-  }
-  // The server's position for the computer's IP address (by default none).
+                                                double* latitude, PositionQuality* quality) = 0;
+  // The server's position for the computer's IP address (by default none);
+  // its accuracy is not stated.
   [[nodiscard]] virtual WPS_ReturnCode ipLocation(double* /*longitude*/, double* /*latitude*/) { return WPS_ERROR; }
   // False when the server has no accounts and no tiles (the geolocation
   // JSON API): lookups then neither register nor configure tiling.

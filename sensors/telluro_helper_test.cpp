@@ -131,11 +131,13 @@ TEST_F(TelluroHelperTest, ServerWithoutAccountsIsOnlyAskedForTheLocationAndItsSo
     return WPS_OK;
   };
   TelluroHelper helper(library, folder_);
-  for (bool ipBased : {false, true}) {
-    library.wifiAnswerIsIpBased = ipBased;
+  for (PositionQuality quality : {PositionQuality{20, PositionSource::PositioningServer},
+                                  PositionQuality{120000, PositionSource::IPAddress}}) {
+    library.answerQuality = quality;
     std::optional<TelluroLocation> location = helper.currentLocation();
     ASSERT_TRUE(location);
-    EXPECT_EQ(location->ipBased, ipBased);
+    EXPECT_EQ(location->quality.source, quality.source);
+    EXPECT_EQ(location->quality.accuracyMetres, quality.accuracyMetres);
   }
   EXPECT_TRUE(library.registrations.empty());
   EXPECT_TRUE(library.tilings.empty());
@@ -152,7 +154,8 @@ TEST_F(TelluroHelperTest, ServerWithoutAccountsIsOnlyAskedForTheLocationAndItsSo
   std::optional<TelluroLocation> ip = helper.ipLocation();
   ASSERT_TRUE(ip);
   EXPECT_DOUBLE_EQ(ip->latitude, 48.85);
-  EXPECT_TRUE(ip->ipBased);
+  EXPECT_TRUE(ip->ipBased());
+  EXPECT_EQ(ip->quality.accuracyMetres, kUnstatedIPAccuracyMetres);
 }
 
 TEST(TelluroHelperDistance, FlatEarthInSinglePrecision) {

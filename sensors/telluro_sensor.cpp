@@ -70,23 +70,19 @@ void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<d
   std::lock_guard<std::mutex> lock(mu_);
   currentLongitude_ = longitude;
   currentLatitude_ = latitude;
-  positionIsIpBased_ = false;
+  currentQuality_.reset();
 }
 
 void TelluroSensor::setPosition(const TelluroLocation& location) {
-  if (location.ipBased) {
-    SystemLog("position %s, %s is from the IP address", numberText(location.latitude).c_str(),
-              numberText(location.longitude).c_str());
-  }
   std::lock_guard<std::mutex> lock(mu_);
   currentLongitude_ = location.longitude;
   currentLatitude_ = location.latitude;
-  positionIsIpBased_ = location.ipBased;
+  currentQuality_ = location.quality;
 }
 
-bool TelluroSensor::positionIsIpBased() const {
+std::optional<PositionQuality> TelluroSensor::currentQuality() const {
   std::lock_guard<std::mutex> lock(mu_);
-  return positionIsIpBased_;
+  return currentQuality_;
 }
 
 void TelluroSensor::performLocationCheck() {
@@ -201,8 +197,9 @@ void TelluroSensor::finishFetch(const std::optional<TelluroLocation>& location) 
 void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location) {
   if (location) {
     setPosition(*location);
-    SystemLog("setting current longitude to %s, latitude to %s%s", numberText(location->longitude).c_str(),
-              numberText(location->latitude).c_str(), location->ipBased ? " (from the IP address)" : "");
+    SystemLog("setting current longitude to %s, latitude to %s (from the %s, accuracy %.0f m)",
+              numberText(location->longitude).c_str(), numberText(location->latitude).c_str(),
+              positionSourceName(location->quality.source), location->quality.accuracyMetres);
     trigger_.triggerNotification();
     return;
   }
@@ -278,7 +275,7 @@ std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::st
   if (*next == '/') ++next;
   const double longitude = std::strtod(next, &end);
   if (end == next) return std::nullopt;
-  return TelluroLocation{longitude, latitude, true};
+  return TelluroLocation{longitude, latitude, {kUnstatedIPAccuracyMetres, PositionSource::IPAddress}};
 }
 
 TelluroStatus TelluroSensor::telluroStatus() const {

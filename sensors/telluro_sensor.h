@@ -87,8 +87,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   // LocationSource
   [[nodiscard]] std::optional<double> currentLongitude() const override;
   [[nodiscard]] std::optional<double> currentLatitude() const override;
-  // True when the current position was found from the IP address.
-  [[nodiscard]] bool positionIsIpBased() const;
+  [[nodiscard]] std::optional<PositionQuality> currentQuality() const override;
 
   // The quick check: once no check is in progress (looked at every 0.1 s by
   // a main-loop timer; the call itself returns at once), looks up with the
@@ -149,7 +148,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   mutable std::mutex mu_;  // the position, sleepDate_, the threads
   std::optional<double> currentLongitude_;
   std::optional<double> currentLatitude_;
-  bool positionIsIpBased_ = false;
+  std::optional<PositionQuality> currentQuality_;
   std::optional<Clock::WallTime> sleepDate_;
   struct Worker {
     std::thread thread;

@@ -139,7 +139,7 @@ TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthO
     EXPECT_EQ(library_.lookupTimes[1] - start, 1200ms);
   }
   EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
-  EXPECT_TRUE(logged("setting current longitude to 2.34999990463257, latitude to 48.8499984741211"));
+  EXPECT_TRUE(logged("setting current longitude to 2.34999990463257, latitude to 48.8499984741211 (from the positioning server, accuracy 30 m)"));
   // The first lookup's late answer is dropped, and the second lookup's 7.0 s
   // time-out (on a thread that never ran its loop) never fires.
   slowFirst.open();
@@ -206,14 +206,18 @@ TEST_F(TelluroSensorTest, WithoutAPageTheLibrarysIpLocationIsAskedOnceAndMarked)
   EXPECT_TRUE(fetcher_.urls.empty());
   ASSERT_TRUE(sensor_->currentLatitude());
   EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 52.5);
-  EXPECT_TRUE(sensor_->positionIsIpBased());
-  EXPECT_TRUE(logged("setting current longitude to 13.4, latitude to 52.5 (from the IP address)"));
-  EXPECT_TRUE(logged("position 52.5, 13.4 is from the IP address"));
+  ASSERT_TRUE(sensor_->currentQuality());
+  EXPECT_EQ(sensor_->currentQuality()->source, PositionSource::IPAddress);
+  EXPECT_EQ(sensor_->currentQuality()->accuracyMetres, kUnstatedIPAccuracyMetres);
+  EXPECT_TRUE(logged("setting current longitude to 13.4, latitude to 52.5 (from the IP address, accuracy 50000 m)"));
   EXPECT_EQ(trigger_.count(), 1u);
 
-  // A Wi-Fi position replaces it and is not marked.
-  sensor_->triggerSensor(TelluroLocation{13.41, 52.51});
-  EXPECT_FALSE(sensor_->positionIsIpBased());
+  // A Wi-Fi position replaces it with its own accuracy and source; no
+  // position, no quality.
+  sensor_->triggerSensor(TelluroLocation{13.41, 52.51, {35, PositionSource::LearnedPlaces}});
+  EXPECT_EQ(sensor_->currentQuality()->source, PositionSource::LearnedPlaces);
+  EXPECT_EQ(sensor_->currentQuality()->accuracyMetres, 35);
+  EXPECT_TRUE(logged("setting current longitude to 13.41, latitude to 52.51 (from the learned places, accuracy 35 m)"));
 }
 
 TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecondsApart) {
@@ -343,7 +347,7 @@ TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePosition) {
     bool kept;
   } cases[] = {{179000ms, true}, {180000ms, false}};
   for (const Case& c : cases) {
-    sensor_->triggerSensor(TelluroLocation{2.35, 48.85});
+    sensor_->triggerSensor(TelluroLocation{2.35, 48.85, {}});
     sensor_->willSleep();
     clock_.advance(c.slept);
     sensor_->didWake();
@@ -352,7 +356,7 @@ TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePosition) {
   EXPECT_TRUE(logged("clearing Telluro currentLongitutde/currentLatitude because it's been more than 2 minutes "
                      "since sleep occured"));
   // A wake without a sleep changes nothing.
-  sensor_->triggerSensor(TelluroLocation{2.35, 48.85});
+  sensor_->triggerSensor(TelluroLocation{2.35, 48.85, {}});
   clock_.advance(600000ms);
   sensor_->didWake();
   EXPECT_TRUE(sensor_->currentLongitude());
@@ -363,7 +367,7 @@ TEST_F(TelluroSensorTest, StatusComparison) {
   const TelluroStatus none{};
   EXPECT_TRUE(sensor_->statusIsEqualToStatus(none));
   EXPECT_FALSE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0, 20.0}));
-  sensor_->triggerSensor(TelluroLocation{10.0, 20.0});
+  sensor_->triggerSensor(TelluroLocation{10.0, 20.0, {}});
   EXPECT_FALSE(sensor_->statusIsEqualToStatus(none));
   EXPECT_TRUE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0 + 0.005 / 111.0, 20.0}));
   EXPECT_FALSE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0 + 0.02 / 111.0, 20.0}));

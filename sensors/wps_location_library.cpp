@@ -11,20 +11,28 @@ WPS_ReturnCode WpsLocationLibrary::tiling(const std::string& folder, unsigned lo
   return WPS_tiling(folder.c_str(), perSession, total, nullptr, nullptr);
 }
 
-WPS_ReturnCode WpsLocationLibrary::location(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                            double* latitude) {
-  bool ipBased = false;
-  return locationWithSource(authentication, longitude, latitude, &ipBased);
+namespace {
+
+PositionSource sourceOf(WPS_LocationSource source) {
+  switch (source) {
+    case WPS_SOURCE_IP_ADDRESS: return PositionSource::IPAddress;
+    case WPS_SOURCE_LEARNED: return PositionSource::LearnedPlaces;
+    case WPS_SOURCE_SERVER: return PositionSource::PositioningServer;
+    case WPS_SOURCE_WIFI: break;
+  }
+  return PositionSource::DeviceTiles;
 }
 
-WPS_ReturnCode WpsLocationLibrary::locationWithSource(const WPS_SimpleAuthentication& authentication,
-                                                      double* longitude, double* latitude, bool* ipBased) {
+}  // namespace
+
+WPS_ReturnCode WpsLocationLibrary::location(const WPS_SimpleAuthentication& authentication, double* longitude,
+                                            double* latitude, PositionQuality* quality) {
   WPS_Location* found = nullptr;
   const WPS_ReturnCode rc = WPS_location(&authentication, WPS_NO_STREET_ADDRESS_LOOKUP, &found);
   if (rc == WPS_OK && found) {
     *longitude = found->longitude;
     *latitude = found->latitude;
-    *ipBased = found->source == WPS_SOURCE_IP_ADDRESS;
+    *quality = PositionQuality{found->hpe, sourceOf(found->source)};
   }
   WPS_free_location(found);
   return rc == WPS_OK && !found ? WPS_ERROR : rc;

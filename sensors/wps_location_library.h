@@ -18,9 +18,7 @@ class WpsLocationLibrary final : public LocationLibrary {
                                       unsigned long total) override;
   // No street address is asked for; the library's record is freed here.
   [[nodiscard]] WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                        double* latitude) override;
-  [[nodiscard]] WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                                  double* latitude, bool* ipBased) override;
+                                        double* latitude, PositionQuality* quality) override;
   [[nodiscard]] WPS_ReturnCode ipLocation(double* longitude, double* latitude) override;
   // Only a server of the XML protocol has accounts and tiles.
   [[nodiscard]] bool usesAccounts() override;

@@ -181,6 +181,7 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   Location fix;
   if (request.cache != nullptr && request.cache->get(request.accessPoints, fix)) {
     logger.debug("found location in cache with nap = %d", fix.nap);
+    fix.fromServer = true;
     request.found(fix);
     return fix.nap > 2 ? WPS_STOP : WPS_CONTINUE;
   }
@@ -194,6 +195,7 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
     request.failed(rc);
     return WPS_CONTINUE;
   }
+  fix.fromServer = true;
   request.found(fix);
   if (request.learned != nullptr) {
     const size_t learned = request.learned->learn(request.accessPoints, fix);

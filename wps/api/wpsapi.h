@@ -93,7 +93,7 @@ typedef struct {
 
 /* What a location was found from. */
 typedef enum {
-  /* The access points of a Wi-Fi scan (tiles, cache or server). */
+  /* The access points of a Wi-Fi scan, placed on the device from the tiles. */
   WPS_SOURCE_WIFI = 0,
   /* The caller's IP address: a server that knew none of the access points
    * answered where the address is, usually no better than a city or a
@@ -102,7 +102,11 @@ typedef enum {
   /* Learned access points only (see WPS_set_learned_places): found on the
    * device from what positioning servers taught it earlier, with no request.
    * The hpe is never smaller than the accuracy of those servers' fixes. */
-  WPS_SOURCE_LEARNED = 2
+  WPS_SOURCE_LEARNED = 2,
+  /* The access points of a Wi-Fi scan, placed by the positioning server (in
+   * answer to this request, or a recent answer for nearly the same access
+   * points kept in the cache). */
+  WPS_SOURCE_SERVER = 3
 } WPS_LocationSource;
 
 /* A location, released with WPS_free_location. */

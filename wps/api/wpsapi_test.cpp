@@ -694,7 +694,7 @@ TEST_F(WpsApiTest, GeolocationApiLocatesByWifiAndByAddress) {
   EXPECT_DOUBLE_EQ(location->latitude, 47.1);
   EXPECT_DOUBLE_EQ(location->longitude, 8.1);
   EXPECT_EQ(location->nap, 3u);
-  EXPECT_EQ(location->source, WPS_SOURCE_WIFI);
+  EXPECT_EQ(location->source, WPS_SOURCE_SERVER);
   WPS_free_location(location);
 
   WPS_IPLocation* ip = nullptr;
@@ -740,7 +740,7 @@ TEST_F(WpsApiTest, AReturnVisitIsLocatedFromLearnedPlacesWithoutARequest) {
   // First visit: the server places the scan and teaches the five.
   WPS_Location* location = nullptr;
   ASSERT_EQ(WPS_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_OK);
-  EXPECT_EQ(location->source, WPS_SOURCE_WIFI);
+  EXPECT_EQ(location->source, WPS_SOURCE_SERVER);
   WPS_free_location(location);
   ASSERT_EQ(json.wifiRequestCount(), 1u);
   unsigned long accessPoints = 0, places = 0;
@@ -768,7 +768,7 @@ TEST_F(WpsApiTest, AReturnVisitIsLocatedFromLearnedPlacesWithoutARequest) {
   clearLocationCacheForTesting();
   clock_.advance(3600 * 1000);
   ASSERT_EQ(WPS_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_OK);
-  EXPECT_EQ(location->source, WPS_SOURCE_WIFI);
+  EXPECT_EQ(location->source, WPS_SOURCE_SERVER);
   WPS_free_location(location);
   EXPECT_EQ(json.wifiRequestCount(), 2u);
 }

@@ -78,6 +78,7 @@ struct Location {
   SPI::Time time;          // when the location was determined; unset when unknown
   bool ipBased = false;    // found from the caller's IP address, not from Wi-Fi
   bool learned = false;    // found on the device from learned access points only
+  bool fromServer = false; // placed by the positioning server for this request
   StreetAddress streetAddress;
 
   // A new public record; never null. Its street address is null when this
