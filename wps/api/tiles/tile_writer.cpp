@@ -233,7 +233,7 @@ bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileW
   const size_t blockRecords =
       options.blockRecords != 0
           ? std::clamp(options.blockRecords, 1u, 256u)
-          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 256);
+          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 32);
   std::vector<size_t> blockStarts;
   for (size_t i = 0; i < records; i += blockRecords) blockStarts.push_back(i);
   if (blockStarts.back() != records - 1) blockStarts.push_back(records - 1);
