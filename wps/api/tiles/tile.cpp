@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "wps/api/position_check.h"
 #include "wps/api/tiles/md4.h"
 
 namespace WPS {
@@ -176,9 +177,16 @@ bool Tile::scanBlock(uint64_t start, uint64_t end, uint64_t blockKey, uint64_t k
       const uint32_t r = in.readBitUInt(countWidth_);
       const uint32_t e = in.readBitUInt(exponentWidth_);
       if (in.overrun()) break;
+      const double latitude = static_cast<double>(int64_t{originLatitude_} + latOffset) * scale_;
+      const double longitude = static_cast<double>(int64_t{originLongitude_} + lonOffset) * scale_;
+      if (const char* problem = positionProblem(latitude, longitude)) {
+        logger_.error("Refusing access point %s of tile %d at %g, %g: %s", mac.toColonString().c_str(), tileNumber_,
+                      latitude, longitude, problem);
+        break;
+      }
       out.mac = mac;
-      out.latitude = static_cast<double>(int64_t{originLatitude_} + latOffset) * scale_;
-      out.longitude = static_cast<double>(int64_t{originLongitude_} + lonOffset) * scale_;
+      out.latitude = latitude;
+      out.longitude = longitude;
       out.reliabilityCount = r + kReliabilityCountBase;
       out.signalExponent = e / exponentDivisor_ + kSignalExponentBase;
       found = true;

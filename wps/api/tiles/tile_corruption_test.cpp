@@ -292,6 +292,53 @@ TEST(TileValidationTest, LookUpsReadOneSearchAndOneBlock) {
   }
 }
 
+// A tile whose origin places its access points past the pole (the origin
+// field reaches about 128 degrees): each such access point is refused and
+// logged, never handed out as a position.
+TEST(TileValidationTest, AccessPointsOffTheEarthAreRefused) {
+  std::mt19937_64 rng(7);
+  const auto aps = testing::randomAccessPoints(rng, 30, 80.1, 80.2, 170.1, 170.2);
+  TileWriterOptions options;  // unbound: keys do not depend on the origin
+  std::vector<unsigned char> file;
+  std::string error;
+  ASSERT_TRUE(buildTileFile(aps, options, file, error)) << error;
+  // Precision code 7 (P = 18): the 26-bit origin latitude follows the 3-bit
+  // code, the 27-bit origin longitude follows it.
+  auto setBits = [&file](size_t firstBit, unsigned width, uint64_t value) {
+    for (unsigned i = 0; i < width; ++i) {
+      const size_t bit = 8 * fileHEADSZ + firstBit + i;
+      const auto mask = static_cast<unsigned char>(0x80 >> (bit % 8));
+      if ((value >> (width - 1 - i)) & 1) {
+        file[bit / 8] |= mask;
+      } else {
+        file[bit / 8] &= static_cast<unsigned char>(~mask);
+      }
+    }
+  };
+  struct Case {
+    const char* name;
+    size_t firstBit;
+    unsigned width;
+    uint64_t origin;
+  } cases[] = {
+      {"latitude past 90", 3, 26, (uint64_t{1} << 25) - (uint64_t{1} << 20)},     // 124 degrees
+      {"longitude past 180", 29, 27, (uint64_t{1} << 26) - (uint64_t{1} << 18)},  // 255 degrees
+  };
+  const auto intact = file;
+  for (const auto& c : cases) {
+    file = intact;
+    setBits(c.firstBit, c.width, c.origin);
+    SPI::LogCapture log("WPS.API.Tile");
+    CompressedFileReaderProtected reader;
+    ASSERT_EQ(reader.openBuffer("", "far.wps", std::make_unique<GuardedBuffer>(file)), 0) << c.name;
+    for (const auto& ap : aps) EXPECT_TRUE(reader.get(ap.mac).empty()) << c.name;
+    EXPECT_TRUE(log.containsFragment("Refusing access point")) << c.name;
+  }
+  CompressedFileReaderProtected reader;
+  ASSERT_EQ(reader.openBuffer("", "near.wps", std::make_unique<GuardedBuffer>(intact)), 0);
+  for (const auto& ap : aps) EXPECT_FALSE(reader.get(ap.mac).empty());
+}
+
 }  // namespace
 }  // namespace API
 }  // namespace WPS
