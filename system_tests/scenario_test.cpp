@@ -396,7 +396,7 @@ TEST(ScenarioTest, GeolocationApiNotFoundFallsBackToTheServersIpLocation) {
   EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Asia/Tokyo"});
   EXPECT_GE(system.geolocationServer().wifiRequestCount(), 1u);
   EXPECT_GE(system.geolocationServer().ipRequestCount(), 1u);
-  EXPECT_GE(system.logCount("is from the IP address"), 1u) << system.helperLogFile();
+  EXPECT_GE(system.logCount("(from the IP address, accuracy"), 1u) << system.helperLogFile();
   EXPECT_EQ(system.stopHelper(), 0);
 }
 
