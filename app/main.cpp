@@ -21,8 +21,7 @@
 #include "sensors/location_sensing.h"
 #include "sensors/wps_location_library.h"
 #include "timezone/boundary_data.h"
-#include "wps/api/protocol/config.h"
-#include "wps/spi/logger.h"
+#include "wps/api/wpsapi.h"
 
 using namespace zonara;
 
@@ -130,7 +129,7 @@ class HelperSensing final : public LocationSource {
   HelperSensing(PlatformServices& services, ZonaraApplication& application)
       : services_(services),
         application_(application),
-        settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS::API::kDefaultServerUrl)) {
+        settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS_DEFAULT_SERVER_URL)) {
     WpsLocationLibrary::setServerURL(settings_.positioningServerURL);
     SystemLog("positioning server: %s",
               settings_.positioningServerURL.empty() ? "none" : settings_.positioningServerURL.c_str());
@@ -236,7 +235,7 @@ int main() {
   std::unique_ptr<ScaledClock> scaledClock = installTimeScale();
   // The positioning library looks for its logging configuration in the
   // running program's preferences domain: ours.
-  WPS::SPI::Logger::setApplicationDomain(kPreferencesDomain);
+  WPS_set_preferences_domain(kPreferencesDomain);
 
   ZonaraApplication& application = ZonaraApplication::sharedApplication();
   // Ending by signal is ending like "ZonaraShutdown": the loop returns and

@@ -2,7 +2,9 @@
 # Builds the fuzz targets and gives each a short run: a few thousand generated
 # inputs under libFuzzer with AddressSanitizer and UndefinedBehaviorSanitizer
 # when clang is installed, otherwise the seed corpus through the file driver.
-# Exits non-zero on a crash, a sanitizer report or a build failure.
+# Exits non-zero on a crash, a sanitizer report or a build failure; with clang
+# the build also compiles the positioning library with the thread-safety
+# analysis, whose warnings are errors here.
 #
 #   fuzz/smoke.sh                     build into build-fuzz/ and run
 #   FUZZ_RUNS=20000 fuzz/smoke.sh     more inputs per target
@@ -19,11 +21,15 @@ cmake_args=(-S . -B "$build" -DZONARA_BUILD_TESTS=OFF
             -DZONARA_BUILD_BENCHMARKS=OFF -DZONARA_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo)
 libfuzzer=0
 if command -v clang++ >/dev/null 2>&1 && command -v clang >/dev/null 2>&1; then
-  cmake_args+=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++)
+  # A lock-annotation warning of the thread-safety analysis fails the build.
+  cmake_args+=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-Werror=thread-safety)
   libfuzzer=1
 fi
 cmake "${cmake_args[@]}" >/dev/null
-cmake --build "$build" -j "$jobs" --target protocol_fuzz tile_reader_fuzz timezone_boundaries_fuzz >/dev/null
+targets=(protocol_fuzz tile_reader_fuzz timezone_boundaries_fuzz)
+# With clang, the whole positioning library too, for the thread-safety analysis.
+[ "$libfuzzer" = 1 ] && targets+=(wps)
+cmake --build "$build" -j "$jobs" --target "${targets[@]}" >/dev/null
 
 # Library logging of every rejected input would only slow the run down.
 quiet=$(mktemp)

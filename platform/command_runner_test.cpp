@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

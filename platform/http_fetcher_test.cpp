@@ -9,8 +9,8 @@
 
 #include "platform/system_log.h"
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/http_test_server.h"
-#include "platform/testing/untrusted_tls_server.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/untrusted_tls_server.h"
 
 namespace zonara {
 namespace {

@@ -16,8 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/system_log.h"
-#include "platform/testing/temp_dir.h"
 #include "platform/testing/system_log_capture.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

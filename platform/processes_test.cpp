@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "platform/file_system.h"
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

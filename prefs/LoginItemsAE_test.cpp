@@ -1,6 +1,6 @@
 #include "prefs/LoginItemsAE.h"
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

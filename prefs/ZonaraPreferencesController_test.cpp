@@ -14,8 +14,8 @@
 #include "platform/run_loop.h"
 #include "platform/system_log.h"
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/temp_dir.h"
 #include "platform/testing/test_bus.h"
+#include "wps/spi/testing/temp_dir.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;

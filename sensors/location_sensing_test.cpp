@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "platform/preferences_store.h"
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

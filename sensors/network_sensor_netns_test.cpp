@@ -14,9 +14,9 @@
 #include "platform/dynamic_store.h"
 #include "platform/run_loop.h"
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/temp_dir.h"
 #include "sensors/network_sensor.h"
 #include "sensors/system_configuration_monitor.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

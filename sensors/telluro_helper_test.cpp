@@ -12,8 +12,8 @@
 #include "platform/preferences_store.h"
 #include "platform/run_loop.h"
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/temp_dir.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

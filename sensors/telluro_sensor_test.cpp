@@ -5,8 +5,8 @@
 #include <filesystem>
 
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/temp_dir.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

@@ -52,14 +52,14 @@
 #include <vector>
 
 #include "platform/preferences_store.h"
-#include "platform/testing/child_process.h"
 #include "platform/testing/fakes.h"
-#include "platform/testing/http_test_server.h"
 #include "platform/testing/service_gate.h"
-#include "platform/testing/temp_dir.h"
 #include "wps/api/testing/fake_positioning_server.h"
 #include "wps/api/testing/geolocation_server.h"
 #include "wps/api/tiles/located_access_point.h"
+#include "wps/spi/testing/child_process.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara::testing {
 

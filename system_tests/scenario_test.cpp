@@ -263,6 +263,30 @@ TEST(ScenarioTest, GeolocationApiNotFoundFallsBackToTheServersIpLocation) {
   EXPECT_EQ(system.stopHelper(), 0);
 }
 
+// The server asks to be left alone (503): one request; then the IP-address
+// fallback to the same server, and the look-ups after joining a network, end
+// inside the back-off period without a request. No zone, no loop.
+TEST(ScenarioTest, GeolocationApiServerUnavailableIsAskedOnce) {
+  HelperSystem::Options options = scaled(5);
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  if (!system.hasWirelessInterface()) GTEST_SKIP() << "no network namespace here: cannot change the network";
+  system.geolocationServer().setFault(WPS::API::testing::GeolocationServer::Fault::kServiceUnavailable);
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForLog("WPS_ip_location failed (5)", patience(10s))) << system.helperLogFile();
+
+  const std::string searching = "path = State:/Network/Interface/zw0/AirPort, change = {Busy = 1;";
+  ASSERT_TRUE(system.wirelessSearch());
+  ASSERT_TRUE(system.waitForLog(searching, patience(5s))) << system.helperLogFile();
+  ASSERT_TRUE(system.wirelessJoin());
+  ASSERT_TRUE(system.waitForLog("WPS_ip_location failed (5)", patience(20s), 2)) << system.helperLogFile();
+  EXPECT_GE(system.logCount("WPS_location failed (5)"), 2u);
+  EXPECT_EQ(system.geolocationServer().wifiRequestCount(), 1u);
+  EXPECT_EQ(system.geolocationServer().ipRequestCount(), 0u);
+  EXPECT_TRUE(system.appliedZones().empty());
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
 }  // namespace
 }  // namespace zonara
 

@@ -15,15 +15,15 @@
 #include "app/testing/helper_services.h"
 #include "app/zonara_application.h"
 #include "platform/testing/fakes.h"
-#include "platform/testing/http_test_server.h"
 #include "platform/testing/system_log_capture.h"
-#include "platform/testing/temp_dir.h"
 #include "platform/testing/test_bus.h"
 #include "sensors/location_sensing.h"
 #include "sensors/sensor_test_support.h"
 #include "sensors/wps_location_library.h"
 #include "wps/api/testing/fake_positioning_server.h"
 #include "wps/spi/simulated_clock.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;

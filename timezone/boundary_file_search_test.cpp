@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/testing/temp_dir.h"
 #include "platform/xdg.h"
 #include "timezone/testing/built_boundary_file.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara::timezone {
 namespace {

@@ -13,7 +13,7 @@
 #include <iterator>
 #include <limits>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 #include "timezone/boundary_test_data.h"
 #include "timezone/tzdata_convert.h"
 

@@ -6,9 +6,9 @@
 #include <cmath>
 #include <limits>
 
-#include "platform/testing/http_test_server.h"
 #include "timezone/test_support.h"
 #include "timezone/testing/built_boundary_file.h"
+#include "wps/spi/testing/http_test_server.h"
 
 using namespace std::chrono_literals;
 

@@ -4,8 +4,8 @@
 
 #include <map>
 
-#include "platform/testing/http_test_server.h"
 #include "timezone/test_support.h"
+#include "wps/spi/testing/http_test_server.h"
 
 using namespace std::chrono_literals;
 

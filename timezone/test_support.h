@@ -8,8 +8,8 @@
 #include <string>
 
 #include "platform/clock.h"
-#include "platform/testing/temp_dir.h"
 #include "platform/time_zone_database.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara::testing {
 

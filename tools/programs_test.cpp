@@ -14,11 +14,11 @@
 #include "platform/dbus.h"
 #include "platform/preferences_store.h"
 #include "platform/run_loop.h"
-#include "platform/testing/child_process.h"
-#include "platform/testing/http_test_server.h"
-#include "platform/testing/temp_dir.h"
 #include "platform/testing/test_bus.h"
 #include "prefs/ZonaraPreferencesController.h"
+#include "wps/spi/testing/child_process.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;

@@ -9,10 +9,10 @@
 
 #include "platform/preferences_store.h"
 #include "platform/zonara_names.h"
-#include "platform/testing/child_process.h"
-#include "platform/testing/http_test_server.h"
-#include "platform/testing/temp_dir.h"
 #include "timezone/testing/built_boundary_file.h"
+#include "wps/spi/testing/child_process.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;

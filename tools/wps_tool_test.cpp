@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/child_process.h"
-#include "platform/testing/http_test_server.h"
-#include "platform/testing/temp_dir.h"
 #include "wps/api/testing/fake_positioning_server.h"
 #include "wps/api/testing/geolocation_server.h"
+#include "wps/spi/testing/child_process.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
 namespace {

@@ -3,7 +3,7 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
-#include "platform/testing/http_test_server.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace zonara::testing {
 namespace {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/testing/child_process.h"
+#include "wps/spi/testing/child_process.h"
 
 namespace zonara::testing {
 

@@ -25,8 +25,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/api/tiles/located_access_point.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace zonara::demo {
 

@@ -11,14 +11,14 @@
 #include <fstream>
 #include <sstream>
 
-#include "timezone/geolocation_helper.h"
 #include "platform/http_fetcher.h"
 #include "platform/testing/source_dir.h"
-#include "platform/testing/temp_dir.h"
 #include "platform/time_zone_database.h"
 #include "sensors/telluro_sensor.h"
+#include "timezone/geolocation_helper.h"
 #include "wps/api/testing/fake_positioning_server.h"
 #include "wps/api/wpsapi.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara::demo {
 namespace {

@@ -25,6 +25,10 @@
 extern "C" {
 #endif
 
+/* The server URL the library starts with (WPS_set_server_url changes it):
+ * the community database's geolocation JSON API. */
+#define WPS_DEFAULT_SERVER_URL "https://api.beacondb.net/v1/geolocate"
+
 /* Result of every public function. */
 typedef enum {
   /* Success. */
@@ -210,8 +214,8 @@ WPS_ReturnCode WPS_set_local_files_path(const char** paths);
 /* Enables scan collection into `dirpath`, using at most `size_kb` kilobytes. */
 WPS_ReturnCode WPS_set_tier2_area(const char* dirpath, unsigned size_kb);
 
-/* The server URL; null restores the default
- * ("https://api.beacondb.net/v1/geolocate"), the empty text disables all
+/* The server URL; null restores the default (WPS_DEFAULT_SERVER_URL), the
+ * empty text disables all
  * network use. A URL whose path ends in "/v1/geolocate" selects the
  * geolocation JSON API (see WPS_server_protocol); any other URL the XML
  * protocol, whose request paths are appended to it. */
@@ -283,6 +287,15 @@ WPS_ReturnCode WPS_periodic_location(const WPS_SimpleAuthentication* authenticat
  * pointer is ignored. */
 void WPS_free_location(WPS_Location* location);
 void WPS_free_ip_location(WPS_IPLocation* location);
+
+/* Names the embedding program's preferences domain: the library reads its
+ * logging configuration (the text LOG4CPP_CONFIGURATION, a log4cpp properties
+ * file) from that domain's property list first, then from its own domain
+ * "example.telluro.wps", then from the environment variable
+ * LOG4CPP_CONFIGURATION. Without a call the program's file name is the domain.
+ * Call before any other WPS_ function: logging is configured once, on first
+ * use. WPS_ERROR for a null domain. */
+WPS_ReturnCode WPS_set_preferences_domain(const char* domain);
 
 #ifdef __cplusplus
 }

@@ -18,16 +18,16 @@
 #include <thread>
 #include <vector>
 
-#include "platform/testing/http_test_server.h"
 #include <nlohmann/json.hpp>
 
-#include "platform/testing/temp_dir.h"
 #include "wps/api/local/location_determination_local.h"
 #include "wps/api/protocol/config.h"
 #include "wps/api/testing/geolocation_server.h"
 #include "wps/api/wpsapi_internal.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 #include "wps/spi/xml_http_request.h"
 
 extern "C" int wpsapi_c_layout_ok(void);
@@ -182,6 +182,12 @@ class WpsApiTest : public ::testing::Test {
 
 // The public header compiles as C with the documented field order.
 TEST(PublicHeader, CompilesAsCWithTheDocumentedLayout) { EXPECT_EQ(wpsapi_c_layout_ok(), 1); }
+
+// The embedding program names its preferences domain; a null one is refused.
+TEST(PublicSetup, ThePreferencesDomainMustBeNamed) {
+  EXPECT_EQ(WPS_set_preferences_domain(nullptr), WPS_ERROR);
+  EXPECT_EQ(WPS_set_preferences_domain("org.example.WpsApiTest"), WPS_OK);
+}
 
 // When the server is asked, what it is sent, and when the scanning stops.
 TEST_F(WpsApiTest, ServerRequestRuleAndEarlyStop) {

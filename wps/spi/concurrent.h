@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "wps/spi/logger.h"
 #include "wps/spi/thread_annotations.h"
@@ -27,6 +28,12 @@ class WPS_LOCKABLE Mutex {
   // Returns 0 when the lock was taken, 16 (EBUSY) when another holder has it.
   [[nodiscard]] virtual int trylock() WPS_TRY_ACQUIRE(0) = 0;
   virtual int unlock() WPS_RELEASE() = 0;
+  // As trylock, in the form the thread-safety analysis follows: true when the
+  // lock was taken; otherwise false with trylock's code in `error`.
+  [[nodiscard]] bool tryLock(int& error) WPS_TRY_ACQUIRE(true) WPS_NO_THREAD_SAFETY_ANALYSIS {
+    error = trylock();
+    return error == 0;
+  }
   int acquire() WPS_ACQUIRE() { return lock(); }
   int release() WPS_RELEASE() { return unlock(); }
 };
@@ -62,6 +69,35 @@ class WPS_SCOPED_LOCKABLE MutexLock {
   Mutex& m_;
 };
 
+// A std::mutex the thread-safety analysis follows (libstdc++'s std::mutex
+// carries no annotations). It is Lockable, so std::condition_variable_any
+// waits on it directly: `cv.wait(mu)` with `mu` held.
+class WPS_LOCKABLE StdMutex {
+ public:
+  StdMutex() = default;
+  StdMutex(const StdMutex&) = delete;
+  StdMutex& operator=(const StdMutex&) = delete;
+
+  void lock() WPS_ACQUIRE() { mu_.lock(); }
+  void unlock() WPS_RELEASE() { mu_.unlock(); }
+  [[nodiscard]] bool try_lock() WPS_TRY_ACQUIRE(true) { return mu_.try_lock(); }
+
+ private:
+  std::mutex mu_;
+};
+
+// Holds a StdMutex for the life of the scope.
+class WPS_SCOPED_LOCKABLE StdMutexLock {
+ public:
+  explicit StdMutexLock(StdMutex& m) WPS_ACQUIRE(m) : m_(m) { m_.lock(); }
+  ~StdMutexLock() WPS_RELEASE() { m_.unlock(); }
+  StdMutexLock(const StdMutexLock&) = delete;
+  StdMutexLock& operator=(const StdMutexLock&) = delete;
+
+ private:
+  StdMutex& m_;
+};
+
 // Read-write lock: many readers or one writer.
 class WPS_LOCKABLE PthreadRWLock {
  public:
@@ -90,10 +126,10 @@ class PthreadCond {
   // Atomically releases `mutex` (held by the caller) and waits for a signal;
   // the mutex is held again on return. Spurious wake-ups are possible, so
   // callers wait in a loop over their condition.
-  int wait(PthreadMutex& mutex);
+  int wait(PthreadMutex& mutex) WPS_REQUIRES(mutex);
   // As `wait`, giving up after `milliseconds` of real time; returns 110
   // (ETIMEDOUT) then.
-  int waitFor(PthreadMutex& mutex, int64_t milliseconds);
+  int waitFor(PthreadMutex& mutex, int64_t milliseconds) WPS_REQUIRES(mutex);
   // Wakes one waiter.
   int signal();
   // Wakes every waiter.

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/xml_http_request.h"
 
@@ -131,7 +132,7 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     if (!async_) return perform();
     // The thread waits for this lock before its callback, which may destroy
     // the request: the handle must be stored first.
-    std::lock_guard<std::mutex> lock(threadMutex_);
+    StdMutexLock lock(threadMutex_);
     thread_ = CurlPlatformUtils::create_thread(&CurlXmlHttpRequest::threadMain, this);
     if (thread_ == nullptr) {
       logger_.error("couldn't create the request's thread");
@@ -176,7 +177,7 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
   static int threadMain(void* self) {
     auto* request = static_cast<CurlXmlHttpRequest*>(self);
     int result = request->perform();
-    { std::lock_guard<std::mutex> lock(request->threadMutex_); }
+    { StdMutexLock lock(request->threadMutex_); }
     // The callback may destroy the request: nothing touches it afterwards.
     if (request->callback_ != nullptr) request->callback_(result, request->callbackUser_);
     return result;
@@ -229,9 +230,24 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
       finished_ = true;
       return -1;
     }
-    CURL* e = easy.get();
     char errorBuffer[CURL_ERROR_SIZE] = {0};
+    std::unique_ptr<curl_slist, SlistDeleter> headers = configure(easy.get(), errorBuffer);
+    const Outcome outcome = transfer(multi.get(), easy.get());
+    const int result = mapResult(outcome, errorBuffer);
+    finished_ = true;
+    return result;
+  }
 
+  // How a transfer ended: whether curl finished it, and with which code.
+  struct Outcome {
+    bool completed = false;
+    CURLcode code = CURLE_OK;
+  };
+
+  // Sets every option of the transfer on `e`; curl writes its error text to
+  // `errorBuffer`. Returns the request's header list, which must live until
+  // the transfer is over.
+  std::unique_ptr<curl_slist, SlistDeleter> configure(CURL* e, char* errorBuffer) {
     curl_easy_setopt(e, CURLOPT_URL, url_.c_str());
     // Only the web's protocols, whatever the configured URL says.
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -239,6 +255,28 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     // that anyone on the network path could hand out a false position.
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
+    configureMethod(e);
+    if (maxResponseBytes_ != 0) {
+      // Refuses an announced length at once; a body without one is counted
+      // as it arrives (writeBody).
+      curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(maxResponseBytes_));
+    }
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs_);
+    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, transferTimeoutMs_);
+    configureProxy(e);
+    std::unique_ptr<curl_slist, SlistDeleter> headers = requestHeaderList();
+    if (headers) curl_easy_setopt(e, CURLOPT_HTTPHEADER, headers.get());
+
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, errorBuffer);
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &CurlXmlHttpRequest::writeBody);
+    curl_easy_setopt(e, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &CurlXmlHttpRequest::writeHeader);
+    curl_easy_setopt(e, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    return headers;
+  }
+
+  void configureMethod(CURL* e) {
     switch (method_) {
       case GET:
         curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
@@ -252,25 +290,23 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
         curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE, static_cast<long>(requestBody_.size()));
         break;
     }
-    if (maxResponseBytes_ != 0) {
-      // Refuses an announced length at once; a body without one is counted
-      // as it arrives (writeBody).
-      curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(maxResponseBytes_));
-    }
-    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs_);
-    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, transferTimeoutMs_);
+  }
 
-    if (!proxy_.empty()) {
-      curl_easy_setopt(e, CURLOPT_PROXY, proxy_.c_str());
-      if (!proxyUser_.empty() || !proxyPassword_.empty()) {
-        proxyCredentials_ = proxyUser_ + ":" + proxyPassword_;
-        curl_easy_setopt(e, CURLOPT_PROXYUSERPWD, proxyCredentials_.c_str());
-      }
-    } else {
+  void configureProxy(CURL* e) {
+    if (proxy_.empty()) {
       // No proxy means none: not one from the environment either.
       curl_easy_setopt(e, CURLOPT_PROXY, "");
+      return;
     }
+    curl_easy_setopt(e, CURLOPT_PROXY, proxy_.c_str());
+    if (!proxyUser_.empty() || !proxyPassword_.empty()) {
+      proxyCredentials_ = proxyUser_ + ":" + proxyPassword_;
+      curl_easy_setopt(e, CURLOPT_PROXYUSERPWD, proxyCredentials_.c_str());
+    }
+  }
 
+  // The request headers as curl's list ("Name: value" lines); null for none.
+  [[nodiscard]] std::unique_ptr<curl_slist, SlistDeleter> requestHeaderList() const {
     std::unique_ptr<curl_slist, SlistDeleter> headers;
     for (const auto& [name, value] : requestHeaders_) {
       std::string line = name + ": " + value;
@@ -279,18 +315,14 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
       (void)headers.release();
       headers.reset(appended);
     }
-    if (headers) curl_easy_setopt(e, CURLOPT_HTTPHEADER, headers.get());
+    return headers;
+  }
 
-    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &CurlXmlHttpRequest::writeBody);
-    curl_easy_setopt(e, CURLOPT_WRITEDATA, this);
-    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &CurlXmlHttpRequest::writeHeader);
-    curl_easy_setopt(e, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-
-    curl_multi_add_handle(multi.get(), e);
+  // Runs the transfer of `e` on `multi` until it ends or is aborted.
+  Outcome transfer(CURLM* multi, CURL* e) {
+    curl_multi_add_handle(multi, e);
     int running = 0;
-    while (curl_multi_perform(multi.get(), &running) == CURLM_CALL_MULTI_PERFORM) {
+    while (curl_multi_perform(multi, &running) == CURLM_CALL_MULTI_PERFORM) {
     }
     while (running > 0 && !aborted_.load()) {
       fd_set readSet, writeSet, errorSet;
@@ -298,34 +330,40 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
       FD_ZERO(&writeSet);
       FD_ZERO(&errorSet);
       int maxfd = -1;
-      if (curl_multi_fdset(multi.get(), &readSet, &writeSet, &errorSet, &maxfd) != CURLM_OK || maxfd < 0) break;
+      if (curl_multi_fdset(multi, &readSet, &writeSet, &errorSet, &maxfd) != CURLM_OK || maxfd < 0) break;
       timeval timeout{0, kSelectTimeoutMicroseconds};
       if (select(maxfd + 1, &readSet, &writeSet, &errorSet, &timeout) < 0) {
         running = 0;
         break;
       }
-      while (curl_multi_perform(multi.get(), &running) == CURLM_CALL_MULTI_PERFORM) {
+      while (curl_multi_perform(multi, &running) == CURLM_CALL_MULTI_PERFORM) {
       }
     }
 
-    bool completed = false;
-    CURLcode code = CURLE_OK;
+    Outcome outcome;
     int queued = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi.get(), &queued)) {
+    while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
       if (message->msg == CURLMSG_DONE && message->easy_handle == e) {
-        completed = true;
-        code = message->data.result;
+        outcome.completed = true;
+        outcome.code = message->data.result;
       }
     }
-    curl_multi_remove_handle(multi.get(), e);
+    curl_multi_remove_handle(multi, e);
+    return outcome;
+  }
 
+  // The result of `perform` for how the transfer ended (see the header), with
+  // what went wrong logged.
+  int mapResult(const Outcome& outcome, const char* errorBuffer) {
+    const bool completed = outcome.completed;
+    const CURLcode code = outcome.code;
+    const char* curlText = errorBuffer[0] != 0 ? errorBuffer : curl_easy_strerror(code);
     if (completed && (tooLarge_ || code == CURLE_FILESIZE_EXCEEDED)) {
       logger_.error("response from %s is larger than the limit of %lu bytes; transfer stopped", url_.c_str(),
                     maxResponseBytes_);
       tooLarge_ = true;
       responseBody_.clear();
       responseBody_.shrink_to_fit();
-      finished_ = true;
       return kEFBIG;
     }
     int result;
@@ -340,18 +378,15 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
       result = translateCurlCode(code);
       if (result == 0) result = -1;
       cutShort_ = true;
-      logger_.error("response from %s was cut short: %s", url_.c_str(),
-                    errorBuffer[0] != 0 ? errorBuffer : curl_easy_strerror(code));
+      logger_.error("response from %s was cut short: %s", url_.c_str(), curlText);
     } else {
       result = translateCurlCode(code);
     }
     if (completed && code != CURLE_OK) {
-      logger_.debug("transfer of %s ended with curl error %d: %s", url_.c_str(), static_cast<int>(code),
-                    errorBuffer[0] != 0 ? errorBuffer : curl_easy_strerror(code));
+      logger_.debug("transfer of %s ended with curl error %d: %s", url_.c_str(), static_cast<int>(code), curlText);
     } else if (!completed) {
       logger_.debug("transfer of %s %s", url_.c_str(), aborted_.load() ? "aborted" : "did not complete");
     }
-    finished_ = true;
     return result;
   }
 
@@ -380,8 +415,8 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
   bool cutShort_ = false;  // a success response ended before its body did
   std::atomic<bool> aborted_{false};
   std::atomic<bool> finished_{false};
-  std::mutex threadMutex_;
-  void* thread_ = nullptr;  // handle of the asynchronous transfer's thread
+  StdMutex threadMutex_;
+  void* thread_ WPS_GUARDED_BY(threadMutex_) = nullptr;  // handle of the asynchronous transfer's thread
 };
 
 struct ThreadStart {
@@ -408,19 +443,19 @@ void XmlHttpRequest::setDefaultTimeouts(long connectMs, long transferMs) {
 }
 
 namespace {
-std::mutex gGlobalMutex;
-bool gGlobalInitialised = false;
+StdMutex gGlobalMutex;
+bool gGlobalInitialised WPS_GUARDED_BY(gGlobalMutex) = false;
 }  // namespace
 
 void CurlPlatformUtils::global_init() {
-  std::lock_guard<std::mutex> lock(gGlobalMutex);
+  StdMutexLock lock(gGlobalMutex);
   if (gGlobalInitialised) return;
   curl_global_init(CURL_GLOBAL_ALL);
   gGlobalInitialised = true;
 }
 
 void CurlPlatformUtils::global_cleanup() {
-  std::lock_guard<std::mutex> lock(gGlobalMutex);
+  StdMutexLock lock(gGlobalMutex);
   if (!gGlobalInitialised) return;
   curl_global_cleanup();
   gGlobalInitialised = false;

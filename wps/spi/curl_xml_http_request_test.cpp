@@ -5,9 +5,9 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/testing/http_test_server.h"
-#include "platform/testing/untrusted_tls_server.h"
 #include "wps/spi/log_capture.h"
+#include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/untrusted_tls_server.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {

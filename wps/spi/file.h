@@ -72,10 +72,16 @@ class File {
 
   // Removes a file; returns 0 or errno and logs "unlink(%s) failed %d: %s".
   static int remove(const std::string& path);
+  // Renames `from` to `to`, replacing `to` atomically when it exists; returns
+  // 0 or errno and logs "rename(%s) failed %d: %s" with `from`.
+  static int rename(const std::string& from, const std::string& to);
   // Size of a file in bytes, or -1 with "stat(%s) failed %d: %s" logged.
   [[nodiscard]] static int64_t size(const std::string& path);
   // True when `path` names an existing regular file (nothing is logged).
   [[nodiscard]] static bool exists(const std::string& path);
+  // When `path` names an existing regular file, the time of its last
+  // modification in seconds since the epoch; otherwise -1 (nothing is logged).
+  [[nodiscard]] static int64_t modificationTime(const std::string& path);
 };
 
 class Directory {

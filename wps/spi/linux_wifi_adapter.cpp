@@ -14,7 +14,7 @@ namespace SPI {
 namespace {
 
 // The kernel release, shared by all scanner threads; read by the first one.
-std::mutex osVersionMutex;
+StdMutex osVersionMutex;
 std::string osVersionText;
 
 }  // namespace
@@ -47,7 +47,7 @@ class LinuxWifiAdapter::ScannerThread {
 void LinuxWifiAdapter::ScannerThread::readOsVersion() {
   std::string version;
   {
-    std::lock_guard<std::mutex> lock(osVersionMutex);
+    StdMutexLock lock(osVersionMutex);
     if (osVersionText.empty()) {
       struct utsname name;
       if (uname(&name) != 0) {
@@ -263,12 +263,13 @@ int LinuxWifiAdapter::open() {
 
 int LinuxWifiAdapter::startScan() {
   if (!hasThread_) return EBADF;
-  int rc = mutex_.trylock();
-  if (rc == EBUSY) {
+  // A scanner holding the lock is busy scanning already: nothing to start.
+  int rc = 0;
+  if (!mutex_.tryLock(rc)) {
+    if (rc != EBUSY) return rc;
     logger_.info("scanner busy");
     return 0;
   }
-  if (rc != 0) return rc;
   status_ = 0;
   results_.clear();
   setEvent(EVENT_SCAN);
@@ -315,7 +316,7 @@ std::string LinuxWifiAdapter::description() const {
 }
 
 std::string LinuxWifiAdapter::osVersion() {
-  std::lock_guard<std::mutex> lock(osVersionMutex);
+  StdMutexLock lock(osVersionMutex);
   return osVersionText;
 }
 

@@ -56,7 +56,7 @@ class LinuxWifiAdapter final : public WifiAdapter {
 
   // Sets an event bit, logging "%x already set" when it already was. Caller
   // holds mutex_.
-  void setEvent(int event);
+  void setEvent(int event) WPS_REQUIRES(mutex_);
 
   Logger& logger_;
   std::unique_ptr<WirelessDriver> driver_;
@@ -66,11 +66,11 @@ class LinuxWifiAdapter final : public WifiAdapter {
   // hasThread_ belong to the caller of open/close.
   PthreadMutex mutex_;
   PthreadCond cond_;
-  int events_ = 0;
-  int status_ = 0;          // last scan's code (0 = good)
-  int attachStatus_ = 0;    // the driver's attach code, for open()
-  bool scannerRunning_ = false;
-  AccessPointList results_;
+  int events_ WPS_GUARDED_BY(mutex_) = 0;
+  int status_ WPS_GUARDED_BY(mutex_) = 0;        // last scan's code (0 = good)
+  int attachStatus_ WPS_GUARDED_BY(mutex_) = 0;  // the driver's attach code, for open()
+  bool scannerRunning_ WPS_GUARDED_BY(mutex_) = false;
+  AccessPointList results_ WPS_GUARDED_BY(mutex_);
   std::string description_;  // written by the scanner thread during open()
 
   pthread_t thread_{};

@@ -4,6 +4,7 @@
 #include <log4cpp/Category.hh>
 #include <log4cpp/Priority.hh>
 #include <log4cpp/PropertyConfigurator.hh>
+#include <syslog.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,8 +13,8 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/preferences_store.h"
-#include "platform/system_log.h"
+#include "wps/spi/concurrent.h"
+#include "wps/spi/preferences.h"
 
 namespace WPS {
 namespace SPI {
@@ -41,22 +42,19 @@ class Log4CppLogger final : public Logger {
   log4cpp::Category& category_;
 };
 
-std::mutex& domainMutex() {
-  static std::mutex mu;
+StdMutex& domainMutex() {
+  static StdMutex mu;
   return mu;
 }
 
+// Guarded by domainMutex().
 std::string& domainName() {
   static std::string name;
   return name;
 }
 
 std::string lookUpPreference(const std::string& domain) {
-  if (domain.empty()) return {};
-  zonara::PreferencesDomain prefs(domain);
-  std::optional<zonara::PrefValue> value = prefs.copyValue(kConfigurationKey);
-  if (!value || !value->isString()) return {};
-  return value->asString();
+  return readStringPreference(domain, kConfigurationKey).value_or(std::string());
 }
 
 void configureOnce() {
@@ -65,14 +63,14 @@ void configureOnce() {
   try {
     log4cpp::PropertyConfigurator::configure(path);
   } catch (const std::exception& e) {
-    zonara::SystemLogAt(zonara::LogPriority::Error, "logging configuration %s failed: %s", path.c_str(),
-                        e.what());
+    // No logger can report this: the configuration is what failed.
+    syslog(LOG_ERR, "logging configuration %s failed: %s", path.c_str(), e.what());
   }
 }
 
 struct Registry {
-  std::mutex mu;
-  std::map<std::string, std::unique_ptr<Log4CppLogger>> loggers;
+  StdMutex mu;
+  std::map<std::string, std::unique_ptr<Log4CppLogger>> loggers WPS_GUARDED_BY(mu);
 };
 
 Registry& registry() {
@@ -83,12 +81,12 @@ Registry& registry() {
 }  // namespace
 
 void Logger::setApplicationDomain(const std::string& domain) {
-  std::lock_guard<std::mutex> lock(domainMutex());
+  StdMutexLock lock(domainMutex());
   domainName() = domain;
 }
 
 std::string Logger::applicationDomain() {
-  std::lock_guard<std::mutex> lock(domainMutex());
+  StdMutexLock lock(domainMutex());
   if (!domainName().empty()) return domainName();
   return program_invocation_short_name ? program_invocation_short_name : "";
 }
@@ -107,7 +105,7 @@ Logger* Logger::Impl::getInstance(const char* name) {
   static std::once_flag once;
   std::call_once(once, configureOnce);
   Registry& r = registry();
-  std::lock_guard<std::mutex> lock(r.mu);
+  StdMutexLock lock(r.mu);
   std::unique_ptr<Log4CppLogger>& slot = r.loggers[name ? name : ""];
   if (!slot) slot = std::make_unique<Log4CppLogger>(log4cpp::Category::getInstance(name ? name : ""));
   return slot.get();

@@ -1,17 +1,19 @@
 #include "wps/spi/logger.h"
 
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 
-#include "platform/preferences_store.h"
-#include "platform/testing/temp_dir.h"
 #include "wps/spi/log_capture.h"
+#include "wps/spi/preferences.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace WPS::SPI {
 namespace {
@@ -40,10 +42,23 @@ class LoggerConfigurationTest : public ::testing::Test {
     return path;
   }
 
-  void setPreference(const std::string& domain, const std::string& value) {
-    zonara::PreferencesDomain prefs(domain, dir_ + "/config");
-    prefs.setValue("LOG4CPP_CONFIGURATION", zonara::PrefValue::string(value));
-    ASSERT_TRUE(prefs.synchronize());
+  // Stores `value` under LOG4CPP_CONFIGURATION in `domain`'s property list,
+  // in XML or binary form, as a program's preferences store writes it.
+  void setPreference(const std::string& domain, const std::string& value, bool binary = false) {
+    std::filesystem::create_directories(dir_ + "/config");
+    plist_t dict = plist_new_dict();
+    plist_dict_set_item(dict, "LOG4CPP_CONFIGURATION", plist_new_string(value.c_str()));
+    plist_dict_set_item(dict, "Other", plist_new_bool(1));
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    if (binary) {
+      plist_to_bin(dict, &bytes, &length);
+    } else {
+      plist_to_xml(dict, &bytes, &length);
+    }
+    plist_free(dict);
+    std::ofstream(dir_ + "/config/" + domain + ".plist", std::ios::binary).write(bytes, length);
+    std::free(bytes);
   }
 
   // Runs `body` in a child with XDG_CONFIG_HOME pointing into the test folder.
@@ -69,15 +84,18 @@ TEST_F(LoggerConfigurationTest, SourcesAreConsultedInOrder) {
   const std::string env = writeConfiguration("env");
   const struct {
     bool appPref, libraryPref, envVar;
+    bool binary;           // the preference files are binary property lists
     const char* expected;  // which log file receives the message; null = none
   } cases[] = {
-      {true, true, true, "app"},       {false, true, true, "library"}, {false, false, true, "env"},
-      {true, false, false, "app"},     {false, false, false, nullptr},
+      {true, true, true, false, "app"},   {false, true, true, false, "library"}, {false, false, true, false, "env"},
+      {true, false, false, false, "app"}, {false, false, false, false, nullptr}, {true, true, true, true, "app"},
+      {false, true, false, true, "library"},
   };
   for (const auto& c : cases) {
-    std::system(("rm -rf '" + dir_ + "/config' '" + dir_ + "'/*.log").c_str());
-    if (c.appPref) setPreference("org.quillon.ZonaraTest", app);
-    if (c.libraryPref) setPreference(kLibraryPreferencesDomain, library);
+    std::filesystem::remove_all(dir_ + "/config");
+    for (const char* name : {"app", "library", "env"}) std::filesystem::remove(dir_ + "/" + name + ".log");
+    if (c.appPref) setPreference("org.quillon.ZonaraTest", app, c.binary);
+    if (c.libraryPref) setPreference(kLibraryPreferencesDomain, library, c.binary);
     EXPECT_EQ(0, inChild([&] {
       if (c.envVar) {
         setenv("LOG4CPP_CONFIGURATION", env.c_str(), 1);
@@ -92,7 +110,7 @@ TEST_F(LoggerConfigurationTest, SourcesAreConsultedInOrder) {
       if (c.expected && std::string(name) == c.expected) {
         EXPECT_EQ(log, "WPS.Test|configured 1\n") << name;
       } else {
-        EXPECT_EQ(log, "") << name << " should not have been configured";
+        EXPECT_EQ(log, "") << name << " should not have been configured (binary: " << c.binary << ")";
       }
     }
   }

@@ -13,9 +13,6 @@
 #include <string>
 #include <thread>
 
-#include "platform/testing/test_bus.h"
-
-
 namespace WPS {
 namespace SPI {
 namespace {
@@ -146,12 +143,34 @@ class FakeNetworkManager {
   std::string optionsType_;
 };
 
+// A private dbus-daemon for the length of a test (GLib's test bus: it has
+// no service files, so nothing is ever activated on it).
+class PrivateBus {
+ public:
+  PrivateBus() : bus_(g_test_dbus_new(G_TEST_DBUS_NONE)) { g_test_dbus_up(bus_); }
+  ~PrivateBus() {
+    g_test_dbus_down(bus_);
+    g_object_unref(bus_);
+  }
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  // Empty when the daemon could not be started.
+  [[nodiscard]] std::string address() const {
+    const char* address = g_test_dbus_get_bus_address(bus_);
+    return address ? address : "";
+  }
+
+ private:
+  GTestDBus* bus_;
+};
+
 class NetworkManagerScanTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (bus_.address().empty()) GTEST_SKIP() << "no dbus-daemon";
   }
-  zonara::testing::TestBus bus_;  // a private dbus-daemon for the length of a test
+  PrivateBus bus_;
 };
 
 TEST_F(NetworkManagerScanTest, NotRunningIsNoEntry) {

@@ -7,12 +7,12 @@ SimulatedClock::SimulatedClock(Time start, bool autoAdvance)
     : nowMs_(int64_t{start.seconds} * 1000 + start.milliseconds), autoAdvance_(autoAdvance) {}
 
 Time SimulatedClock::now() {
-  std::lock_guard<std::mutex> lock(mu_);
+  StdMutexLock lock(mu_);
   return Time(static_cast<int32_t>(nowMs_ / 1000), static_cast<int32_t>(nowMs_ % 1000));
 }
 
 void SimulatedClock::sleepMilliseconds(int64_t milliseconds) {
-  std::unique_lock<std::mutex> lock(mu_);
+  StdMutexLock lock(mu_);
   if (milliseconds <= 0) return;
   slept_ += milliseconds;
   if (autoAdvance_) {
@@ -23,23 +23,23 @@ void SimulatedClock::sleepMilliseconds(int64_t milliseconds) {
   const int64_t deadline = nowMs_ + milliseconds;
   ++sleepers_;
   cv_.notify_all();
-  cv_.wait(lock, [&] { return nowMs_ >= deadline; });
+  while (nowMs_ < deadline) cv_.wait(mu_);
   --sleepers_;
 }
 
 void SimulatedClock::advance(int64_t milliseconds) {
-  std::lock_guard<std::mutex> lock(mu_);
+  StdMutexLock lock(mu_);
   nowMs_ += milliseconds;
   cv_.notify_all();
 }
 
 int SimulatedClock::sleepers() {
-  std::lock_guard<std::mutex> lock(mu_);
+  StdMutexLock lock(mu_);
   return sleepers_;
 }
 
 int64_t SimulatedClock::totalSlept() {
-  std::lock_guard<std::mutex> lock(mu_);
+  StdMutexLock lock(mu_);
   return slept_;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "wps/spi/concurrent.h"
 #include "wps/spi/time.h"
 
 namespace WPS {
@@ -32,12 +33,12 @@ class SimulatedClock final : public Clock {
   [[nodiscard]] int64_t totalSlept();
 
  private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  int64_t nowMs_;
+  StdMutex mu_;
+  std::condition_variable_any cv_;
+  int64_t nowMs_ WPS_GUARDED_BY(mu_);
   const bool autoAdvance_;
-  int sleepers_ = 0;
-  int64_t slept_ = 0;
+  int sleepers_ WPS_GUARDED_BY(mu_) = 0;
+  int64_t slept_ WPS_GUARDED_BY(mu_) = 0;
 };
 
 // Installs a clock for the life of the scope and restores the previous one.

@@ -212,9 +212,20 @@ int64_t File::size(const std::string& path) {
   return st.st_size;
 }
 
+int File::rename(const std::string& from, const std::string& to) {
+  if (::rename(from.c_str(), to.c_str()) != 0) return logPathFailure(fileLogger(), "rename", from, errno);
+  return 0;
+}
+
 bool File::exists(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+int64_t File::modificationTime(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  return static_cast<int64_t>(st.st_mtime);
 }
 
 std::unique_ptr<Directory> Directory::newInstance() { return std::make_unique<UnixDirectory>(); }

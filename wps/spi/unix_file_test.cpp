@@ -7,9 +7,9 @@
 #include <fstream>
 #include <set>
 
-#include "platform/testing/temp_dir.h"
 #include "wps/spi/file.h"
 #include "wps/spi/log_capture.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace WPS::SPI {
 namespace {
@@ -53,8 +53,23 @@ TEST_F(UnixFileTest, WritesReadsAndSizes) {
   ASSERT_EQ(f->write("end", 3), 0);
   f->close();
   EXPECT_EQ(File::size(path), 10003);
-  EXPECT_EQ(File::remove(path), 0);
+  const int64_t modified = File::modificationTime(path);
+  EXPECT_GT(modified, 1600000000);
+
+  // A rename replaces the file at the new name.
+  const std::string other = dir_ + "/other";
+  {
+    auto o = File::newInstance();
+    ASSERT_EQ(o->open(other, File::WRITE | File::CREATE), 0);
+    ASSERT_EQ(o->write("x", 1), 0);
+    ASSERT_EQ(o->close(), 0);
+  }
+  EXPECT_EQ(File::rename(path, other), 0);
   EXPECT_FALSE(File::exists(path));
+  EXPECT_EQ(File::size(other), 10003);
+  EXPECT_EQ(File::modificationTime(other), modified);
+  EXPECT_EQ(File::remove(other), 0);
+  EXPECT_FALSE(File::exists(other));
 }
 
 TEST_F(UnixFileTest, FailuresLogPathErrnoAndText) {
@@ -64,6 +79,9 @@ TEST_F(UnixFileTest, FailuresLogPathErrnoAndText) {
   EXPECT_EQ(f->open(missing, File::READ), ENOENT);
   EXPECT_EQ(File::remove(missing), ENOENT);
   EXPECT_EQ(File::size(missing), -1);
+  EXPECT_EQ(File::rename(missing, dir_ + "/elsewhere"), ENOENT);
+  EXPECT_EQ(File::modificationTime(missing), -1);  // not logged
+  EXPECT_EQ(File::modificationTime(dir_), -1);     // a folder: not logged
 
   // Creating a file where nobody may write (sysfs refuses even root).
   std::string unwritable;
@@ -80,6 +98,7 @@ TEST_F(UnixFileTest, FailuresLogPathErrnoAndText) {
       "open(" + missing + ") failed 2: No such file or directory",
       "unlink(" + missing + ") failed 2: No such file or directory",
       "stat(" + missing + ") failed 2: No such file or directory",
+      "rename(" + missing + ") failed 2: No such file or directory",
       "open(" + unwritable + ") failed 13: Permission denied",
   };
   EXPECT_EQ(capture.messages(), expected);

@@ -8,10 +8,10 @@
 #include <filesystem>
 #include <random>
 
-#include "platform/testing/temp_dir.h"
 #include "wps/spi/file.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace WPS {
 namespace API {

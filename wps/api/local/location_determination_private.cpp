@@ -234,82 +234,92 @@ void LocationDeterminationPrivate::traceScannedAPs(const std::vector<APInfo>& li
 
 int LocationDeterminationPrivate::calcPosition(std::vector<APInfo>& list, Location& out) {
   const SPI::Time now = SPI::Time::now();
-  const auto& smoothed = smoothedTrace();
-
-  // R1: the last smoothed fix of the past 20 s.
-  Location reference;
-  SPI::Time referenceTime = now;
-  bool haveReference = false;
-  for (size_t i = 0; i < smoothed.size(); ++i) {
-    if (elapsedMs(now, traceTime(i)) < kRecentMs && bothNonZero(smoothed[i])) {
-      reference = smoothed[i];
-      referenceTime = traceTime(i);
-      haveReference = true;
-      break;
-    }
+  const Reference reference = findReference(list, now);
+  gateAroundReference(list, reference, now);
+  if (list.empty()) {
+    holdRecentFix(now, out);
+    return 0;
   }
+  weightedCentroid(list, reference.location, out);
+  return 0;
+}
+
+// R1: the last smoothed fix of the past 20 s; R2, without one: a reference
+// from the access points themselves (dropping, among three or more, those
+// without a neighbour).
+LocationDeterminationPrivate::Reference LocationDeterminationPrivate::findReference(std::vector<APInfo>& list,
+                                                                                    SPI::Time now) {
+  const auto& smoothed = smoothedTrace();
+  for (size_t i = 0; i < smoothed.size(); ++i) {
+    if (elapsedMs(now, traceTime(i)) < kRecentMs && bothNonZero(smoothed[i])) return {smoothed[i], traceTime(i)};
+  }
+  Reference reference{Location(), now};
+  if (list.empty()) return reference;
   auto newestNonZeroSmoothed = [&]() {
     for (size_t i = 0; i < smoothed.size(); ++i) {
       if (bothNonZero(smoothed[i])) {
-        reference = smoothed[i];
-        referenceTime = traceTime(i);
+        reference = {smoothed[i], traceTime(i)};
         return true;
       }
     }
     return false;
   };
-  auto fromAccessPoint = [&](const APInfo& ap) {
-    reference = positionOf(ap);
-    referenceTime = now;
-  };
+  if (list.size() == 1) {
+    if (!newestNonZeroSmoothed()) reference = {positionOf(list[0]), now};
+  } else if (list.size() == 2) {
+    const bool apart = calcDistance(positionOf(list[0]), list[1]) >= kTwoAPsApart;
+    if (!apart || !newestNonZeroSmoothed()) reference = {positionOf(list[0]), now};
+  } else {
+    reference = medianOfNeighbours(list, now);
+  }
+  return reference;
+}
 
-  // R2: from the access points themselves.
-  if (!haveReference && !list.empty()) {
-    if (list.size() == 1) {
-      if (!newestNonZeroSmoothed()) fromAccessPoint(list[0]);
-    } else if (list.size() == 2) {
-      const bool apart = calcDistance(positionOf(list[0]), list[1]) >= kTwoAPsApart;
-      if (!apart || !newestNonZeroSmoothed()) fromAccessPoint(list[0]);
+// Drops the access points without a neighbour; the reference is the lower
+// median of the rest (or, when at most one is left, the last access point
+// examined).
+LocationDeterminationPrivate::Reference LocationDeterminationPrivate::medianOfNeighbours(std::vector<APInfo>& list,
+                                                                                         SPI::Time now) {
+  Reference reference{Location(), now};
+  for (size_t i = 0; i < list.size();) {
+    reference.location = positionOf(list[i]);
+    bool neighbour = false;
+    for (size_t j = 0; j < list.size() && !neighbour; ++j) {
+      if (j == i) continue;
+      neighbour = std::fabs(list[i].latitude - list[j].latitude) + std::fabs(list[i].longitude - list[j].longitude) <
+                  kIsolationDegrees;
+    }
+    if (neighbour) {
+      ++i;
     } else {
-      // Drop access points without a neighbour; the working reference follows
-      // the access point under examination.
-      for (size_t i = 0; i < list.size();) {
-        fromAccessPoint(list[i]);
-        bool neighbour = false;
-        for (size_t j = 0; j < list.size() && !neighbour; ++j) {
-          if (j == i) continue;
-          neighbour = std::fabs(list[i].latitude - list[j].latitude) + std::fabs(list[i].longitude - list[j].longitude) <
-                      kIsolationDegrees;
-        }
-        if (neighbour) {
-          ++i;
-        } else {
-          list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
-        }
-      }
-      if (list.size() <= 1) {
-        logger_.debug("Error! List of AP cannot be one here!");
-      } else {
-        std::vector<double> lats, lons;
-        for (const APInfo& ap : list) {
-          lats.push_back(ap.latitude);
-          lons.push_back(ap.longitude);
-        }
-        reference = Location();
-        reference.latitude = lowerMedian(lats);
-        reference.longitude = lowerMedian(lons);
-        referenceTime = now;
-      }
+      list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
     }
   }
+  if (list.size() <= 1) {
+    logger_.debug("Error! List of AP cannot be one here!");
+    return reference;
+  }
+  std::vector<double> lats, lons;
+  for (const APInfo& ap : list) {
+    lats.push_back(ap.latitude);
+    lons.push_back(ap.longitude);
+  }
+  reference.location = Location();
+  reference.location.latitude = lowerMedian(lats);
+  reference.location.longitude = lowerMedian(lons);
+  return reference;
+}
 
-  // R3: gate by a radius that grows with the reference's age.
-  uint32_t ageMs = elapsedMs(now, referenceTime);
+// R3: keeps the access points within a radius of the reference that grows
+// with the reference's age; the smallest of three radii that keeps three.
+void LocationDeterminationPrivate::gateAroundReference(std::vector<APInfo>& list, const Reference& reference,
+                                                       SPI::Time now) {
+  uint32_t ageMs = elapsedMs(now, reference.time);
   if (ageMs >= kGatingAgeLimitMs) ageMs = 0;
   const double growth = kGatePerSecond * (ageMs / 1000.0);
   std::vector<double> distances;
   distances.reserve(list.size());
-  for (const APInfo& ap : list) distances.push_back(calcDistance(reference, ap));
+  for (const APInfo& ap : list) distances.push_back(calcDistance(reference.location, ap));
   auto countWithin = [&](double radius) {
     return std::count_if(distances.begin(), distances.end(), [radius](double d) { return d < radius; });
   };
@@ -318,70 +328,43 @@ int LocationDeterminationPrivate::calcPosition(std::vector<APInfo>& list, Locati
     radius = kGate2 + growth;
     if (countWithin(radius) < 3) radius = kGate3 + growth;
   }
-  {
-    std::vector<APInfo> kept;
-    kept.reserve(list.size());
-    for (size_t i = 0; i < list.size(); ++i) {
-      if (!(distances[i] > radius)) kept.push_back(list[i]);
-    }
-    list.swap(kept);
+  std::vector<APInfo> kept;
+  kept.reserve(list.size());
+  for (size_t i = 0; i < list.size(); ++i) {
+    if (!(distances[i] > radius)) kept.push_back(list[i]);
   }
+  list.swap(kept);
+}
 
-  // R4: nothing left; hold the recent smoothed fix, if any.
-  if (list.empty()) {
-    for (size_t i = 0; i < smoothed.size(); ++i) {
-      if (elapsedMs(now, traceTime(i)) < kRecentMs && bothNonZero(smoothed[i])) {
-        out.latitude = smoothed[i].latitude;
-        out.longitude = smoothed[i].longitude;
-        out.hpe = smoothed[i].hpe;
-        out.nap = smoothed[i].nap;
-        out.speed = smoothed[i].speed;
-        out.bearing = smoothed[i].bearing;
-        out.time = traceTime(i);
-        return 0;
-      }
+// R4: nothing passed the gate; the recent smoothed fix, if any, is held,
+// otherwise the result is empty.
+void LocationDeterminationPrivate::holdRecentFix(SPI::Time now, Location& out) {
+  const auto& smoothed = smoothedTrace();
+  for (size_t i = 0; i < smoothed.size(); ++i) {
+    if (elapsedMs(now, traceTime(i)) < kRecentMs && bothNonZero(smoothed[i])) {
+      out.latitude = smoothed[i].latitude;
+      out.longitude = smoothed[i].longitude;
+      out.hpe = smoothed[i].hpe;
+      out.nap = smoothed[i].nap;
+      out.speed = smoothed[i].speed;
+      out.bearing = smoothed[i].bearing;
+      out.time = traceTime(i);
+      return;
     }
-    out.latitude = out.longitude = out.hpe = out.speed = out.bearing = 0.0;
-    out.nap = 0;
-    out.time = now;
-    return 0;
   }
+  out.latitude = out.longitude = out.hpe = out.speed = out.bearing = 0.0;
+  out.nap = 0;
+  out.time = now;
+}
 
-  // R5: weighted centroid.
+// R5: the centroid of `list` weighted by signal and reliability.
+void LocationDeterminationPrivate::weightedCentroid(const std::vector<APInfo>& list, const Location& reference,
+                                                    Location& out) {
   std::vector<double> weights;
   weights.reserve(list.size());
   double sum = 0.0;
   for (const APInfo& ap : list) {
-    double r = ap.signal[0];
-    if (r >= kStrongestPlausibleRSS) {
-      logger_.warn("AP RSS was limited to -90dBm");
-      r = kImplausibleRSSReplacement;
-    }
-    if (reference.speed < kAveragingSpeedLimit) {
-      auto traced = std::find_if(scanTrace_.begin(), scanTrace_.end(), [&ap](const APInfo& t) { return t.mac == ap.mac; });
-      if (traced != scanTrace_.end()) {
-        double total = r;
-        int count = 1;
-        for (size_t k = 1; k <= 4; ++k) {
-          if (traced->signal[k] != 0) {
-            total += traced->signal[k];
-            ++count;
-          }
-        }
-        r = total / count;
-      }
-    }
-    double reliability;
-    const uint32_t n = ap.reliabilityCount;
-    if (n < kMinReliability) {
-      reliability = 0.001;
-    } else if (n > kMaxReliability) {
-      reliability = 1.0;
-    } else {
-      reliability = (std::log10(static_cast<double>(n)) - std::log10(18.0)) * 0.999 / (std::log10(30.0) - std::log10(18.0)) + 0.001;
-    }
-    const double e = std::clamp(ap.signalExponent, kMinExponent, kMaxExponent);
-    const double w = std::pow(std::pow(10.0, r / 10.0), e) * reliability;
+    const double w = weightOf(ap, reference);
     weights.push_back(w);
     sum += w;
   }
@@ -399,7 +382,42 @@ int LocationDeterminationPrivate::calcPosition(std::vector<APInfo>& list, Locati
   out.latitude = lat;
   out.longitude = lon;
   out.nap = static_cast<int>(list.size());
-  return 0;
+}
+
+// The weight of one access point: its signal (averaged over the last five
+// scans while the reference moves slowly) raised to its exponent, times the
+// reliability of its position.
+double LocationDeterminationPrivate::weightOf(const APInfo& ap, const Location& reference) {
+  double r = ap.signal[0];
+  if (r >= kStrongestPlausibleRSS) {
+    logger_.warn("AP RSS was limited to -90dBm");
+    r = kImplausibleRSSReplacement;
+  }
+  if (reference.speed < kAveragingSpeedLimit) {
+    auto traced = std::find_if(scanTrace_.begin(), scanTrace_.end(), [&ap](const APInfo& t) { return t.mac == ap.mac; });
+    if (traced != scanTrace_.end()) {
+      double total = r;
+      int count = 1;
+      for (size_t k = 1; k <= 4; ++k) {
+        if (traced->signal[k] != 0) {
+          total += traced->signal[k];
+          ++count;
+        }
+      }
+      r = total / count;
+    }
+  }
+  double reliability;
+  const uint32_t n = ap.reliabilityCount;
+  if (n < kMinReliability) {
+    reliability = 0.001;
+  } else if (n > kMaxReliability) {
+    reliability = 1.0;
+  } else {
+    reliability = (std::log10(static_cast<double>(n)) - std::log10(18.0)) * 0.999 / (std::log10(30.0) - std::log10(18.0)) + 0.001;
+  }
+  const double e = std::clamp(ap.signalExponent, kMinExponent, kMaxExponent);
+  return std::pow(std::pow(10.0, r / 10.0), e) * reliability;
 }
 
 double LocationDeterminationPrivate::calcError(const std::vector<APInfo>& list) {
@@ -540,46 +558,54 @@ double LocationDeterminationPrivate::calcBearing(const Location& raw) {
   return degrees;
 }
 
-void LocationDeterminationPrivate::smoothingFunc(const Location& raw, Location& out, int what) {
-  if (what == 1 && isZero(raw)) {
-    out.latitude = out.longitude = 0.0;
-    return;
-  }
-  if (what == 2 && raw.speed == 0.0) {
-    out.speed = 0.0;
-    return;
-  }
-  if (what == 3 && raw.bearing == 0.0) {
-    out.bearing = 0.0;
-    return;
-  }
-  auto copyRaw = [&]() {
-    if (what == 1) {
-      out.latitude = raw.latitude;
-      out.longitude = raw.longitude;
-    } else if (what == 2) {
-      out.speed = raw.speed;
-    } else {
-      out.bearing = raw.bearing;
-    }
-  };
-  const auto& smoothed = smoothedTrace();
-  if (smoothed.empty() || elapsedMs(raw.time, smoothed.front().time) >= kSmoothingLimitMs) {
-    copyRaw();
-    return;
-  }
-  const bool slow = smoothed.front().speed <= kSlowSmoothingSpeed;
-  const uint32_t span = what == 2 ? 10000 : what == 3 ? 6000 : (slow ? 10000 : 8000);
-  if (elapsedMs(raw.time, smoothed.front().time) > span) {
-    copyRaw();
-    return;
-  }
+namespace {
 
-  struct Sample {
-    Location fix;
-    uint32_t age;
-  };
-  std::vector<Sample> samples{{raw, 0}};
+// The quantities smoothingFunc smooths.
+constexpr int kSmoothPosition = 1;
+constexpr int kSmoothSpeed = 2;
+constexpr int kSmoothBearing = 3;
+
+// A fix of the raw trace within the smoothing window, with its age relative
+// to the new fix.
+struct SmoothingSample {
+  Location fix;
+  uint32_t age;
+};
+
+// Copies the smoothed quantity `what` of `raw` to `out`.
+void copyQuantity(const Location& raw, Location& out, int what) {
+  if (what == kSmoothPosition) {
+    out.latitude = raw.latitude;
+    out.longitude = raw.longitude;
+  } else if (what == kSmoothSpeed) {
+    out.speed = raw.speed;
+  } else {
+    out.bearing = raw.bearing;
+  }
+}
+
+// True when the quantity `what` of `raw` is unknown (zero); it is then zero
+// in `out` as well.
+bool clearedWhenUnknown(const Location& raw, Location& out, int what) {
+  if (what == kSmoothPosition && isZero(raw)) {
+    out.latitude = out.longitude = 0.0;
+    return true;
+  }
+  if (what == kSmoothSpeed && raw.speed == 0.0) {
+    out.speed = 0.0;
+    return true;
+  }
+  if (what == kSmoothBearing && raw.bearing == 0.0) {
+    out.bearing = 0.0;
+    return true;
+  }
+  return false;
+}
+
+// The new fix and the raw fixes (with a position) no older than `span`
+// milliseconds before it, at most kHistoryLength in all, newest first.
+std::vector<SmoothingSample> samplesWithin(const Location& raw, uint32_t span) {
+  std::vector<SmoothingSample> samples{{raw, 0}};
   for (const Location& fix : rawTrace()) {
     if (samples.size() >= kHistoryLength) break;
     const uint32_t age = elapsedMs(raw.time, fix.time);
@@ -587,42 +613,49 @@ void LocationDeterminationPrivate::smoothingFunc(const Location& raw, Location& 
     if (fix.latitude == 0.0 || fix.longitude == 0.0) continue;
     samples.push_back({fix, age});
   }
+  return samples;
+}
 
-  if (what == 2 || (what == 1 && slow)) {
-    double a = 0.0, b = 0.0;
-    size_t n = 0;
-    for (const Sample& s : samples) {
-      if (s.age > span) continue;
-      a += what == 2 ? s.fix.speed : s.fix.latitude;
-      b += s.fix.longitude;
-      ++n;
-    }
-    if (what == 2) {
-      out.speed = a / static_cast<double>(n);
-    } else {
-      out.latitude = a / static_cast<double>(n);
-      out.longitude = b / static_cast<double>(n);
-    }
-    return;
+// The plain mean of the samples: speed, or position when moving slowly.
+void meanOf(const std::vector<SmoothingSample>& samples, uint32_t span, int what, Location& out) {
+  double a = 0.0, b = 0.0;
+  size_t n = 0;
+  for (const SmoothingSample& s : samples) {
+    if (s.age > span) continue;
+    a += what == kSmoothSpeed ? s.fix.speed : s.fix.latitude;
+    b += s.fix.longitude;
+    ++n;
   }
+  if (what == kSmoothSpeed) {
+    out.speed = a / static_cast<double>(n);
+  } else {
+    out.latitude = a / static_cast<double>(n);
+    out.longitude = b / static_cast<double>(n);
+  }
+}
 
-  if (what == 3) {
-    const size_t northish = static_cast<size_t>(std::count_if(samples.begin(), samples.end(), [](const Sample& s) {
-      return s.fix.bearing < 90.0 || s.fix.bearing > 270.0;
-    }));
-    if (northish >= (samples.size() + 1) / 2) {
-      for (Sample& s : samples) {
-        if (s.fix.bearing > 180.0) s.fix.bearing -= 360.0;
-      }
-    }
+// Bearings around north are averaged as -90..90 rather than across 0/360
+// when most samples point north-ish.
+void unwrapBearings(std::vector<SmoothingSample>& samples) {
+  const size_t northish = static_cast<size_t>(std::count_if(samples.begin(), samples.end(), [](const SmoothingSample& s) {
+    return s.fix.bearing < 90.0 || s.fix.bearing > 270.0;
+  }));
+  if (northish < (samples.size() + 1) / 2) return;
+  for (SmoothingSample& s : samples) {
+    if (s.fix.bearing > 180.0) s.fix.bearing -= 360.0;
   }
+}
+
+// The samples weighted by a triangle over the window: position (when moving
+// fast) or bearing.
+void triangleWeightedMeanOf(const std::vector<SmoothingSample>& samples, uint32_t span, int what, Location& out) {
   const double half = span / 2.0;
   double weightSum = 0.0, a = 0.0, b = 0.0;
-  for (const Sample& s : samples) {
+  for (const SmoothingSample& s : samples) {
     if (s.age >= span) break;
     const double seconds = s.age / 1000.0;
     double w;
-    if (what == 1) {
+    if (what == kSmoothPosition) {
       w = s.age <= half ? 0.08 + 0.04 * seconds : 0.4 - 0.04 * seconds;
       a += w * s.fix.latitude;
       b += w * s.fix.longitude;
@@ -632,7 +665,7 @@ void LocationDeterminationPrivate::smoothingFunc(const Location& raw, Location& 
     }
     weightSum += w;
   }
-  if (what == 1) {
+  if (what == kSmoothPosition) {
     out.latitude = weightSum == 0.0 ? 0.0 : a / weightSum;
     out.longitude = weightSum == 0.0 ? 0.0 : b / weightSum;
   } else {
@@ -640,6 +673,30 @@ void LocationDeterminationPrivate::smoothingFunc(const Location& raw, Location& 
     if (bearing < 0.0) bearing += 360.01;
     out.bearing = bearing;
   }
+}
+
+}  // namespace
+
+void LocationDeterminationPrivate::smoothingFunc(const Location& raw, Location& out, int what) {
+  if (clearedWhenUnknown(raw, out, what)) return;
+  const auto& smoothed = smoothedTrace();
+  if (smoothed.empty() || elapsedMs(raw.time, smoothed.front().time) >= kSmoothingLimitMs) {
+    copyQuantity(raw, out, what);
+    return;
+  }
+  const bool slow = smoothed.front().speed <= kSlowSmoothingSpeed;
+  const uint32_t span = what == kSmoothSpeed ? 10000 : what == kSmoothBearing ? 6000 : (slow ? 10000 : 8000);
+  if (elapsedMs(raw.time, smoothed.front().time) > span) {
+    copyQuantity(raw, out, what);
+    return;
+  }
+  std::vector<SmoothingSample> samples = samplesWithin(raw, span);
+  if (what == kSmoothSpeed || (what == kSmoothPosition && slow)) {
+    meanOf(samples, span, what, out);
+    return;
+  }
+  if (what == kSmoothBearing) unwrapBearings(samples);
+  triangleWeightedMeanOf(samples, span, what, out);
 }
 
 Location LocationDeterminationPrivate::limitMaxMovement(const Location& location) {

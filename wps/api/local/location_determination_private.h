@@ -120,6 +120,20 @@ class LocationDeterminationPrivate : public LocationDeterminationLocal {
   [[nodiscard]] const std::vector<APInfo>& scanTrace() const { return scanTrace_; }
 
  private:
+  // The position the access points are judged against, and when it held.
+  struct Reference {
+    Location location;
+    SPI::Time time;
+  };
+
+  // The stages of calcPosition.
+  [[nodiscard]] Reference findReference(std::vector<APInfo>& list, SPI::Time now);
+  [[nodiscard]] Reference medianOfNeighbours(std::vector<APInfo>& list, SPI::Time now);
+  void gateAroundReference(std::vector<APInfo>& list, const Reference& reference, SPI::Time now);
+  void holdRecentFix(SPI::Time now, Location& out);
+  void weightedCentroid(const std::vector<APInfo>& list, const Location& reference, Location& out);
+  [[nodiscard]] double weightOf(const APInfo& ap, const Location& reference);
+
   SPI::Logger& logger_;
   std::vector<APInfo> scanTrace_;
 };

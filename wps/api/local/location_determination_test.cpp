@@ -5,13 +5,13 @@
 #include <filesystem>
 #include <random>
 
-#include "platform/testing/temp_dir.h"
 #include "wps/api/collection/tier2_collection.h"
 #include "wps/api/local/access_point_database.h"
 #include "wps/api/local/location_determination_private.h"
 #include "wps/api/tiles/tile_writer.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace WPS {
 namespace API {

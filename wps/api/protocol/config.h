@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "wps/api/wpsapi.h"
+
 namespace WPS {
 namespace API {
 
@@ -14,7 +16,7 @@ inline constexpr const char* kProtocolNamespace = "http://telluro.example/wps/20
 // geolocation JSON API. (XML request paths such as "/location" are appended
 // to a server URL as they are; a URL ending in "/v1/geolocate" is the whole
 // address of a JSON API.)
-inline constexpr const char* kDefaultServerUrl = "https://api.beacondb.net/v1/geolocate";
+inline constexpr const char* kDefaultServerUrl = WPS_DEFAULT_SERVER_URL;
 
 // The User-Agent a LocationClient starts with: "Zonara/VERSION (PRETTY_NAME)",
 // the operating system's name read from /etc/os-release. Services that use no

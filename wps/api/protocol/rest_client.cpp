@@ -21,7 +21,7 @@ ConnectionSettings::ConnectionSettings(Logger& logger, std::string defaultServer
 void ConnectionSettings::setUserAgent(const char* userAgent) {
   std::string value = userAgent == nullptr ? defaultUserAgent_ : std::string(userAgent);
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    SPI::StdMutexLock lock(mu_);
     values_.userAgent = value;
   }
   if (value.empty()) {
@@ -34,7 +34,7 @@ void ConnectionSettings::setUserAgent(const char* userAgent) {
 void ConnectionSettings::setServerUrl(const char* url) {
   std::string value = url == nullptr ? defaultServerUrl_ : std::string(url);
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    SPI::StdMutexLock lock(mu_);
     values_.serverUrl = value;
   }
   if (value.empty()) {
@@ -47,7 +47,7 @@ void ConnectionSettings::setServerUrl(const char* url) {
 void ConnectionSettings::setProxy(const char* host, int port, const char* user, const char* password) {
   if (host == nullptr || *host == '\0') {
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      SPI::StdMutexLock lock(mu_);
       values_.proxyHost.clear();
       values_.proxyPort = 0;
       values_.proxyAddress.clear();
@@ -60,7 +60,7 @@ void ConnectionSettings::setProxy(const char* host, int port, const char* user, 
   char portText[16];
   std::snprintf(portText, sizeof portText, ":%d", port);
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    SPI::StdMutexLock lock(mu_);
     values_.proxyHost = host;
     values_.proxyPort = port;
     values_.proxyAddress = std::string(host) + portText;
@@ -71,7 +71,7 @@ void ConnectionSettings::setProxy(const char* host, int port, const char* user, 
 }
 
 ConnectionSettings::Values ConnectionSettings::values() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   return values_;
 }
 
@@ -269,21 +269,21 @@ RESTClient::Callback::Callback() : logger_(Logger::getLogger("WPS.API.RESTClient
 RESTClient::Callback::~Callback() { abortAndWait(); }
 
 void RESTClient::Callback::abort() {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   if (request_) request_->abort();
 }
 
 void RESTClient::Callback::abortAndWait() {
-  std::unique_lock<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   // No new request may start from a handler from now on.
   closing_ = true;
   if (request_) request_->abort();
-  idle_.wait(lock, [this] { return active_ == 0; });
+  while (active_ != 0) idle_.wait(mu_);
   request_.reset();
 }
 
 RESTClient::Callback::Begin RESTClient::Callback::begin(std::unique_ptr<XmlHttpRequest> request) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   if (closing_) return Begin::Closing;
   if (pending_.load()) return Begin::Pending;
   request_ = std::move(request);
@@ -294,7 +294,7 @@ RESTClient::Callback::Begin RESTClient::Callback::begin(std::unique_ptr<XmlHttpR
 
 void RESTClient::Callback::cancelBegin() {
   std::unique_ptr<XmlHttpRequest> request;
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   request = std::move(request_);
   pending_ = false;
   --active_;
@@ -302,14 +302,14 @@ void RESTClient::Callback::cancelBegin() {
 }
 
 std::unique_ptr<XmlHttpRequest> RESTClient::Callback::takeRequest() {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   return std::move(request_);
 }
 
 void RESTClient::Callback::finished() {
   // Notified under the lock: a waiter in abortAndWait may destroy the
   // callback as soon as it sees no active request.
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   --active_;
   idle_.notify_all();
 }

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 
+#include "wps/spi/concurrent.h"
 #include "wps/spi/dom.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/xml_http_request.h"
@@ -63,8 +64,8 @@ class ConnectionSettings {
   SPI::Logger& logger_;
   const std::string defaultServerUrl_;
   const std::string defaultUserAgent_;
-  mutable std::mutex mu_;
-  Values values_;
+  mutable SPI::StdMutex mu_;
+  Values values_ WPS_GUARDED_BY(mu_);
 };
 
 class RESTClient {
@@ -112,11 +113,11 @@ class RESTClient {
     std::unique_ptr<SPI::XmlHttpRequest> takeRequest();
     void finished();
 
-    std::mutex mu_;
-    std::condition_variable idle_;
-    int active_ = 0;  // requests started whose handler has not returned
-    bool closing_ = false;  // abortAndWait was called
-    std::unique_ptr<SPI::XmlHttpRequest> request_;
+    SPI::StdMutex mu_;
+    std::condition_variable_any idle_;
+    int active_ WPS_GUARDED_BY(mu_) = 0;  // requests started whose handler has not returned
+    bool closing_ WPS_GUARDED_BY(mu_) = false;  // abortAndWait was called
+    std::unique_ptr<SPI::XmlHttpRequest> request_ WPS_GUARDED_BY(mu_);
     std::atomic<bool> pending_{false};
   };
 

@@ -7,10 +7,10 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/api/protocol/config.h"
 #include "wps/api/protocol/location_client.h"
 #include "wps/spi/log_capture.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace WPS {
 namespace API {

@@ -168,14 +168,14 @@ std::optional<int64_t> parseRetryAfter(const std::string& value, const SPI::Time
 // ---- Back-off ----
 
 int64_t ServerBackOff::remaining(const std::string& server, const SPI::Time& now) const {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   auto it = servers_.find(server);
   if (it == servers_.end()) return 0;
   return std::max<int64_t>(0, it->second.untilMs - millisecondsOf(now));
 }
 
 int64_t ServerBackOff::failed(const std::string& server, const SPI::Time& now, std::optional<int64_t> retryAfterMs) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   State& state = servers_[server];
   int64_t period = kFirstPeriodMs;
   for (int i = 0; i < state.failures && period < kLongestPeriodMs; ++i) period *= 2;
@@ -187,7 +187,7 @@ int64_t ServerBackOff::failed(const std::string& server, const SPI::Time& now, s
 }
 
 void ServerBackOff::succeeded(const std::string& server) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   servers_.erase(server);
 }
 

@@ -45,6 +45,7 @@
 #include <string_view>
 
 #include "wps/api/protocol/location.h"
+#include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/scan.h"
 #include "wps/spi/time.h"
@@ -112,8 +113,8 @@ class ServerBackOff {
     int failures = 0;
     int64_t untilMs = 0;  // milliseconds since the epoch
   };
-  mutable std::mutex mu_;
-  std::map<std::string, State> servers_;
+  mutable SPI::StdMutex mu_;
+  std::map<std::string, State> servers_ WPS_GUARDED_BY(mu_);
 };
 
 class GeolocationDetermination {

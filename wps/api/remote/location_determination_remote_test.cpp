@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/api/protocol/config.h"
 #include "wps/api/protocol/location_client.h"
 #include "wps/api/protocol/protocol.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
+#include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {

@@ -27,8 +27,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/http_test_server.h"
 #include "wps/api/tiles/located_access_point.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace WPS {
 namespace API {

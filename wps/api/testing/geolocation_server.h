@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/http_test_server.h"
+#include "wps/spi/testing/http_test_server.h"
 
 namespace WPS {
 namespace API {

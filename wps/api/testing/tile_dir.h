@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/temp_dir.h"
 #include "wps/api/testing/fake_positioning_server.h"
 #include "wps/api/tiles/located_access_point.h"
 #include "wps/api/tiles/tile_test_support.h"
 #include "wps/spi/scan.h"
+#include "wps/spi/testing/temp_dir.h"
 #include "wps/spi/time.h"
 
 namespace WPS {

@@ -351,7 +351,7 @@ bool writeTileFile(const std::string& path, const std::vector<unsigned char>& by
     error = "cannot write " + temporary;
     return false;
   }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+  if (SPI::File::rename(temporary, path) != 0) {
     (void)SPI::File::remove(temporary);
     error = "cannot rename " + temporary + " to " + path;
     return false;

@@ -1,7 +1,5 @@
 #include "wps/api/tiling/tiling.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -83,9 +81,9 @@ void Tiling::scanDirectory() {
     }
     TileInfo info;
     if (!parseTileFileName(name, info)) continue;
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-    found.push_back({info, path, static_cast<int64_t>(st.st_mtime)});
+    const int64_t modified = SPI::File::modificationTime(path);
+    if (modified < 0) continue;
+    found.push_back({info, path, modified});
   }
   listing->close();
 
@@ -115,7 +113,7 @@ void Tiling::get(const std::vector<SPI::ScannedAccessPoint>& scanned, const std:
 }
 
 std::string Tiling::mainTile() const {
-  std::lock_guard<std::mutex> lock(mainTileMu_);
+  SPI::StdMutexLock lock(mainTileMu_);
   return mainTile_;
 }
 
@@ -123,7 +121,7 @@ void Tiling::onTilingRS(const TileInfoList& listed) {
   logger_.info("location server returned %u tiles", static_cast<unsigned>(listed.size()));
   if (!listed.empty()) {
     const std::string& suggested = listed.front().id;
-    std::lock_guard<std::mutex> lock(mainTileMu_);
+    SPI::StdMutexLock lock(mainTileMu_);
     if (suggested == mainTile_) {
       logger_.info("main tile remains %s", suggested.c_str());
     } else {

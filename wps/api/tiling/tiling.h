@@ -35,6 +35,7 @@
 #include "wps/api/tiling/tile_collection.h"
 #include "wps/api/tiling/tiling_client.h"
 #include "wps/api/tiling/tiling_parameters.h"
+#include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/scan.h"
 
@@ -93,8 +94,8 @@ class Tiling final : public TileSource, private TilingClient::Owner {
   const TilingParameters parameters_;
   const std::string realm_;
   bool enabled_ = false;
-  mutable std::mutex mainTileMu_;
-  std::string mainTile_;
+  mutable SPI::StdMutex mainTileMu_;
+  std::string mainTile_ WPS_GUARDED_BY(mainTileMu_);
   std::unique_ptr<TileCollection> collection_;
   std::unique_ptr<TilingClient> client_;  // after the collection: goes first
 };

@@ -177,14 +177,14 @@ TilingClient::~TilingClient() {
 
 void TilingClient::saveScan(const std::vector<SPI::ScannedAccessPoint>& aps,
                             const std::vector<SPI::ScannedCellTower>& cells) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   cache_.add(aps, cells);
 }
 
 int TilingClient::postTilingRQ() {
   std::string body;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    SPI::StdMutexLock lock(mu_);
     if (static_cast<long>(maxDataSizePerSession_) <= 0) {
       logger_.info("_maxDataSizePerSession %d <= 0, TilingRQ will not be sent.",
                    static_cast<int>(maxDataSizePerSession_));
@@ -226,7 +226,7 @@ int TilingClient::postTilingRQ() {
 void TilingClient::onTilingRS(int status, const char* data, unsigned long length) {
   uint64_t session;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    SPI::StdMutexLock lock(mu_);
     session = session_;
   }
   if (status != 200) {
@@ -245,18 +245,18 @@ void TilingClient::onTilingRS(int status, const char* data, unsigned long length
   }
   // Without downloads the session ends with the answer (the queue ends it
   // otherwise, maybe already).
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   if (!downloadsQueued_ && session_ == session) endSessionLocked();
 }
 
 void TilingClient::queueTilesToDownload(const TileInfoList& tiles) {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    SPI::StdMutexLock lock(mu_);
     downloadsQueued_ = true;
   }
   if (!queue_.start(tiles, maxDataSizePerSession_)) {
     logger_.error("downloads are still running, %u tiles not queued", static_cast<unsigned>(tiles.size()));
-    std::lock_guard<std::mutex> lock(mu_);
+    SPI::StdMutexLock lock(mu_);
     downloadsQueued_ = false;
   }
 }
@@ -275,7 +275,7 @@ bool TilingClient::onFileFailed(unsigned index, unsigned count, const TileInfo& 
 void TilingClient::onDownloadsFinished(unsigned, unsigned) { endSession(); }
 
 void TilingClient::endSession() {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   endSessionLocked();
 }
 
@@ -286,17 +286,21 @@ void TilingClient::endSessionLocked() {
 }
 
 bool TilingClient::busy() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   return busy_;
 }
 
 bool TilingClient::waitUntilIdle(int64_t timeoutMs) const {
-  std::unique_lock<std::mutex> lock(mu_);
-  return idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return !busy_; });
+  SPI::StdMutexLock lock(mu_);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (busy_) {
+    if (idle_.wait_until(mu_, deadline) == std::cv_status::timeout) return !busy_;
+  }
+  return true;
 }
 
 size_t TilingClient::cachedScans() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   return cache_.scanCount();
 }
 

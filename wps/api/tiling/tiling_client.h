@@ -35,6 +35,7 @@
 
 #include "wps/api/protocol/location.h"
 #include "wps/api/protocol/rest_client.h"
+#include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
 #include "wps/spi/scan.h"
 #include "wps/spi/xml_http_request.h"
@@ -219,19 +220,19 @@ class TilingClient final : private FileDownloadQueue::Listener {
   bool onFileFailed(unsigned index, unsigned count, const TileInfo& tile, int error) override;
   void onDownloadsFinished(unsigned downloaded, unsigned count) override;
   void endSession();
-  void endSessionLocked();
+  void endSessionLocked() WPS_REQUIRES(mu_);
 
   Owner& owner_;
   SPI::Logger& logger_;  // "WPS.API.TilingClient"
   const SimpleAuthentication authentication_;
   const unsigned long maxDataSizePerSession_;
 
-  mutable std::mutex mu_;
-  mutable std::condition_variable idle_;
-  ScanCache cache_;
-  bool busy_ = false;
-  bool downloadsQueued_ = false;  // the current session reached the download stage
-  uint64_t session_ = 0;          // number of the current (or last) session
+  mutable SPI::StdMutex mu_;
+  mutable std::condition_variable_any idle_;
+  ScanCache cache_ WPS_GUARDED_BY(mu_);
+  bool busy_ WPS_GUARDED_BY(mu_) = false;
+  bool downloadsQueued_ WPS_GUARDED_BY(mu_) = false;  // the current session reached the download stage
+  uint64_t session_ WPS_GUARDED_BY(mu_) = 0;          // number of the current (or last) session
 
   // Declared last: destroyed (and waited for) before the state above.
   FileDownloadQueue queue_;

@@ -1,4 +1,4 @@
-#include "platform/testing/child_process.h"
+#include "wps/spi/testing/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>

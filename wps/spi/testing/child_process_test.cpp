@@ -1,4 +1,4 @@
-#include "platform/testing/child_process.h"
+#include "wps/spi/testing/child_process.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,7 +9,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara::testing {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/testing/untrusted_tls_server.h"
+#include "wps/spi/testing/untrusted_tls_server.h"
 
 namespace zonara::testing {
 

@@ -18,8 +18,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/testing/child_process.h"
-#include "platform/testing/temp_dir.h"
+#include "wps/spi/testing/child_process.h"
+#include "wps/spi/testing/temp_dir.h"
 
 namespace zonara::testing {
 

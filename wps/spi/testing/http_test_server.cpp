@@ -1,4 +1,4 @@
-#include "platform/testing/http_test_server.h"
+#include "wps/spi/testing/http_test_server.h"
 
 #include <arpa/inet.h>
 #include <errno.h>

@@ -1,0 +1,79 @@
+#include "wps/spi/preferences.h"
+
+#include <plist/plist.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+namespace WPS {
+namespace SPI {
+namespace {
+
+struct PlistFree {
+  void operator()(plist_t node) const { plist_free(node); }
+};
+using PlistPtr = std::unique_ptr<void, PlistFree>;
+
+struct MallocFree {
+  void operator()(char* p) const { std::free(p); }
+};
+
+std::optional<std::string> readWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad()) return std::nullopt;
+  return bytes;
+}
+
+// $HOME, or the home folder of the user's account when it is unset or empty.
+std::string homeFolder() {
+  const char* home = std::getenv("HOME");
+  if (home != nullptr && home[0] != '\0') return home;
+  struct passwd pw;
+  struct passwd* found = nullptr;
+  char buffer[4096];
+  if (getpwuid_r(getuid(), &pw, buffer, sizeof buffer, &found) == 0 && found && found->pw_dir) return found->pw_dir;
+  return {};
+}
+
+}  // namespace
+
+std::string preferencesFile(const std::string& domain) {
+  const char* xdg = std::getenv("XDG_CONFIG_HOME");
+  std::string folder;
+  if (xdg != nullptr && xdg[0] == '/') {
+    folder = xdg;
+  } else if (const std::string home = homeFolder(); !home.empty()) {
+    folder = home + "/.config";
+  } else {
+    return {};
+  }
+  return folder + "/" + domain + ".plist";
+}
+
+std::optional<std::string> readStringPreference(const std::string& domain, const char* key) {
+  if (domain.empty() || key == nullptr) return std::nullopt;
+  const std::string path = preferencesFile(domain);
+  if (path.empty()) return std::nullopt;
+  const std::optional<std::string> bytes = readWholeFile(path);
+  if (!bytes || bytes->empty()) return std::nullopt;
+  plist_t root = nullptr;
+  plist_from_memory(bytes->data(), static_cast<uint32_t>(bytes->size()), &root);
+  PlistPtr owned(root);
+  if (root == nullptr || plist_get_node_type(root) != PLIST_DICT) return std::nullopt;
+  plist_t value = plist_dict_get_item(root, key);
+  if (value == nullptr || plist_get_node_type(value) != PLIST_STRING) return std::nullopt;
+  char* text = nullptr;
+  plist_get_string_val(value, &text);
+  std::unique_ptr<char, MallocFree> ownedText(text);
+  if (text == nullptr) return std::nullopt;
+  return std::string(text);
+}
+
+}  // namespace SPI
+}  // namespace WPS
