@@ -93,6 +93,11 @@ struct Coded {
 
 }  // namespace
 
+int32_t cellOrigin(double degrees, double cellDegrees, unsigned precisionCode) {
+  const double units = std::ldexp(1.0, static_cast<int>(std::clamp(precisionCode, 1u, 7u)) + kPrecisionBase);
+  return static_cast<int32_t>(std::llround(std::floor(degrees / cellDegrees) * cellDegrees * units) - 1);
+}
+
 void encodeVLEU(uint64_t value, std::vector<unsigned char>& out) {
   if (value > kMaxVLEValue) value = kMaxVLEValue;
   int k = 0;
@@ -173,6 +178,10 @@ bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileW
     originLon = *std::min_element(lon.begin(), lon.end());
     if (originLat == 0) originLat = -1;
     if (originLon == 0) originLon = -1;
+    if (options.cellOrigins) {
+      originLat = std::min<int64_t>(originLat, cellOrigin(accessPoints[0].latitude, options.tileSizeDegrees, code));
+      originLon = std::min<int64_t>(originLon, cellOrigin(accessPoints[0].longitude, options.tileSizeDegrees, code));
+    }
     A = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(lat.begin(), lat.end()) - originLat)));
     B = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(lon.begin(), lon.end()) - originLon)));
     if ((A <= 31 && B <= 31) || code == 1) break;
@@ -218,8 +227,9 @@ bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileW
 
   // Search keys in ascending order; the first of colliding keys stays.
   std::vector<Coded> coded(count);
+  const std::string keyRealm = options.presetKeys ? std::string() : options.realm;
   for (size_t i = 0; i < count; ++i) {
-    coded[i] = {tileSearchKey(accessPoints[i].mac, options.realm, static_cast<int32_t>(originLat),
+    coded[i] = {tileSearchKey(accessPoints[i].mac, keyRealm, static_cast<int32_t>(originLat),
                               static_cast<int32_t>(originLon)),
                 i};
   }
@@ -337,8 +347,8 @@ bool buildTileFile(const std::vector<LocatedAccessPoint>& accessPoints, const Ti
   return assembleTileFile(tiles, options.realm, out, error);
 }
 
-bool writeTileFile(const std::string& path, const std::vector<unsigned char>& bytes, std::string& error) {
-  const std::string temporary = path + ".tmp";
+bool writeTemporaryFile(const std::string& path, const std::vector<unsigned char>& bytes, std::string& error) {
+  const std::string temporary = path + kTemporarySuffix;
   auto file = SPI::File::newInstance();
   if (!file || file->open(temporary, SPI::File::WRITE | SPI::File::CREATE | SPI::File::TRUNCATE) != 0) {
     error = "cannot create " + temporary;
@@ -351,12 +361,21 @@ bool writeTileFile(const std::string& path, const std::vector<unsigned char>& by
     error = "cannot write " + temporary;
     return false;
   }
+  return true;
+}
+
+bool replaceWithTemporaryFile(const std::string& path, std::string& error) {
+  const std::string temporary = path + kTemporarySuffix;
   if (SPI::File::rename(temporary, path) != 0) {
     (void)SPI::File::remove(temporary);
     error = "cannot rename " + temporary + " to " + path;
     return false;
   }
   return true;
+}
+
+bool writeTileFile(const std::string& path, const std::vector<unsigned char>& bytes, std::string& error) {
+  return writeTemporaryFile(path, bytes, error) && replaceWithTemporaryFile(path, error);
 }
 
 }  // namespace API
