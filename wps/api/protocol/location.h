@@ -77,6 +77,7 @@ struct Location {
   double bearing = 0.0;    // degrees
   SPI::Time time;          // when the location was determined; unset when unknown
   bool ipBased = false;    // found from the caller's IP address, not from Wi-Fi
+  bool learned = false;    // found on the device from learned access points only
   StreetAddress streetAddress;
 
   // A new public record; never null. Its street address is null when this
