@@ -144,24 +144,54 @@ void AppController::telluroLocationChanged() {
             quality.accuracyMetres, positionSourceName(quality.source));
 
   // The service may take minutes to answer (ten attempts, 30 s apart): ask on
-  // the worker. The helper object is made here, from the preferences as they
+  // the worker, and decide there too (comparing clocks over a year takes a
+  // moment). The helper object is made here, from the preferences as they
   // are now.
-  worker_.post([this, helper = geolocationHelper(), longitude = *longitude,
-                latitude = *latitude](const std::stop_token& stop) {
-    std::optional<std::string> zone = helper.timezoneForLongitude(longitude, latitude, stop);
+  ZoneDecisionInput input{*latitude, *longitude, quality, services_.zones->systemTimeZoneName(), Clock::get().wallNow()};
+  worker_.post([this, helper = geolocationHelper(), input](const std::stop_token& stop) {
+    std::optional<std::string> zone = helper.timezoneForLongitude(input.longitude, input.latitude, stop);
     if (stop.stop_requested()) return;
-    worker_.deliver([this, longitude, latitude, zone] { timezoneLookedUp(longitude, latitude, zone); });
+    std::optional<ZoneDecision> decision;
+    if (zone && services_.boundaries) decision = decideZone(input, *services_.boundaries, *services_.zones);
+    worker_.deliver([this, input, zone, decision] { timezoneLookedUp(input.longitude, input.latitude, zone, decision); });
   });
 }
 
-void AppController::timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone) {
+void AppController::timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,
+                                     const std::optional<ZoneDecision>& decision) {
   SystemLog("foundtimezone for (%s, %s) = %s", GeoNamesClient::numberString(latitude).c_str(),
             GeoNamesClient::numberString(longitude).c_str(), orNull(zone));
   locatedZone_ = zone.value_or("(null)");
   if (refusal_ && (refusal_->longitude != longitude || refusal_->latitude != latitude)) refusal_.reset();
-  if (zone) foundTimezone(zone);
+  if (zone && decision) {
+    decided(*zone, *decision);
+  } else if (zone) {
+    otherPossibleZone_.reset();
+    foundTimezone(zone);
+  }
   // The description depends on the position, which has just changed.
   services_.server->propertiesChanged({}, {"CurrentLocation"});
+}
+
+void AppController::decided(const std::string& zone, const ZoneDecision& decision) {
+  std::string nearby;
+  for (const std::string& z : decision.nearbyZones) nearby += (nearby.empty() ? "" : ", ") + z;
+  SystemLog("decision: %s %s (%s; zones nearby: %s)", actionName(decision.action),
+            decision.zone.empty() ? "-" : decision.zone.c_str(), decision.reason.c_str(),
+            nearby.empty() ? "none" : nearby.c_str());
+  switch (decision.action) {
+    case ZoneDecision::Action::NoChange:
+      return;
+    case ZoneDecision::Action::Keep:
+      SystemLog("near a border: keeping %s", decision.zone.c_str());
+      otherPossibleZone_.reset();
+      foundTimezone(decision.zone);
+      return;
+    case ZoneDecision::Action::Apply:
+      otherPossibleZone_ = decision.otherPossibleZone;
+      foundTimezone(zone);
+      return;
+  }
 }
 
 void AppController::foundTimezone(const std::optional<std::string>& name) {

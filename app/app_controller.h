@@ -43,6 +43,7 @@
 #include "platform/time_zone_database.h"
 #include "platform/workspace.h"
 #include "platform/zonara_names.h"
+#include "app/zone_decision.h"
 #include "sensors/location_source.h"
 #include "timezone/geolocation_helper.h"
 
@@ -112,9 +113,12 @@ class AppController {
   // Obtains the sensor aggregator and asks it for a first check 3.0 s later.
   void setupSensor();
 
-  // Looks up the zone at the current position on the worker; the outcome is
-  // applied on the main thread (`foundTimezone`) and "CurrentLocation" is
-  // announced as changed.
+  // Looks up the zone at the current position on the worker; with boundary
+  // data the position's accuracy then decides what is done (`decideZone`:
+  // near a border with another clock the system's zone may be kept; a
+  // position worse than 100 km changes nothing). The outcome is applied on
+  // the main thread (`foundTimezone`) and "CurrentLocation" is announced as
+  // changed.
   void telluroLocationChanged();
   // Whether a look-up is queued or running (tests).
   [[nodiscard]] bool lookupInProgress() const { return worker_.busy(); }
@@ -144,6 +148,11 @@ class AppController {
   // of strings, program first) or the default.
   [[nodiscard]] std::vector<std::string> setTimezoneCommand();
 
+  // Another zone the computer may be in, with another clock, found near the
+  // border when the zone was last applied (named in the change notification);
+  // nullopt when none was.
+  [[nodiscard]] const std::optional<std::string>& otherPossibleZone() const { return otherPossibleZone_; }
+
   [[nodiscard]] NotificationController* notificationController() const { return notificationController_.get(); }
   [[nodiscard]] LocationTrigger* sensorAggregator() const { return sensorAggregator_; }
 
@@ -151,7 +160,10 @@ class AppController {
   explicit AppController(Services services);
   [[nodiscard]] GeolocationHelper geolocationHelper() const;
   void createSupportFolders();
-  void timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone);
+  void timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,
+                        const std::optional<ZoneDecision>& decision);
+  // Acts on the decision for the zone `zone` looked up at the position.
+  void decided(const std::string& zone, const ZoneDecision& decision);
   // Runs the set-time-zone command; true when the system's zone is `name`
   // afterwards.
   bool applySystemTimezone(const std::string& name);
@@ -170,6 +182,7 @@ class AppController {
   // The zone last found by a look-up ("(null)" when none was), for
   // "CurrentLocation".
   std::optional<std::string> locatedZone_;
+  std::optional<std::string> otherPossibleZone_;
   // A zone the set-time-zone command did not apply, and the position it was
   // found for: not tried again until one of them changes.
   struct Refusal {

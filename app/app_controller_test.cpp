@@ -19,6 +19,7 @@
 #include "platform/testing/fakes.h"
 #include "platform/testing/system_log_capture.h"
 #include "platform/testing/test_bus.h"
+#include "timezone/testing/built_boundary_file.h"
 #include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/testing/temp_dir.h"
 
@@ -363,6 +364,50 @@ TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
   EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png",
                                                        "Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png",
                                                        "Zonara|Timezone changed to: Asia/Tokyo|Timezone changed|Zonara.png"}));
+}
+
+// With boundary data the position's accuracy decides: near the Quintana
+// Roo-Yucatan border the zone at the point is applied and the other named;
+// the system then stays there when the next position falls on the other side
+// of the border within its accuracy; a position worse than 100 km changes
+// nothing.
+TEST_F(AppControllerTest, BorderAwareDecisionsOnTheRealBoundaries) {
+  ZONARA_NEED_BOUNDARY_DATA(path);
+  std::string error;
+  std::unique_ptr<timezone::BoundaryIndex> index = timezone::BoundaryIndex::open(path, &error);
+  ASSERT_TRUE(index) << error;
+  prefs_->removeValue("TimezoneServiceURL");
+  ASSERT_TRUE(prefs_->synchronize());
+  AppController::Services s = services();
+  s.boundaries = index.get();
+  auto controller = AppController::create(s);
+  ASSERT_TRUE(controller);
+  RunLoop::main().runOnce();
+
+  location_.set(20.87, -87.55, {30000, PositionSource::LearnedPlaces});
+  controller->telluroLocationChanged();
+  settle(*controller);
+  EXPECT_TRUE(logged("looking up the zone at 20.87, -87.55 (accuracy 30000 m, from the learned places)"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"America/Cancun"});
+  EXPECT_EQ(notifier_.shown.back(),
+            "Zonara|Timezone changed to: America/Cancun (near a border: it may be America/Merida)|Timezone "
+            "changed|Zonara.png");
+
+  // Just across the border in Yucatan, as uncertain: the system's zone is
+  // among those possible and stays.
+  location_.set(20.87, -87.70, {30000, PositionSource::PositioningServer});
+  controller->telluroLocationChanged();
+  settle(*controller);
+  EXPECT_TRUE(logged("near a border: keeping America/Cancun"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"America/Cancun"});
+
+  location_.set(48.85, 2.35, {1000000, PositionSource::IPAddress});
+  controller->telluroLocationChanged();
+  settle(*controller);
+  EXPECT_TRUE(logged("decision: no change - (the position is only accurate to 1000 km (worse than 100 km); zones "
+                     "nearby: none)"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"America/Cancun"});
+  EXPECT_EQ(notifier_.shown.size(), 2u);
 }
 
 // A set-time-zone command that leaves the system's zone as it was -- refused

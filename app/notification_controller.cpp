@@ -14,7 +14,11 @@ NotificationController::NotificationController(AppController& controller, Deskto
 
 void NotificationController::timezoneDidChange() {
   std::string zone = controller_.detectedTimezone().value_or("(null)");
-  notifyWithTitle(kApplicationName, "Timezone changed to: " + zone, kTimezoneChanged);
+  std::string message = "Timezone changed to: " + zone;
+  if (const std::optional<std::string>& other = controller_.otherPossibleZone()) {
+    message += " (near a border: it may be " + *other + ")";
+  }
+  notifyWithTitle(kApplicationName, message, kTimezoneChanged);
 }
 
 void NotificationController::notifyWithTitle(const std::string& title, const std::string& message,
