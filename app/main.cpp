@@ -12,6 +12,7 @@
 #include "app/app_controller.h"
 #include "app/zonara_application.h"
 #include "platform/clock.h"
+#include "platform/file_system.h"
 #include "platform/processes.h"
 #include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
@@ -61,6 +62,17 @@ std::string iconPath() {
     return dir.substr(0, dir.size() - std::string("MacOS").size()) + "Resources/Zonara.png";
   }
   return dir.substr(0, dir.rfind('/')) + "/share/zonara/Zonara.png";
+}
+
+// The polkit rule of the installation the helper runs from:
+// <prefix>/share/polkit-1/rules.d/50-zonara-timezone.rules for a helper under
+// <prefix>/lib/zonara/; "" when it cannot be found.
+std::string polkitRulePath() {
+  const std::string exe = currentExecutablePath();
+  const size_t lib = exe.rfind("/lib/zonara/");
+  if (lib == std::string::npos) return "";
+  std::string rule = exe.substr(0, lib) + "/share/polkit-1/rules.d/50-zonara-timezone.rules";
+  return isRegularFile(rule) ? rule : "";
 }
 
 // The link (or file) the system's current zone is read from. Tests and the
@@ -229,6 +241,7 @@ AppController::Services controllerServices(ZonaraApplication& application, Platf
   services.boundaries = platform.boundaries.index.get();
   services.preferences = &platform.preferences;
   services.iconPath = iconPath();
+  services.polkitRulePath = polkitRulePath();
   services.location = &sensing;
   services.sensorAggregator = [&sensing] { return sensing.start(); };
   return services;
@@ -257,6 +270,9 @@ int main() {
   application.setDelegate(controller.get());
 
   application.run();
+  // Requests still waiting on a slow server end now, so the workers that
+  // made them can be stopped at once.
+  platform.fetcher.abortTransfers();
   controller.reset();
   sleepWatch.reset();
   sensing.stop();

@@ -138,7 +138,8 @@ std::string quoteProgram(const std::string& path) {
   return q + "\"";
 }
 
-// A program named without a folder is found on PATH, as the session would.
+// A program named without a folder is found on PATH, as the session would;
+// "" when it is not there (no path to make a URL of).
 std::string resolveProgram(const std::string& program) {
   if (program.empty() || program[0] == '/') return program;
   const char* pathEnv = std::getenv("PATH");
@@ -149,7 +150,7 @@ std::string resolveProgram(const std::string& program) {
     std::string candidate = dir + "/" + program;
     if (isExecutableFile(candidate)) return candidate;
   }
-  return program;
+  return "";
 }
 
 // Desktop-entry files of the folder, in file-name order.
@@ -241,7 +242,7 @@ OSStatus LIAECopyLoginItems(std::unique_ptr<PrefValue::Array>* itemsPtr) {
     auto array = std::make_unique<PrefValue::Array>();
     for (const Item& item : items) {
       PrefValue::Dictionary d;
-      d[kLoginItemURL] = PrefValue::string(FileURLFromPath(item.program));
+      if (!item.program.empty()) d[kLoginItemURL] = PrefValue::string(FileURLFromPath(item.program));
       d[kLoginItemHidden] = PrefValue::boolean(item.hidden);
       array->push_back(PrefValue::dictionary(std::move(d)));
     }
@@ -268,9 +269,17 @@ OSStatus LIAEAddRefAtEnd(const FileRef* item, bool hideIt) {
   if (createFolders(folder) != 0) return kIOErr;
 
   // The entry is named after its program; a name already taken gets a number.
+  // Items are listed in file-name order, so a name that would sort before an
+  // existing entry follows the last one's name after a '~' (which sorts after
+  // ".desktop"): the new item comes last, as asked.
   std::string stem = baseName(program);
   for (char& c : stem) {
     if (c == ' ') c = '-';
+  }
+  std::vector<std::string> existing;
+  if (!listEntryFiles(folder, existing)) return kIOErr;
+  if (!existing.empty() && stem + ".desktop" <= existing.back()) {
+    stem = existing.back().substr(0, existing.back().size() - 8) + "~" + stem;
   }
   std::string file = folder + "/" + stem + ".desktop";
   for (int n = 2; pathExists(file); ++n) {

@@ -117,14 +117,28 @@ class FakeReachability final : public Reachability {
 class FakeFetcher final : public HttpFetcher {
  public:
   std::optional<std::string> fetch(const std::string& url, std::chrono::milliseconds timeout) override {
+    std::function<std::optional<std::string>(size_t)> answer;
+    size_t attempt = 0;
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      urls.push_back(url);
+      timeouts.push_back(timeout);
+      times.push_back(Clock::get().now());
+      if (!script) return body;
+      answer = script;
+      attempt = urls.size();
+    }
+    return answer(attempt);
+  }
+  [[nodiscard]] size_t fetchCount() {
     std::lock_guard<std::mutex> lock(mu);
-    urls.push_back(url);
-    timeouts.push_back(timeout);
-    times.push_back(Clock::get().now());
-    return body;
+    return urls.size();
   }
   std::mutex mu;
   std::optional<std::string> body;
+  // When set, answers instead of `body` (outside the lock), given the
+  // request's number counted from 1.
+  std::function<std::optional<std::string>(size_t)> script;
   std::vector<std::string> urls;
   std::vector<std::chrono::milliseconds> timeouts;
   std::vector<Clock::TimePoint> times;

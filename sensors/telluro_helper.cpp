@@ -94,12 +94,21 @@ std::unique_ptr<TelluroAuthentication> GetTelluroAuthentication(LocationLibrary&
 }
 
 // One asynchronous lookup, shared by the lookup thread and the time-out
-// timer. `mu` makes "test finished/cancelled and deliver" one step.
+// timer. Whichever side claims the delivery first (under `mu`) delivers, after
+// letting go of `mu`: the callback may take long, wait for another thread or
+// start another lookup, and the other side must never wait for it.
 struct TelluroHelper::Context {
-  std::recursive_mutex mu;
+  std::mutex mu;
   Callback callback;
-  bool finished = false;  // set by the lookup thread when it delivered
-  bool cancelled = false; // set by the time-out when it delivered
+  bool delivered = false;  // claimed by the lookup thread or the time-out
+
+  // True for the one caller that may deliver.
+  bool claimDelivery() {
+    std::lock_guard<std::mutex> lock(mu);
+    if (delivered) return false;
+    delivered = true;
+    return true;
+  }
 };
 
 TelluroHelper::TelluroHelper(LocationLibrary& library, std::string dataFolder)
@@ -165,23 +174,14 @@ void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSec
 }
 
 void TelluroHelper::currentLocationLookup(const std::shared_ptr<Context>& context) {
-  std::optional<TelluroLocation> location = currentLocation();  // the slow part, outside the lock
-  {
-    std::lock_guard<std::recursive_mutex> lock(context->mu);
-    if (!context->cancelled) {
-      context->finished = true;
-      context->callback(location);
-    }
-  }
+  std::optional<TelluroLocation> location = currentLocation();
+  if (context->claimDelivery()) context->callback(location);
   std::lock_guard<std::mutex> lock(mu_);
   if (--running_ == 0) idle_.notify_all();
 }
 
 void TelluroHelper::currentLocationLookupTimeout(const std::shared_ptr<Context>& context) {
-  std::lock_guard<std::recursive_mutex> lock(context->mu);
-  if (context->finished || context->cancelled) return;
-  context->cancelled = true;
-  context->callback(std::nullopt);
+  if (context->claimDelivery()) context->callback(std::nullopt);
 }
 
 float TelluroHelper::calculateDistanceFrom(float fromLongitude, float fromLatitude, float toLongitude,

@@ -11,7 +11,8 @@
 //
 // Thread safety: every member may be called from any thread. Results of the
 // asynchronous lookup are delivered on the lookup's own thread (success or
-// failure of the lookup) or on the calling thread's run loop (time-out).
+// failure of the lookup) or on the calling thread's run loop (time-out); no
+// lock of the helper is held while a callback runs.
 #pragma once
 
 #include <chrono>

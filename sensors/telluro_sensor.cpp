@@ -45,6 +45,8 @@ TelluroSensor::~TelluroSensor() {
   }
   reapThreads(true);
   helper_.waitForLookups();
+  std::lock_guard<std::mutex> lock(mu_);
+  for (RunLoop::TimerId id : pendingChecks_) RunLoop::main().cancelTimer(id);
 }
 
 TelluroHelper::Callback TelluroSensor::callbackTo(
@@ -88,8 +90,21 @@ bool TelluroSensor::positionIsIpBased() const {
 }
 
 void TelluroSensor::performLocationCheck() {
-  // The previous check must end first; simple polling by design.
-  while (!ready_) Clock::get().sleepFor(100ms);
+  // The previous check must end first: look again every 0.1 s, from a timer
+  // of the main run loop so that the main thread goes on meanwhile.
+  if (!ready_) {
+    std::lock_guard<std::mutex> lock(mu_);
+    const std::shared_ptr<RunLoop::TimerId> id = std::make_shared<RunLoop::TimerId>(0);
+    *id = RunLoop::main().addTimer(100ms, false, [this, id] {
+      {
+        std::lock_guard<std::mutex> lock(mu_);
+        std::erase(pendingChecks_, *id);
+      }
+      performLocationCheck();
+    });
+    pendingChecks_.push_back(*id);
+    return;
+  }
   ready_ = false;
   helper_.reportCurrentLocationQuickly(callbackTo(&TelluroSensor::finishQuickLocationCheck));
 }
@@ -192,7 +207,7 @@ void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location
     return;
   }
   setPosition(std::nullopt, std::nullopt);
-  (void)performIPLocationCheckAndTrigger(true);
+  startIPLocationCheck();
 }
 
 void TelluroSensor::refreshLocation() {
@@ -207,10 +222,26 @@ void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location
     setPosition(*location);
     return;
   }
-  (void)performIPLocationCheckAndTrigger(false);
+  startIPLocationCheck();
 }
 
-bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
+void TelluroSensor::startIPLocationCheck() {
+  // The page may take minutes (ten attempts, 30 s apart): on the worker, with
+  // the outcome handed to the main thread. The position it gives triggers
+  // the aggregator even when the silent refresh asked for it: by the time the
+  // page answers, the start-up's first check has usually gone by without a
+  // position, and the position would otherwise lie unused until the network
+  // changes. Within the quiet period the two triggers make one notification.
+  worker_.post([this](const std::stop_token& stop) {
+    std::optional<TelluroLocation> location = performIPLocationCheck(stop);
+    if (!location || shuttingDown_) return;
+    worker_.deliver([this, location] {
+      if (!shuttingDown_) triggerSensor(location);
+    });
+  });
+}
+
+std::optional<TelluroLocation> TelluroSensor::performIPLocationCheck(const std::stop_token& stop) {
   SystemLog("performing ip location");
   std::optional<TelluroLocation> location;
   if (!config_.ipLocationURL.empty()) {
@@ -218,9 +249,9 @@ bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
     std::string base = config_.ipLocationURL;
     while (!base.empty() && base.back() == '/') base.pop_back();
     const std::string url = base + kIPLocationPath;
-    for (int attempt = 0; attempt < 10 && !body && !shuttingDown_; ++attempt) {
+    for (int attempt = 0; attempt < 10 && !body && !stop.stop_requested(); ++attempt) {
       body = fetcher_.fetch(url, 10000ms);
-      if (!body) Clock::get().sleepFor(30000ms);
+      if (!body && !BackgroundWorker::pause(30000ms, stop)) break;
     }
     if (body) location = scrapeIPLocationPage(*body);
   } else {
@@ -228,13 +259,7 @@ bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
     // back-off when it refuses.
     location = helper_.ipLocation();
   }
-  if (!location || shuttingDown_) return false;
-  if (trigger) {
-    RunLoop::performOnMainThread([this, location] { triggerSensor(location); }, true);
-  } else {
-    RunLoop::performOnMainThread([this, location] { finishRefresh(location); }, true);
-  }
-  return true;
+  return location;
 }
 
 std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::string& page) {
