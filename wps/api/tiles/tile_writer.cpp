@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "wps/api/position_check.h"
 #include "wps/api/tiles/bit_input_stream.h"
 #include "wps/api/tiles/compressed_file_reader.h"  // fileHEAD
 #include "wps/api/tiles/md4.h"
@@ -64,10 +65,7 @@ void appendBE(std::vector<unsigned char>& out, uint64_t value, unsigned bytes) {
   for (unsigned i = bytes; i > 0; --i) out.push_back(static_cast<unsigned char>(value >> (8 * (i - 1))));
 }
 
-bool validCoordinates(const LocatedAccessPoint& ap) {
-  return std::isfinite(ap.latitude) && std::isfinite(ap.longitude) && ap.latitude >= -90.0 &&
-         ap.latitude <= 90.0 && ap.longitude >= -180.0 && ap.longitude <= 180.0;
-}
+bool validCoordinates(const LocatedAccessPoint& ap) { return positionProblem(ap.latitude, ap.longitude) == nullptr; }
 
 std::string trim(const std::string& s) {
   const auto first = s.find_first_not_of(" \t\r\n");
@@ -243,7 +241,7 @@ bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileW
   const size_t blockRecords =
       options.blockRecords != 0
           ? std::clamp(options.blockRecords, 1u, 256u)
-          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 256);
+          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 32);
   std::vector<size_t> blockStarts;
   for (size_t i = 0; i < records; i += blockRecords) blockStarts.push_back(i);
   if (blockStarts.back() != records - 1) blockStarts.push_back(records - 1);
