@@ -13,7 +13,7 @@ BackgroundWorker::BackgroundWorker() : thread_([this](std::stop_token stop) { ru
 BackgroundWorker::~BackgroundWorker() {
   *alive_ = false;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     jobs_.clear();
   }
   thread_.request_stop();
@@ -21,9 +21,9 @@ BackgroundWorker::~BackgroundWorker() {
 }
 
 void BackgroundWorker::post(Job job) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   jobs_.push_back(std::move(job));
-  wake_.notify_one();
+  wake_.notifyOne();
 }
 
 void BackgroundWorker::deliver(std::function<void()> callback) {
@@ -35,7 +35,7 @@ void BackgroundWorker::deliver(std::function<void()> callback) {
 }
 
 bool BackgroundWorker::busy() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return running_ || !jobs_.empty();
 }
 
@@ -43,9 +43,11 @@ void BackgroundWorker::runJobs(const std::stop_token& stop) {
   for (;;) {
     Job job;
     {
-      std::unique_lock<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       running_ = false;
-      if (!wake_.wait(lock, stop, [this] { return !jobs_.empty(); })) return;
+      while (jobs_.empty()) {
+        if (!wake_.wait(mu_, stop)) return;
+      }
       job = std::move(jobs_.front());
       jobs_.pop_front();
       running_ = true;
