@@ -13,17 +13,17 @@ BackgroundWorker::BackgroundWorker() : thread_([this](std::stop_token stop) { ru
 BackgroundWorker::~BackgroundWorker() {
   *alive_ = false;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     jobs_.clear();
   }
   thread_.request_stop();
-  // The stop callback of `wake_` wakes an idle thread; the jthread joins.
+  // The thread's stop callback wakes it when idle; the jthread joins.
 }
 
 void BackgroundWorker::post(Job job) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   jobs_.push_back(std::move(job));
-  wake_.notify_one();
+  wake_.notifyOne();
 }
 
 void BackgroundWorker::deliver(std::function<void()> callback) {
@@ -35,17 +35,24 @@ void BackgroundWorker::deliver(std::function<void()> callback) {
 }
 
 bool BackgroundWorker::busy() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return running_ || !jobs_.empty();
 }
 
 void BackgroundWorker::runJobs(const std::stop_token& stop) {
+  // Taking the lock before notifying: a stop asked for between the check
+  // below and the wait cannot be missed.
+  const std::stop_callback wakeOnStop(stop, [this] {
+    MutexLock lock(mu_);
+    wake_.notifyAll();
+  });
   for (;;) {
     Job job;
     {
-      std::unique_lock<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       running_ = false;
-      if (!wake_.wait(lock, stop, [this] { return !jobs_.empty(); })) return;
+      while (jobs_.empty() && !stop.stop_requested()) wake_.wait(mu_);
+      if (stop.stop_requested()) return;
       job = std::move(jobs_.front());
       jobs_.pop_front();
       running_ = true;

@@ -17,15 +17,14 @@
 // from the worker's jobs; `busy` from any thread.
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <stop_token>
 #include <thread>
 
 #include "platform/clock.h"
+#include "platform/mutex.h"
 
 namespace zonara {
 
@@ -53,10 +52,10 @@ class BackgroundWorker {
  private:
   void runJobs(const std::stop_token& stop);
 
-  mutable std::mutex mu_;
-  std::condition_variable_any wake_;
-  std::deque<Job> jobs_;
-  bool running_ = false;
+  mutable Mutex mu_;
+  CondVar wake_;  // a job was posted, or stop was asked for
+  std::deque<Job> jobs_ ZONARA_GUARDED_BY(mu_);
+  bool running_ ZONARA_GUARDED_BY(mu_) = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // read and cleared on the main thread
   std::jthread thread_;  // last: starts after, and is joined before, the rest goes
 };
