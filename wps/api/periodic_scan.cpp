@@ -72,6 +72,36 @@ std::string describe(const CellTowerList& cells) {
   return text;
 }
 
+// How fetching a scan's results went.
+enum class Fetched {
+  Ok,     // the results are in
+  Reset,  // they could not be read; the adapter was reopened, no results
+  Failed  // the adapter could not be reopened
+};
+
+// The results of the scan under way; an adapter that cannot give them is
+// closed and opened again.
+Fetched fetchScan(WifiAdapter& wifi, Logger& logger, AccessPointList& scanned) {
+  if (wifi.getScannedAccessPoints(scanned) == 0) return Fetched::Ok;
+  logger.error("couldn't get scanned AP list");
+  logger.info("resetting Wi-Fi adapter");
+  wifi.close();
+  if (wifi.open() != 0) {
+    logger.error("couldn't re-open Wi-Fi adapter");
+    return Fetched::Failed;
+  }
+  scanned.clear();
+  return Fetched::Reset;
+}
+
+void logScan(Logger& logger, const AccessPointList& scanned, const AccessPointList& aps,
+             const CellTowerList& scannedCells, const CellTowerList& cells) {
+  logger.debug("new APs %d: %s", static_cast<int>(scanned.size()), describe(scanned).c_str());
+  logger.debug("new (unique) APs %d: %s", static_cast<int>(aps.size()), describe(aps).c_str());
+  logger.debug("new cells %d: %s", static_cast<int>(scannedCells.size()), describe(scannedCells).c_str());
+  logger.debug("new (unique) cells %d: %s", static_cast<int>(cells.size()), describe(cells).c_str());
+}
+
 }  // namespace
 
 WPS_ReturnCode periodicScan(unsigned long period, unsigned iterations, WPS_ScanCallback callback, void* context) {
@@ -108,28 +138,16 @@ WPS_ReturnCode periodicScan(unsigned long period, unsigned iterations, WPS_ScanC
   const CellTowerList noCells;
   for (unsigned scans = 1;; ++scans) {
     AccessPointList scanned;
-    WPS_ReturnCode scanResult = WPS_OK;
-    bool reset = false;
-    if (wifi.getScannedAccessPoints(scanned) != 0) {
-      logger.error("couldn't get scanned AP list");
-      logger.info("resetting Wi-Fi adapter");
-      wifi.close();
-      if (wifi.open() != 0) {
-        logger.error("couldn't re-open Wi-Fi adapter");
-        result = WPS_ERROR;
-        break;
-      }
-      scanned.clear();
-      scanResult = WPS_ERROR;
-      reset = true;
+    const Fetched fetched = fetchScan(wifi, logger, scanned);
+    if (fetched == Fetched::Failed) {
+      result = WPS_ERROR;
+      break;
     }
-
+    const bool reset = fetched == Fetched::Reset;
+    const WPS_ReturnCode scanResult = reset ? WPS_ERROR : WPS_OK;
     const AccessPointList aps = uniqueByMac(scanned);
     const CellTowerList cells = uniqueTowers(noCells);
-    logger.debug("new APs %d: %s", static_cast<int>(scanned.size()), describe(scanned).c_str());
-    logger.debug("new (unique) APs %d: %s", static_cast<int>(aps.size()), describe(aps).c_str());
-    logger.debug("new cells %d: %s", static_cast<int>(noCells.size()), describe(noCells).c_str());
-    logger.debug("new (unique) cells %d: %s", static_cast<int>(cells.size()), describe(cells).c_str());
+    logScan(logger, scanned, aps, noCells, cells);
 
     const WPS_ScanResult scan{&timer, &aps, &cells};
     if (callback(context, scanResult, &scan) == WPS_STOP) break;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -113,17 +114,12 @@ struct LocationRequest {
   }
 };
 
-// Called by the scan loop after each scan; decides whether the scan ends.
-WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, const WPS_ScanResult* scan) {
-  auto& request = *static_cast<LocationRequest*>(context);
+// Adds a scan's access points to the request: each MAC once, as last seen
+// (its latest signal and time: a request's "age" counts from the latest
+// sighting).
+void mergeAccessPoints(LocationRequest& request, const WPS_ScanResult& scan, int64_t elapsed) {
   Logger& logger = request.logger;
-  // A period whose scan failed (the adapter was reset) brings nothing new.
-  if (result != WPS_OK || scan == nullptr) return WPS_CONTINUE;
-  const int64_t elapsed = scan->timer->elapsed();
-
-  // Each MAC once, as last seen: its latest signal and time (a request's
-  // "age" counts from the latest sighting).
-  for (const auto& ap : *scan->accessPoints) {
+  for (const auto& ap : *scan.accessPoints) {
     auto known = std::find_if(request.accessPoints.begin(), request.accessPoints.end(),
                               [&](const auto& a) { return a.mac == ap.mac; });
     if (known == request.accessPoints.end()) {
@@ -134,48 +130,45 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   }
   logger.debug("scanned %d APs so far (%d)", static_cast<int>(request.accessPoints.size()),
                static_cast<int>(elapsed));
-  if (request.accessPoints.empty()) return WPS_CONTINUE;
+}
 
-  const int newAps = static_cast<int>(request.accessPoints.size() - request.accessPointsAtLastLocation);
-  logger.debug("new APs since last location: %d", newAps);
-  for (const auto& cell : *scan->cells) {
+// Adds the scan's cells not yet known to the request.
+void mergeCells(LocationRequest& request, const WPS_ScanResult& scan, int64_t elapsed) {
+  Logger& logger = request.logger;
+  for (const auto& cell : *scan.cells) {
     const bool known = std::any_of(request.cells.begin(), request.cells.end(),
                                    [&](const auto& c) { return c.sameTower(cell); });
     if (!known) request.cells.push_back(cell);
   }
   logger.debug("scanned %d cells so far (%d)", static_cast<int>(request.cells.size()), static_cast<int>(elapsed));
+}
 
-  const bool networkMode = LocationClient::getInstance().isNetworkModeEnabled();
-
-  // A position computed on the device carries no street address, so the tiles
-  // are tried only when none was asked for.
-  if (request.lookup == WPS_NO_STREET_ADDRESS_LOOKUP) {
-    Location fix;
-    const Location* previous = request.haveLocation() ? &request.location : nullptr;
-    const int rc = request.local.determineLocationLocally(previous, request.accessPoints, request.cells, fix);
-    if (rc == 0) {
-      request.found(fix);
-      if (fix.nap > 2) {
-        logger.info("location (local): %f, %f +/-%.1fm (%d) %.2fkm/h %.2f", fix.latitude, fix.longitude, fix.hpe,
-                    fix.nap, fix.speed, fix.bearing);
-        return WPS_STOP;
-      }
-      logger.debug("location request succeeded locally: %f, %f +/-%.1fm %d", fix.latitude, fix.longitude, fix.hpe,
-                   fix.nap);
-      return WPS_CONTINUE;
-    }
+// The downloaded tiles' answer: whether the scan ends, or nullopt when they
+// found nothing and the server may be asked.
+std::optional<WPS_Continuation> locateLocally(LocationRequest& request, bool networkMode) {
+  Logger& logger = request.logger;
+  Location fix;
+  const Location* previous = request.haveLocation() ? &request.location : nullptr;
+  const int rc = request.local.determineLocationLocally(previous, request.accessPoints, request.cells, fix);
+  if (rc != 0) {
     if (!networkMode) request.failed(rc);
+    return std::nullopt;
   }
+  request.found(fix);
+  if (fix.nap > 2) {
+    logger.info("location (local): %f, %f +/-%.1fm (%d) %.2fkm/h %.2f", fix.latitude, fix.longitude, fix.hpe,
+                fix.nap, fix.speed, fix.bearing);
+    return WPS_STOP;
+  }
+  logger.debug("location request succeeded locally: %f, %f +/-%.1fm %d", fix.latitude, fix.longitude, fix.hpe,
+               fix.nap);
+  return WPS_CONTINUE;
+}
 
-  if (!networkMode || request.serverRefused) return WPS_CONTINUE;
-  const int previousNap = request.haveLocation() ? request.location.nap : 0;
-  const bool askServer = previousNap + newAps >= 3 || (previousNap == 0 && newAps > 0 && elapsed > 2999);
-  if (!askServer) return WPS_CONTINUE;
-  // A JSON API server's answer for the same access points would not change:
-  // it is not asked twice for them.
-  const bool geolocationApi = LocationClient::getInstance().speaksGeolocationApi();
-  if (geolocationApi && request.accessPoints.size() <= request.accessPointsAtLastAsk) return WPS_CONTINUE;
-
+// The location cache's answer, otherwise the server's; the scan ends with a
+// position from more than two access points.
+WPS_Continuation locateRemotely(LocationRequest& request) {
+  Logger& logger = request.logger;
   // A recent answer for (nearly) the same access points serves instead of the
   // server.
   Location fix;
@@ -206,6 +199,36 @@ WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, co
   logger.debug("location request succeeded remotely: %f, %f +/-%.1fm %d", fix.latitude, fix.longitude, fix.hpe,
                fix.nap);
   return WPS_CONTINUE;
+}
+
+// Called by the scan loop after each scan; decides whether the scan ends.
+WPS_Continuation wifi_location_callback(void* context, WPS_ReturnCode result, const WPS_ScanResult* scan) {
+  auto& request = *static_cast<LocationRequest*>(context);
+  // A period whose scan failed (the adapter was reset) brings nothing new.
+  if (result != WPS_OK || scan == nullptr) return WPS_CONTINUE;
+  const int64_t elapsed = scan->timer->elapsed();
+  mergeAccessPoints(request, *scan, elapsed);
+  if (request.accessPoints.empty()) return WPS_CONTINUE;
+  const int newAps = static_cast<int>(request.accessPoints.size() - request.accessPointsAtLastLocation);
+  request.logger.debug("new APs since last location: %d", newAps);
+  mergeCells(request, *scan, elapsed);
+
+  const bool networkMode = LocationClient::getInstance().isNetworkModeEnabled();
+  // A position computed on the device carries no street address, so the tiles
+  // are tried only when none was asked for.
+  if (request.lookup == WPS_NO_STREET_ADDRESS_LOOKUP) {
+    if (const std::optional<WPS_Continuation> decided = locateLocally(request, networkMode)) return *decided;
+  }
+
+  if (!networkMode || request.serverRefused) return WPS_CONTINUE;
+  const int previousNap = request.haveLocation() ? request.location.nap : 0;
+  const bool askServer = previousNap + newAps >= 3 || (previousNap == 0 && newAps > 0 && elapsed > 2999);
+  if (!askServer) return WPS_CONTINUE;
+  // A JSON API server's answer for the same access points would not change:
+  // it is not asked twice for them.
+  const bool geolocationApi = LocationClient::getInstance().speaksGeolocationApi();
+  if (geolocationApi && request.accessPoints.size() <= request.accessPointsAtLastAsk) return WPS_CONTINUE;
+  return locateRemotely(request);
 }
 
 // One location request under the held library lock. Returns the request's

@@ -262,6 +262,12 @@ TEST_F(WpsApiTest, ServerFailures) {
       {"500 is retried every scan", HttpResponse(500, ""), WPS_ERROR_SERVER_UNAVAILABLE, 10},
       {"an error element", HttpResponse(200, reply("LocationRS", "<error>no</error>")),
        WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED, 10},
+      {"a position that is not a number",
+       HttpResponse(200, reply("LocationRS",
+                               "<location><latitude>nan</latitude><longitude>2</longitude><hpe>-inf</hpe></location>")),
+       WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED, 10},
+      {"a latitude past the pole", HttpResponse(200, locationReply(90.5, 2.35, 4)),
+       WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED, 10},
   };
   writeScans({"abc"});
   for (const auto& c : cases) {

@@ -436,6 +436,64 @@ double LocationDeterminationPrivate::calcError(const std::vector<APInfo>& list) 
   return std::max(e, 1.0);
 }
 
+namespace {
+
+// Readings of one traced access point within the steady window, newest first.
+std::vector<double> recentReadings(const LocationDeterminationPrivate::APInfo& traced, const Location& raw) {
+  std::vector<double> readings;
+  for (size_t k = 0; k < kHistoryLength; ++k) {
+    if (traced.signal[k] == 0 || elapsedMs(raw.time, traced.time[k]) > kSteadyWindowMs) break;
+    readings.push_back(traced.signal[k]);
+  }
+  return readings;
+}
+
+double standardDeviation(const std::vector<double>& values) {
+  double mean = 0.0;
+  for (double v : values) mean += v;
+  mean /= static_cast<double>(values.size());
+  double variance = 0.0;
+  for (double v : values) variance += (v - mean) * (v - mean);
+  return std::sqrt(variance / static_cast<double>(values.size()));
+}
+
+}  // namespace
+
+double LocationDeterminationPrivate::stationarityCap(const Location& raw) const {
+  double deviationSum = 0.0;
+  int contributing = 0;
+  size_t depth = 0;
+  for (const APInfo& traced : scanTrace_) {
+    const std::vector<double> readings = recentReadings(traced, raw);
+    if (readings.size() >= 2) {
+      deviationSum += static_cast<double>(readings.size()) * standardDeviation(readings);
+      ++contributing;
+    }
+    size_t slots = 0;
+    for (size_t k = 0; k < kHistoryLength; ++k) {
+      if (traced.time[k].isSet() && elapsedMs(raw.time, traced.time[k]) <= kDepthWindowMs) ++slots;
+    }
+    depth = std::max(depth, slots);
+  }
+  if (scanTrace_.empty() || contributing < 4) return kMaxStepSpeed;
+  if (deviationSum / contributing < kSteadyDeviation) return 0.0;
+  // Turnover: how often an access point appears or disappears from one scan
+  // to the next within the depth, per scan. Access points flickering in and
+  // out of scans while the signals move mark a device held still in a fading
+  // radio field, not one that walks past them (a walk makes each access point
+  // appear and disappear about once).
+  double changes = 0.0;
+  for (const APInfo& traced : scanTrace_) {
+    for (size_t k = 1; k < depth; ++k) {
+      if ((traced.signal[k] != 0) != (traced.signal[k - 1] != 0)) changes += 1.0;
+    }
+  }
+  const double ratio = depth == 0 ? 0.0 : changes / static_cast<double>(scanTrace_.size()) / static_cast<double>(depth);
+  if (ratio > kTurnoverStill) return 0.0;
+  if (ratio > kTurnoverSlow) return kSlowCap;
+  return kMaxStepSpeed;
+}
+
 double LocationDeterminationPrivate::calcVelocity(const Location& raw) {
   const auto& smoothed = smoothedTrace();
   const auto& trace = rawTrace();
@@ -474,49 +532,8 @@ double LocationDeterminationPrivate::calcVelocity(const Location& raw) {
   const double v = 0.12 * smoothed.front().speed + 0.88 * ((median + overall) * 0.5 / 1.8);
 
   // Stationarity from the scan trace.
-  double cap = kMaxStepSpeed;
-  double deviationSum = 0.0;
-  int contributing = 0;
-  size_t depth = 0;
-  for (const APInfo& traced : scanTrace_) {
-    std::vector<double> readings;
-    for (size_t k = 0; k < kHistoryLength; ++k) {
-      if (traced.signal[k] == 0 || elapsedMs(raw.time, traced.time[k]) > kSteadyWindowMs) break;
-      readings.push_back(traced.signal[k]);
-    }
-    if (readings.size() >= 2) {
-      double mean = 0.0;
-      for (double r : readings) mean += r;
-      mean /= static_cast<double>(readings.size());
-      double variance = 0.0;
-      for (double r : readings) variance += (r - mean) * (r - mean);
-      variance /= static_cast<double>(readings.size());
-      deviationSum += static_cast<double>(readings.size()) * std::sqrt(variance);
-      ++contributing;
-    }
-    size_t slots = 0;
-    for (size_t k = 0; k < kHistoryLength; ++k) {
-      if (traced.time[k].isSet() && elapsedMs(raw.time, traced.time[k]) <= kDepthWindowMs) ++slots;
-    }
-    depth = std::max(depth, slots);
-  }
-  if (!scanTrace_.empty() && contributing >= 4) {
-    if (deviationSum / contributing < kSteadyDeviation) return 0.0;
-    // Turnover: how often an access point appears or disappears from one scan
-    // to the next within the depth, per scan. Access points flickering in and
-    // out of scans while the signals move mark a device held still in a
-    // fading radio field, not one that walks past them (a walk makes each
-    // access point appear and disappear about once).
-    double changes = 0.0;
-    for (const APInfo& traced : scanTrace_) {
-      for (size_t k = 1; k < depth; ++k) {
-        if ((traced.signal[k] != 0) != (traced.signal[k - 1] != 0)) changes += 1.0;
-      }
-    }
-    const double ratio = depth == 0 ? 0.0 : changes / static_cast<double>(scanTrace_.size()) / static_cast<double>(depth);
-    if (ratio > kTurnoverStill) return 0.0;
-    if (ratio > kTurnoverSlow) cap = kSlowCap;
-  }
+  const double cap = stationarityCap(raw);
+  if (cap == 0.0) return 0.0;
 
   if (v > cap) return cap * 3600.0 / 1000.0;
   if (v >= 0.0) return v * 3600.0 / 1000.0;

@@ -133,6 +133,10 @@ class LocationDeterminationPrivate : public LocationDeterminationLocal {
   void holdRecentFix(SPI::Time now, Location& out);
   void weightedCentroid(const std::vector<APInfo>& list, const Location& reference, Location& out);
   [[nodiscard]] double weightOf(const APInfo& ap, const Location& reference);
+  // The speed cap (m/s) the scan trace allows at `raw`: 0 when the signals
+  // show a device held still, kSlowCap when access points flicker in and out
+  // as around a slow one, otherwise kMaxStepSpeed.
+  [[nodiscard]] double stationarityCap(const Location& raw) const;
 
   SPI::Logger& logger_;
   std::vector<APInfo> scanTrace_;

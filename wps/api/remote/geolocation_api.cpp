@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "wps/api/learn/learned_store.h"
+#include "wps/api/position_check.h"
 #include "wps/api/protocol/location_client.h"
 #include "wps/spi/xml_http_request.h"
 
@@ -106,12 +107,8 @@ std::optional<GeolocationAnswer> parseGeolocationAnswer(std::string_view body, s
     problem = "the answer lacks a finite latitude, longitude or accuracy";
     return std::nullopt;
   }
-  if (*latitude < -90 || *latitude > 90 || *longitude < -180 || *longitude > 180) {
-    problem = "the answer's coordinates are out of range";
-    return std::nullopt;
-  }
-  if (*accuracy < 0) {
-    problem = "the answer's accuracy is negative";
+  if (const char* invalid = positionProblem(*latitude, *longitude, *accuracy)) {
+    problem = std::string("the answer's position is refused: ") + invalid;
     return std::nullopt;
   }
   GeolocationAnswer answer{*latitude, *longitude, *accuracy, false};

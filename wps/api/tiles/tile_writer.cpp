@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "wps/api/position_check.h"
 #include "wps/api/tiles/bit_input_stream.h"
 #include "wps/api/tiles/compressed_file_reader.h"  // fileHEAD
 #include "wps/api/tiles/md4.h"
@@ -64,10 +65,7 @@ void appendBE(std::vector<unsigned char>& out, uint64_t value, unsigned bytes) {
   for (unsigned i = bytes; i > 0; --i) out.push_back(static_cast<unsigned char>(value >> (8 * (i - 1))));
 }
 
-bool validCoordinates(const LocatedAccessPoint& ap) {
-  return std::isfinite(ap.latitude) && std::isfinite(ap.longitude) && ap.latitude >= -90.0 &&
-         ap.latitude <= 90.0 && ap.longitude >= -180.0 && ap.longitude <= 180.0;
-}
+bool validCoordinates(const LocatedAccessPoint& ap) { return positionProblem(ap.latitude, ap.longitude) == nullptr; }
 
 std::string trim(const std::string& s) {
   const auto first = s.find_first_not_of(" \t\r\n");
@@ -145,8 +143,29 @@ bool parseAccessPointsCSV(std::istream& in, std::vector<LocatedAccessPoint>& out
   return true;
 }
 
-bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileWriterOptions& options,
-                std::vector<unsigned char>& out, std::string& error) {
+namespace {
+
+// The coordinate grid of a tile: its precision, origin and offset widths, and
+// every access point's position in grid units.
+struct TileGrid {
+  unsigned code = 0;  // precision code (1..7)
+  int P = 0;          // units per degree: 2^P
+  int64_t originLat = 0, originLon = 0;
+  unsigned A = 0, B = 0;  // bits of the latitude and longitude offsets
+  std::vector<int64_t> lat, lon;
+};
+
+// How each record's reliability count and signal exponent are stored.
+struct TileFields {
+  std::vector<uint32_t> reliability;  // reliabilityCount - 18, capped at 127
+  unsigned R = 1;                     // its width
+  std::vector<double> exponent;       // the clamped signal exponents
+  unsigned X = 1;                     // their width
+  double divisor = 0.0;               // exponent steps per unit
+};
+
+// A tile needs at least one access point, each with a valid position.
+bool checkAccessPoints(const std::vector<LocatedAccessPoint>& accessPoints, std::string& error) {
   if (accessPoints.empty()) {
     error = "a tile needs at least one access point";
     return false;
@@ -157,102 +176,120 @@ bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileW
       return false;
     }
   }
-  const size_t count = accessPoints.size();
+  return true;
+}
 
-  // Precision: the finest requested one whose offsets fit the 5-bit widths.
-  unsigned code = std::clamp(options.precisionCode, 1u, 7u);
-  int P = 0;
-  int64_t originLat = 0, originLon = 0;
-  unsigned A = 0, B = 0;
-  std::vector<int64_t> lat(count), lon(count);
-  for (;; --code) {
-    P = static_cast<int>(code) + kPrecisionBase;
-    const double units = std::ldexp(1.0, P);
+// Precision: the finest requested one whose offsets fit the 5-bit widths.
+// With cell origins the origin is no later than the corner of the first
+// access point's cell.
+TileGrid chooseGrid(const std::vector<LocatedAccessPoint>& accessPoints, const TileWriterOptions& options) {
+  const size_t count = accessPoints.size();
+  TileGrid g;
+  g.lat.resize(count);
+  g.lon.resize(count);
+  for (g.code = std::clamp(options.precisionCode, 1u, 7u);; --g.code) {
+    g.P = static_cast<int>(g.code) + kPrecisionBase;
+    const double units = std::ldexp(1.0, g.P);
     for (size_t i = 0; i < count; ++i) {
-      lat[i] = std::llround(accessPoints[i].latitude * units);
-      lon[i] = std::llround(accessPoints[i].longitude * units);
+      g.lat[i] = std::llround(accessPoints[i].latitude * units);
+      g.lon[i] = std::llround(accessPoints[i].longitude * units);
     }
     // A zero origin marks an invalid tile, so a tile starting exactly on the
     // equator or the prime meridian starts one unit earlier.
-    originLat = *std::min_element(lat.begin(), lat.end());
-    originLon = *std::min_element(lon.begin(), lon.end());
-    if (originLat == 0) originLat = -1;
-    if (originLon == 0) originLon = -1;
+    g.originLat = *std::min_element(g.lat.begin(), g.lat.end());
+    g.originLon = *std::min_element(g.lon.begin(), g.lon.end());
+    if (g.originLat == 0) g.originLat = -1;
+    if (g.originLon == 0) g.originLon = -1;
     if (options.cellOrigins) {
-      originLat = std::min<int64_t>(originLat, cellOrigin(accessPoints[0].latitude, options.tileSizeDegrees, code));
-      originLon = std::min<int64_t>(originLon, cellOrigin(accessPoints[0].longitude, options.tileSizeDegrees, code));
+      g.originLat = std::min<int64_t>(g.originLat, cellOrigin(accessPoints[0].latitude, options.tileSizeDegrees, g.code));
+      g.originLon = std::min<int64_t>(g.originLon, cellOrigin(accessPoints[0].longitude, options.tileSizeDegrees, g.code));
     }
-    A = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(lat.begin(), lat.end()) - originLat)));
-    B = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(lon.begin(), lon.end()) - originLon)));
-    if ((A <= 31 && B <= 31) || code == 1) break;
+    g.A = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(g.lat.begin(), g.lat.end()) - g.originLat)));
+    g.B = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(g.lon.begin(), g.lon.end()) - g.originLon)));
+    if ((g.A <= 31 && g.B <= 31) || g.code == 1) return g;
   }
-  const unsigned latBits = packBits(180, P), lonBits = packBits(360, P);
+}
+
+// The origin fits the header's signed fields and the offsets their widths.
+bool gridFits(const TileGrid& g, std::string& error) {
   const auto fitsSigned = [](int64_t v, unsigned bits) {
     return bits >= 2 && bits <= 32 && v >= -(int64_t{1} << (bits - 1)) && v < (int64_t{1} << (bits - 1));
   };
-  if (A > 31 || B > 31 || !fitsSigned(originLat, latBits) || !fitsSigned(originLon, lonBits)) {
+  if (g.A > 31 || g.B > 31 || !fitsSigned(g.originLat, packBits(180, g.P)) ||
+      !fitsSigned(g.originLon, packBits(360, g.P))) {
     error = "the access points of a tile span too large an area";
     return false;
   }
+  return true;
+}
 
+TileFields chooseFields(const std::vector<LocatedAccessPoint>& accessPoints) {
+  const size_t count = accessPoints.size();
+  TileFields f;
   // Count field: reliabilityCount - 18, as narrow as the largest needs.
-  std::vector<uint32_t> r(count);
+  f.reliability.resize(count);
   for (size_t i = 0; i < count; ++i) {
     const uint32_t c = accessPoints[i].reliabilityCount;
-    r[i] = std::min<uint32_t>(c < kReliabilityCountBase ? 0 : c - kReliabilityCountBase, 127);
+    f.reliability[i] = std::min<uint32_t>(c < kReliabilityCountBase ? 0 : c - kReliabilityCountBase, 127);
   }
-  const unsigned R = std::max(1u, bitsFor(*std::max_element(r.begin(), r.end())));
+  f.R = std::max(1u, bitsFor(*std::max_element(f.reliability.begin(), f.reliability.end())));
 
   // Exponent field: the narrowest width that holds every exponent exactly,
   // otherwise the widest (7 bits, steps of 1/381).
-  std::vector<double> exponent(count);
+  f.exponent.resize(count);
   for (size_t i = 0; i < count; ++i) {
-    exponent[i] = std::clamp(accessPoints[i].signalExponent, kSignalExponentBase, 0.5);
+    f.exponent[i] = std::clamp(accessPoints[i].signalExponent, kSignalExponentBase, 0.5);
   }
-  unsigned X = 1;
-  for (; X < 7; ++X) {
-    const double divisor = (std::ldexp(1.0, static_cast<int>(X)) - 1.0) * 3.0;
-    bool exact = true;
-    for (double x : exponent) {
+  for (f.X = 1; f.X < 7; ++f.X) {
+    const double divisor = (std::ldexp(1.0, static_cast<int>(f.X)) - 1.0) * 3.0;
+    const bool exact = std::all_of(f.exponent.begin(), f.exponent.end(), [&](double x) {
       const double e = std::round((x - kSignalExponentBase) * divisor);
-      if (std::fabs(decodeSignalExponent(static_cast<uint32_t>(e), X) - x) > 1e-9) {
-        exact = false;
-        break;
-      }
-    }
+      return std::fabs(decodeSignalExponent(static_cast<uint32_t>(e), f.X) - x) <= 1e-9;
+    });
     if (exact) break;
   }
-  const double divisor = (std::ldexp(1.0, static_cast<int>(X)) - 1.0) * 3.0;
-  const uint32_t maxE = (1u << X) - 1;
+  f.divisor = (std::ldexp(1.0, static_cast<int>(f.X)) - 1.0) * 3.0;
+  return f;
+}
 
-  // Search keys in ascending order; the first of colliding keys stays.
-  std::vector<Coded> coded(count);
-  const std::string keyRealm = options.presetKeys ? std::string() : options.realm;
-  for (size_t i = 0; i < count; ++i) {
-    coded[i] = {tileSearchKey(accessPoints[i].mac, keyRealm, static_cast<int32_t>(originLat),
-                              static_cast<int32_t>(originLon)),
+// Search keys in ascending order; the first of colliding keys stays. Preset
+// keys are computed without a realm.
+std::vector<Coded> sortedKeys(const std::vector<LocatedAccessPoint>& accessPoints, const std::string& realm,
+                              const TileGrid& g) {
+  std::vector<Coded> coded(accessPoints.size());
+  for (size_t i = 0; i < accessPoints.size(); ++i) {
+    coded[i] = {tileSearchKey(accessPoints[i].mac, realm, static_cast<int32_t>(g.originLat),
+                              static_cast<int32_t>(g.originLon)),
                 i};
   }
   std::stable_sort(coded.begin(), coded.end(), [](const Coded& a, const Coded& b) { return a.key < b.key; });
   coded.erase(std::unique(coded.begin(), coded.end(), [](const Coded& a, const Coded& b) { return a.key == b.key; }),
               coded.end());
-  const size_t records = coded.size();
+  return coded;
+}
 
-  // Block starts: every blockRecords-th record, and the last record on its
-  // own so that the last index key is the tile's greatest.
+// Block starts: every blockRecords-th record, and the last record on its own
+// so that the last index key is the tile's greatest.
+std::vector<size_t> blockStartsFor(size_t records, unsigned requestedBlockRecords) {
   const size_t blockRecords =
-      options.blockRecords != 0
-          ? std::clamp(options.blockRecords, 1u, 256u)
-          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 256);
+      requestedBlockRecords != 0
+          ? std::clamp(requestedBlockRecords, 1u, 256u)
+          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 32);
   std::vector<size_t> blockStarts;
   for (size_t i = 0; i < records; i += blockRecords) blockStarts.push_back(i);
   if (blockStarts.back() != records - 1) blockStarts.push_back(records - 1);
+  return blockStarts;
+}
 
+// The records, byte-aligned, key deltas restarting at each block; the bit
+// offset of each block goes to `blockBits`.
+BitOutputStream encodeRecords(const std::vector<Coded>& coded, const std::vector<size_t>& blockStarts,
+                              const TileGrid& g, const TileFields& f, std::vector<uint64_t>& blockBits) {
   BitOutputStream body;
-  std::vector<uint64_t> blockBits;  // bit offset of each block within the records
+  const uint32_t maxE = (1u << f.X) - 1;
   size_t nextBlock = 0;
   uint64_t previousKey = 0;
-  for (size_t i = 0; i < records; ++i) {
+  for (size_t i = 0; i < coded.size(); ++i) {
     body.align();
     const bool startsBlock = nextBlock < blockStarts.size() && blockStarts[nextBlock] == i;
     if (startsBlock) {
@@ -261,25 +298,20 @@ bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileW
     }
     const size_t k = coded[i].input;
     body.writeVLEU(startsBlock ? 0 : coded[i].key - previousKey);
-    body.writeBits(static_cast<uint64_t>(lat[k] - originLat), A);
-    body.writeBits(static_cast<uint64_t>(lon[k] - originLon), B);
-    body.writeBits(r[k], R);
-    const double e = std::round((exponent[k] - kSignalExponentBase) * divisor);
-    body.writeBits(std::min<uint32_t>(static_cast<uint32_t>(e), maxE), X);
+    body.writeBits(static_cast<uint64_t>(g.lat[k] - g.originLat), g.A);
+    body.writeBits(static_cast<uint64_t>(g.lon[k] - g.originLon), g.B);
+    body.writeBits(f.reliability[k], f.R);
+    const double e = std::round((f.exponent[k] - kSignalExponentBase) * f.divisor);
+    body.writeBits(std::min<uint32_t>(static_cast<uint32_t>(e), maxE), f.X);
     previousKey = coded[i].key;
   }
+  return body;
+}
 
-  BitOutputStream tile;
-  tile.writeBits(code, 3);
-  tile.writeBits(static_cast<uint64_t>(originLat) & ((uint64_t{1} << latBits) - 1), latBits);
-  tile.writeBits(static_cast<uint64_t>(originLon) & ((uint64_t{1} << lonBits) - 1), lonBits);
-  tile.writeBits(A, 5);
-  tile.writeBits(B, 5);
-  tile.writeBits(R, 3);
-  tile.writeBits(X, 3);
-  tile.writeVLEU(records);
-  tile.writeVLEU(blockStarts.size());
-  std::vector<unsigned char> index;
+// The block index: the first key, then each further block's length in bits
+// and first key.
+bool blockIndex(const std::vector<Coded>& coded, const std::vector<size_t>& blockStarts,
+                const std::vector<uint64_t>& blockBits, std::vector<unsigned char>& index, std::string& error) {
   appendLE(index, coded[0].key, 6);
   for (size_t b = 1; b < blockStarts.size(); ++b) {
     const uint64_t length = blockBits[b] - blockBits[b - 1];
@@ -290,6 +322,41 @@ bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileW
     appendLE(index, length, 2);
     appendLE(index, coded[blockStarts[b]].key, 6);
   }
+  return true;
+}
+
+// The tile header: precision, origin, field widths and counts.
+void writeHeader(BitOutputStream& tile, const TileGrid& g, const TileFields& f, size_t records, size_t blocks) {
+  const unsigned latBits = packBits(180, g.P), lonBits = packBits(360, g.P);
+  tile.writeBits(g.code, 3);
+  tile.writeBits(static_cast<uint64_t>(g.originLat) & ((uint64_t{1} << latBits) - 1), latBits);
+  tile.writeBits(static_cast<uint64_t>(g.originLon) & ((uint64_t{1} << lonBits) - 1), lonBits);
+  tile.writeBits(g.A, 5);
+  tile.writeBits(g.B, 5);
+  tile.writeBits(f.R, 3);
+  tile.writeBits(f.X, 3);
+  tile.writeVLEU(records);
+  tile.writeVLEU(blocks);
+}
+
+}  // namespace
+
+bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileWriterOptions& options,
+                std::vector<unsigned char>& out, std::string& error) {
+  if (!checkAccessPoints(accessPoints, error)) return false;
+  const TileGrid grid = chooseGrid(accessPoints, options);
+  if (!gridFits(grid, error)) return false;
+  const TileFields fields = chooseFields(accessPoints);
+  const std::vector<Coded> coded = sortedKeys(accessPoints, options.presetKeys ? std::string() : options.realm, grid);
+  const std::vector<size_t> blockStarts = blockStartsFor(coded.size(), options.blockRecords);
+
+  std::vector<uint64_t> blockBits;
+  const BitOutputStream body = encodeRecords(coded, blockStarts, grid, fields, blockBits);
+  std::vector<unsigned char> index;
+  if (!blockIndex(coded, blockStarts, blockBits, index, error)) return false;
+
+  BitOutputStream tile;
+  writeHeader(tile, grid, fields, coded.size(), blockStarts.size());
   tile.writeBytes(index);
   tile.writeBytes(body.bytes());
   out.insert(out.end(), tile.bytes().begin(), tile.bytes().end());

@@ -35,9 +35,10 @@ struct TileWriterOptions {
   // access point into one tile.
   double tileSizeDegrees = 1.0;
   // Records per block of the block index (1..256), or 0 to choose per tile.
-  // A look-up walks the index linearly and then reads one block, so its cost
-  // is about n/2 index entries plus B/2 records for n blocks of B records;
-  // the automatic choice is sqrt(records), kept within 16..256.
+  // A look-up binary-searches the index and then reads one block, so its
+  // cost is about log2(n) index keys plus B/2 records for n blocks of B
+  // records; the automatic choice is sqrt(records), kept within 16..32 (the
+  // index costs 8 bytes per block).
   unsigned blockRecords = 0;
   // Each tile's origin at its grid cell's south-west corner less one unit
   // (cellOrigin) instead of its smallest coordinates, so that a record's
