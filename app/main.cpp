@@ -85,9 +85,10 @@ std::string localtimePath() {
 
 // The time-zone boundary data, opened once for the helper's lifetime; its
 // absence is logged (zones then come only from a configured service).
-timezone::BoundaryData openBoundaryData() {
+zonara::timezone::BoundaryData openBoundaryData() {
   std::string error;
-  timezone::BoundaryData data = timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  zonara::timezone::BoundaryData data =
+      zonara::timezone::openBoundaryData(zonara::timezone::BoundaryDataSearch::forThisProcess(), &error);
   if (data.index) {
     SystemLog("time-zone boundary data: %s (%s)", data.index->release().c_str(), data.path.c_str());
   } else {
@@ -128,7 +129,7 @@ struct PlatformServices {
   LinuxWorkspace workspace;
   DateTzDatabase zones{localtimePath()};
   CurlHttpFetcher fetcher;
-  const timezone::BoundaryData boundaries = openBoundaryData();
+  const zonara::timezone::BoundaryData boundaries = openBoundaryData();
 };
 
 // --- Location sensing -----------------------------------------------------------

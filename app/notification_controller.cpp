@@ -1,8 +1,7 @@
 #include "app/notification_controller.h"
 
-#include <unistd.h>
-
 #include "app/app_controller.h"
+#include "platform/file_system.h"
 #include "platform/zonara_names.h"
 
 namespace zonara {
@@ -21,7 +20,7 @@ void NotificationController::timezoneDidChange() {
 void NotificationController::notifyWithTitle(const std::string& title, const std::string& message,
                                              const std::string& notificationName) {
   // A missing icon file means no icon, not a broken one.
-  std::string icon = (!iconPath_.empty() && access(iconPath_.c_str(), R_OK) == 0) ? iconPath_ : "";
+  std::string icon = (!iconPath_.empty() && isReadable(iconPath_)) ? iconPath_ : "";
   notifier_.notify(title, message, notificationName, icon);
 }
 

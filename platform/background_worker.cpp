@@ -17,7 +17,7 @@ BackgroundWorker::~BackgroundWorker() {
     jobs_.clear();
   }
   thread_.request_stop();
-  // The thread's stop callback wakes it when idle; the jthread joins.
+  // The stop callback of `wake_` wakes an idle thread; the jthread joins.
 }
 
 void BackgroundWorker::post(Job job) {
@@ -40,19 +40,14 @@ bool BackgroundWorker::busy() const {
 }
 
 void BackgroundWorker::runJobs(const std::stop_token& stop) {
-  // Taking the lock before notifying: a stop asked for between the check
-  // below and the wait cannot be missed.
-  const std::stop_callback wakeOnStop(stop, [this] {
-    MutexLock lock(mu_);
-    wake_.notifyAll();
-  });
   for (;;) {
     Job job;
     {
       MutexLock lock(mu_);
       running_ = false;
-      while (jobs_.empty() && !stop.stop_requested()) wake_.wait(mu_);
-      if (stop.stop_requested()) return;
+      while (jobs_.empty()) {
+        if (!wake_.wait(mu_, stop)) return;
+      }
       job = std::move(jobs_.front());
       jobs_.pop_front();
       running_ = true;

@@ -53,7 +53,7 @@ class BackgroundWorker {
   void runJobs(const std::stop_token& stop);
 
   mutable Mutex mu_;
-  CondVar wake_;  // a job was posted, or stop was asked for
+  CondVar wake_;
   std::deque<Job> jobs_ ZONARA_GUARDED_BY(mu_);
   bool running_ ZONARA_GUARDED_BY(mu_) = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // read and cleared on the main thread

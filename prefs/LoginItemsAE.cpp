@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/file_system.h"
+#include "platform/processes.h"
 #include "platform/system_log.h"
 #include "platform/xdg.h"
 
@@ -140,18 +141,7 @@ std::string quoteProgram(const std::string& path) {
 
 // A program named without a folder is found on PATH, as the session would;
 // "" when it is not there (no path to make a URL of).
-std::string resolveProgram(const std::string& program) {
-  if (program.empty() || program[0] == '/') return program;
-  const char* pathEnv = std::getenv("PATH");
-  std::stringstream dirs(pathEnv ? pathEnv : "/usr/local/bin:/usr/bin:/bin");
-  std::string dir;
-  while (std::getline(dirs, dir, ':')) {
-    if (dir.empty()) continue;
-    std::string candidate = dir + "/" + program;
-    if (isExecutableFile(candidate)) return candidate;
-  }
-  return "";
-}
+std::string resolveProgram(const std::string& program) { return programOnPath(program).value_or(""); }
 
 // Desktop-entry files of the folder, in file-name order.
 bool listEntryFiles(const std::string& folder, std::vector<std::string>& names) {

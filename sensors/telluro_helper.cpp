@@ -86,13 +86,13 @@ std::unique_ptr<TelluroAuthentication> GetTelluroAuthentication(LocationLibrary&
 // letting go of `mu`: the callback may take long, wait for another thread or
 // start another lookup, and the other side must never wait for it.
 struct TelluroHelper::Context {
-  std::mutex mu;
+  Mutex mu;
   Callback callback;
-  bool delivered = false;  // claimed by the lookup thread or the time-out
+  bool delivered ZONARA_GUARDED_BY(mu) = false;  // claimed by the lookup thread or the time-out
 
   // True for the one caller that may deliver.
   bool claimDelivery() {
-    std::lock_guard<std::mutex> lock(mu);
+    MutexLock lock(mu);
     if (delivered) return false;
     delivered = true;
     return true;
@@ -108,12 +108,12 @@ TelluroHelper::TelluroHelper(LocationLibrary& library, std::string dataFolder)
 TelluroHelper::~TelluroHelper() { waitForLookups(); }
 
 void TelluroHelper::waitForLookups() {
-  std::unique_lock<std::mutex> lock(mu_);
-  idle_.wait(lock, [this] { return running_ == 0; });
+  MutexLock lock(mu_);
+  while (running_ != 0) idle_.wait(mu_);
 }
 
 bool TelluroHelper::lookupsRunning() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return running_ > 0;
 }
 
@@ -151,7 +151,7 @@ void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSec
   auto context = std::make_shared<Context>();
   context->callback = std::move(callback);
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     ++running_;
   }
   const auto interval = std::chrono::milliseconds(static_cast<int64_t>(std::llround(timeoutSeconds * 1000.0)));
@@ -164,8 +164,8 @@ void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSec
 void TelluroHelper::currentLocationLookup(const std::shared_ptr<Context>& context) {
   std::optional<TelluroLocation> location = currentLocation();
   if (context->claimDelivery()) context->callback(location);
-  std::lock_guard<std::mutex> lock(mu_);
-  if (--running_ == 0) idle_.notify_all();
+  MutexLock lock(mu_);
+  if (--running_ == 0) idle_.notifyAll();
 }
 
 void TelluroHelper::currentLocationLookupTimeout(const std::shared_ptr<Context>& context) {

@@ -16,13 +16,13 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
+#include "platform/mutex.h"
 #include "wps/api/wpsapi.h"
 
 namespace zonara {
@@ -138,9 +138,9 @@ class TelluroHelper {
   LocationLibrary& library_;
   const std::string accountPath_;
   const std::string cacheFolder_;  // ends with exactly one '/'
-  std::mutex mu_;
-  std::condition_variable idle_;
-  int running_ = 0;
+  Mutex mu_;
+  CondVar idle_;
+  int running_ ZONARA_GUARDED_BY(mu_) = 0;
 };
 
 }  // namespace zonara

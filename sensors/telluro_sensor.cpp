@@ -36,7 +36,7 @@ TelluroSensor::~TelluroSensor() {
   for (;;) {
     bool busy = helper_.lookupsRunning();
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       for (const Worker& w : workers_) busy = busy || !*w.done;
     }
     if (!busy) break;
@@ -45,7 +45,7 @@ TelluroSensor::~TelluroSensor() {
   }
   reapThreads(true);
   helper_.waitForLookups();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   for (RunLoop::TimerId id : pendingChecks_) RunLoop::main().cancelTimer(id);
 }
 
@@ -57,17 +57,17 @@ TelluroHelper::Callback TelluroSensor::callbackTo(
 }
 
 std::optional<double> TelluroSensor::currentLongitude() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return currentLongitude_;
 }
 
 std::optional<double> TelluroSensor::currentLatitude() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return currentLatitude_;
 }
 
 void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<double> latitude) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   currentLongitude_ = longitude;
   currentLatitude_ = latitude;
   positionIsIpBased_ = false;
@@ -78,14 +78,14 @@ void TelluroSensor::setPosition(const TelluroLocation& location) {
     SystemLog("position %s, %s is from the IP address", numberText(location.latitude).c_str(),
               numberText(location.longitude).c_str());
   }
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   currentLongitude_ = location.longitude;
   currentLatitude_ = location.latitude;
   positionIsIpBased_ = location.ipBased;
 }
 
 bool TelluroSensor::positionIsIpBased() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return positionIsIpBased_;
 }
 
@@ -93,11 +93,11 @@ void TelluroSensor::performLocationCheck() {
   // The previous check must end first: look again every 0.1 s, from a timer
   // of the main run loop so that the main thread goes on meanwhile.
   if (!ready_) {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     const std::shared_ptr<RunLoop::TimerId> id = std::make_shared<RunLoop::TimerId>(0);
     *id = RunLoop::main().addTimer(100ms, false, [this, id] {
       {
-        std::lock_guard<std::mutex> lock(mu_);
+        MutexLock lock(mu_);
         std::erase(pendingChecks_, *id);
       }
       performLocationCheck();
@@ -119,7 +119,7 @@ void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation
   // Wait for the service to become reachable, giving up after 10 s.
   // The give-up time counts from now, however late its thread starts.
   const Clock::TimePoint giveUpAt = Clock::get().now() + 10000ms;
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   reapThreads(false);
   std::function<void()> bodies[] = {[this] { waitForConnectivity(); }, [this, giveUpAt] { createTimer(giveUpAt); }};
   for (std::function<void()>& body : bodies) {
@@ -132,8 +132,8 @@ void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation
   }
 }
 
-// Joins finished workers (all of them with `all`); callers hold mu_ unless
-// `all` is set.
+// Joins finished workers (all of them with `all`). Callers hold mu_, but for
+// the destructor, when no other thread adds workers any more.
 void TelluroSensor::reapThreads(bool all) {
   for (auto it = workers_.begin(); it != workers_.end();) {
     if (all || *it->done) {
@@ -282,7 +282,7 @@ std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::st
 }
 
 TelluroStatus TelluroSensor::telluroStatus() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return TelluroStatus{currentLongitude_, currentLatitude_};
 }
 
@@ -297,14 +297,14 @@ bool TelluroSensor::statusIsEqualToStatus(const TelluroStatus& other) const {
 }
 
 void TelluroSensor::willSleep() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   sleepDate_ = Clock::get().wallNow();
 }
 
 void TelluroSensor::didWake() {
   std::optional<Clock::WallTime> slept;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     slept = sleepDate_;
     sleepDate_.reset();
   }

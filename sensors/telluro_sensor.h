@@ -33,6 +33,7 @@
 #include "platform/background_worker.h"
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
+#include "platform/mutex.h"
 #include "platform/reachability.h"
 #include "platform/run_loop.h"
 #include "sensors/location_source.h"
@@ -135,7 +136,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   void createTimer(Clock::TimePoint giveUpAt);
   void fetchLocation();
   void finishFetch(const std::optional<TelluroLocation>& location);
-  void reapThreads(bool all);
+  void reapThreads(bool all) ZONARA_REQUIRES(mu_);
   // Wraps a member for the helper's callback; ignored while shutting down.
   TelluroHelper::Callback callbackTo(void (TelluroSensor::*method)(const std::optional<TelluroLocation>&));
 
@@ -146,16 +147,16 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   const Config config_;
 
   std::atomic<bool> ready_{true};
-  mutable std::mutex mu_;  // the position, sleepDate_, the threads
-  std::optional<double> currentLongitude_;
-  std::optional<double> currentLatitude_;
-  bool positionIsIpBased_ = false;
-  std::optional<Clock::WallTime> sleepDate_;
+  mutable Mutex mu_;
+  std::optional<double> currentLongitude_ ZONARA_GUARDED_BY(mu_);
+  std::optional<double> currentLatitude_ ZONARA_GUARDED_BY(mu_);
+  bool positionIsIpBased_ ZONARA_GUARDED_BY(mu_) = false;
+  std::optional<Clock::WallTime> sleepDate_ ZONARA_GUARDED_BY(mu_);
   struct Worker {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> done;
   };
-  std::vector<Worker> workers_;
+  std::vector<Worker> workers_ ZONARA_GUARDED_BY(mu_);
   std::vector<RunLoop::TimerId> pendingChecks_;  // checks waiting for the one in progress
   std::atomic<bool> shuttingDown_{false};
   // Last: stopped first, while everything its jobs use is still there.

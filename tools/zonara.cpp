@@ -229,8 +229,8 @@ void printTimeZoneSource() {
   PreferencesDomain helperPrefs(kPreferencesDomain);
   const GeoNamesClient::Config config = GeoNamesClient::configFromPreferences(helperPrefs);
   std::string error;
-  const timezone::BoundaryData data =
-      timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  const zonara::timezone::BoundaryData data =
+      zonara::timezone::openBoundaryData(zonara::timezone::BoundaryDataSearch::forThisProcess(), &error);
   if (data.index) {
     std::printf("Time-zone boundaries: %s, %zu zones, (c) OpenStreetMap contributors, ODbL (%s)\n",
                 data.index->release().c_str(), data.index->zoneCount(), data.path.c_str());
