@@ -75,8 +75,8 @@ typedef struct {
   char* code;
 } WPS_NameCode;
 
-/* A street address. Every text is a zero-terminated text in the process's
- * multibyte character set, never null (empty when unknown). `address_line`
+/* A street address. Every text is a zero-terminated UTF-8 text (whatever the
+ * process's locale), never null (empty when unknown). `address_line`
  * points to an array of texts ending with a null pointer, in the server's
  * order. */
 typedef struct {

@@ -5,6 +5,7 @@
 #include <sys/select.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -431,6 +432,17 @@ void* threadTrampoline(void* p) {
 }
 
 }  // namespace
+
+std::string XmlHttpRequest::hostOf(const std::string& url) {
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return {};
+  char* host = nullptr;
+  if (curl_url_get(parsed.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK || host == nullptr) return {};
+  std::string text(host);
+  curl_free(host);
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
 
 std::unique_ptr<XmlHttpRequest> XmlHttpRequest::newInstance() {
   CurlPlatformUtils::global_init();

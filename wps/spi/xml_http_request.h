@@ -57,6 +57,10 @@ class XmlHttpRequest {
   // A new libcurl request.
   [[nodiscard]] static std::unique_ptr<XmlHttpRequest> newInstance();
 
+  // The host name of an absolute URL, lower-cased (libcurl's URL parser);
+  // empty when `url` is not an absolute URL with a host. Any thread.
+  [[nodiscard]] static std::string hostOf(const std::string& url);
+
   // Sets the time-outs that requests opened from now on use: for establishing
   // the connection, and for the whole transfer. Values <= 0 restore the
   // defaults. Any thread.

@@ -17,8 +17,8 @@
 namespace WPS {
 namespace API {
 
-// A newly allocated (malloc), zero-terminated copy of `text`, in the process's
-// multibyte character set (the texts the library holds already are). Never
+// A newly allocated (malloc), zero-terminated copy of `text`, in UTF-8 (the
+// texts the library holds already are). Never
 // null; aborts like operator new when memory is exhausted. Release with free().
 [[nodiscard]] char* mbscpy(const std::string& text);
 

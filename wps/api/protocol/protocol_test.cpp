@@ -264,6 +264,19 @@ TEST(ResponseParsers, PositionsOutsideTheEarthAreRefused) {
   }
 }
 
+// A street name with non-ASCII letters arrives whole in a process that never
+// set a locale (the "C" locale, as in this test program).
+TEST(ResponseParsers, Utf8StreetNamesArriveWhole) {
+  const std::string street = "Marienplatz, M\xC3\xBCnchen";
+  Location loc;
+  ASSERT_TRUE(parseLocationRS(response("<location><latitude>48.137</latitude><longitude>11.575</longitude>"
+                                       "<street-address><address-line>" + street + "</address-line>"
+                                       "<city>M\xC3\xBCnchen</city></street-address></location>"),
+                              loc));
+  EXPECT_EQ(loc.streetAddress.addressLine, (std::vector<std::string>{street}));
+  EXPECT_EQ(loc.streetAddress.city, "M\xC3\xBCnchen");
+}
+
 TEST(ResponseParsers, ParseNameCodeLeavesOutputWithoutElement) {
   Location loc;
   loc.streetAddress.country = {"Keep", "KP"};
