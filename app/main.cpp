@@ -143,6 +143,12 @@ class HelperSensing final : public LocationSource {
         application_(application),
         settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS_DEFAULT_SERVER_URL)) {
     WpsLocationLibrary::setServerURL(settings_.positioningServerURL);
+    if (settings_.learnPlaces) {
+      const bool learning = LearnedPlaces(xdgDataHome() + "/Zonara").enable();
+      SystemLog("learned places: %s", learning ? "on" : "unavailable (no realm can be kept)");
+    } else {
+      SystemLog("learned places: off (LearnPlaces)");
+    }
     SystemLog("positioning server: %s",
               settings_.positioningServerURL.empty() ? "none" : settings_.positioningServerURL.c_str());
     // Tests and the demonstration present a link of their own as the

@@ -14,6 +14,7 @@ namespace zonara {
 namespace {
 
 constexpr const char* kUsernameKey = "telluroUsername";
+constexpr const char* kLearnedRealmKey = "learnedPlacesRealm";
 
 // The account file is a preferences domain named "Telluro" in its folder.
 std::unique_ptr<PreferencesDomain> accountDomain(const std::string& accountPath) {
@@ -55,6 +56,17 @@ std::string NewUUIDString() {
   char text[37];
   uuid_unparse_upper(uuid, text);
   return text;
+}
+
+std::string LearnedPlacesRealm(const std::string& accountPath, bool create) {
+  std::unique_ptr<PreferencesDomain> domain = accountDomain(accountPath);
+  std::optional<PrefValue> value = domain->copyValue(kLearnedRealmKey);
+  if (value && value->isString() && !value->asString().empty()) return value->asString();
+  if (!create) return {};
+  const std::string realm = NewUUIDString();
+  domain->setValue(kLearnedRealmKey, PrefValue::string(realm));
+  // A realm that is not kept would make every learned file unreadable later.
+  return domain->synchronize() ? realm : std::string();
 }
 
 std::unique_ptr<TelluroAuthentication> GetTelluroAuthentication(LocationLibrary& library,

@@ -72,6 +72,12 @@ void SetTelluroUsername(const std::string& accountPath, const std::string& name)
 // A fresh UUID in canonical upper-case form.
 [[nodiscard]] std::string NewUUIDString();
 
+// The realm of this installation's learned places, kept in the account file
+// under "learnedPlacesRealm": a random UUID, made and stored on first use
+// when `create` is set. Empty when there is none (and `create` is not set,
+// or it cannot be stored).
+[[nodiscard]] std::string LearnedPlacesRealm(const std::string& accountPath, bool create);
+
 // Authentication for a lookup: the stored user, else a newly registered
 // UUID, else "tamo". The record's fields point into the returned object,
 // which must outlive every use of `record`.

@@ -97,6 +97,18 @@ TEST_F(TelluroHelperTest, SetUsernameKeepsOtherKeys) {
   EXPECT_EQ(domain.copyValue("other"), PrefValue::integer(7));
 }
 
+TEST_F(TelluroHelperTest, LearnedPlacesRealmIsMadeOnceAndKeptBesideTheUserName) {
+  const std::string path = folder_ + "/Telluro.plist";
+  EXPECT_EQ(LearnedPlacesRealm(path, false), "");
+  SetTelluroUsername(path, "someone");
+  const std::string realm = LearnedPlacesRealm(path, true);
+  EXPECT_EQ(realm.size(), 36u);
+  EXPECT_EQ(LearnedPlacesRealm(path, true), realm);
+  EXPECT_EQ(LearnedPlacesRealm(path, false), realm);
+  EXPECT_EQ(GetTelluroUsername(path), "someone");
+  EXPECT_NE(LearnedPlacesRealm(folder_ + "/Other.plist", true), realm);
+}
+
 TEST_F(TelluroHelperTest, LookupUsesTheTileFolderAndNarrowsToLongitudeLatitudeFloats) {
   FakeLocationLibrary library;
   library.tilingResult = WPS_ERROR;

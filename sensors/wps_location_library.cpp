@@ -1,5 +1,9 @@
 #include "sensors/wps_location_library.h"
 
+#include <vector>
+
+#include "platform/file_system.h"
+
 namespace zonara {
 
 WPS_ReturnCode WpsLocationLibrary::registerUser(const WPS_SimpleAuthentication& registrar,
@@ -44,5 +48,36 @@ WPS_ReturnCode WpsLocationLibrary::ipLocation(double* longitude, double* latitud
 bool WpsLocationLibrary::usesAccounts() { return WPS_server_protocol() == WPS_PROTOCOL_XML; }
 
 void WpsLocationLibrary::setServerURL(const std::string& url) { (void)WPS_set_server_url(url.c_str()); }
+
+LearnedPlaces::LearnedPlaces(std::string dataFolder)
+    : folder_(dataFolder + "/Learned"), accountPath_(dataFolder + "/Telluro.plist") {}
+
+bool LearnedPlaces::enable() {
+  const std::string realm = LearnedPlacesRealm(accountPath_, true);
+  return !realm.empty() && WPS_set_learned_places(folder_.c_str(), realm.c_str()) == WPS_OK;
+}
+
+bool LearnedPlaces::open() {
+  const std::string realm = LearnedPlacesRealm(accountPath_, false);
+  return !realm.empty() && WPS_set_learned_places(folder_.c_str(), realm.c_str()) == WPS_OK;
+}
+
+LearnedPlaces::Counts LearnedPlaces::counts() {
+  Counts counts;
+  if (open()) (void)WPS_learned_places_count(&counts.accessPoints, &counts.places);
+  return counts;
+}
+
+unsigned long LearnedPlaces::forget() {
+  unsigned long forgotten = 0;
+  if (open()) (void)WPS_forget_learned_places(&forgotten);
+  (void)WPS_set_learned_places(nullptr, nullptr);
+  // What was set aside as unreadable was learned too.
+  std::vector<std::string> names;
+  if (folderEntries(folder_, &names) == 0) {
+    for (const std::string& name : names) (void)removeFile(folder_ + "/" + name);
+  }
+  return forgotten;
+}
 
 }  // namespace zonara

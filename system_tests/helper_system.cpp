@@ -344,6 +344,7 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
     p.setValue("IPLocationURL", PrefValue::string(gates_[Service::IPLocation]->url()));
   }
   p.setValue("ZonaraEnabled", PrefValue::boolean(true));
+  if (!options_.learnPlaces) p.setValue("LearnPlaces", PrefValue::boolean(false));
   if (!p.synchronize()) { fail("cannot write the preferences"); return; }
 
   setupWireless();

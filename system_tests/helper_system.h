@@ -98,6 +98,11 @@ class HelperSystem {
     // the IP address in the IP-location city), and no IP-location page is
     // configured. Otherwise it is the XML positioning server.
     bool geolocationApi = false;
+    // LearnPlaces. Off for runs that move between cities seconds apart:
+    // the library holds a fix younger than 20 s when a scan's access points
+    // all lie far from it (a momentary gating-out, in real travel), so a
+    // place answered on the computer would repeat the last city.
+    bool learnPlaces = true;
   };
 
   // Builds everything; check `ok()` (and `error()`) before use.

@@ -37,7 +37,10 @@
 #include "platform/preferences_store.h"
 #include "platform/sleep_watcher.h"
 #include "platform/zonara_names.h"
+#include "platform/xdg.h"
 #include "prefs/ZonaraPreferencesController.h"
+#include "sensors/location_sensing.h"
+#include "sensors/wps_location_library.h"
 #include "timezone/boundary_data.h"
 #include "timezone/geonames_client.h"
 #include "tools/timezone_command.h"
@@ -72,6 +75,7 @@ const char* const kUsage =
     "                             the zone and the metres to its nearest border\n"
     "  timezone [--border] -      the same for each \"LATITUDE LONGITUDE\" line\n"
     "                             of standard input, one answer per line\n"
+    "  forget                     delete every place the helper learned\n"
     "  --help                     this text\n";
 
 // A usage error: the problem and a pointer to the help, or the whole help
@@ -266,6 +270,11 @@ int statusCommand() {
     std::printf("Detected time zone: unavailable (the helper does not serve this session's bus)\n");
   }
   printTimeZoneSource();
+  PreferencesDomain helperPrefs(kPreferencesDomain);
+  const bool learning = LocationSensingSettings::fromPreferences(helperPrefs, WPS_DEFAULT_SERVER_URL).learnPlaces;
+  const LearnedPlaces::Counts learned = LearnedPlaces(xdgDataHome() + "/Zonara").counts();
+  std::printf("Learned places: %lu access points at %lu places%s\n", learned.accessPoints, learned.places,
+              learning ? "" : " (LearnPlaces is off: not used)");
   std::printf("Start at login: %s\n", prefs.shouldStartZonaraAtLogin() ? "on" : "off");
   std::printf("Setting the time zone without a password: %s\n", timezonePermission().c_str());
   std::printf("Preferences (%s):\n", kPreferencesDomain);
@@ -273,6 +282,12 @@ int statusCommand() {
   if (all.empty()) std::printf("  (none set)\n");
   for (const auto& [key, value] : all) std::printf("  %s = %s\n", key.c_str(), describe(value, true).c_str());
   return isRunning ? 0 : 3;
+}
+
+int forgetCommand() {
+  const unsigned long forgotten = LearnedPlaces(xdgDataHome() + "/Zonara").forget();
+  std::printf("Forgot %lu learned access point%s\n", forgotten, forgotten == 1 ? "" : "s");
+  return 0;
 }
 
 int startCommand(int argc, char** argv) {
@@ -370,6 +385,7 @@ int main(int argc, char** argv) {
   if (command == "start") return startCommand(argc, argv);
   if (command == "stop") return stopCommand(argc);
   if (command == "login") return loginCommand(argc, argv);
+  if (command == "forget") return argc == 2 ? forgetCommand() : usage("forget takes no arguments");
   if (command == "get") return getCommand(argc, argv);
   if (command == "set") return setCommand(argc, argv);
   if (command == "timezone") {
