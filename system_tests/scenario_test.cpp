@@ -383,6 +383,30 @@ TEST(ScenarioTest, GeolocationApiServerFindsTheZoneFromTheScan) {
   EXPECT_EQ(system.stopHelper(), 0);
 }
 
+// A place located once by the positioning server is located on the computer
+// the next time: with the server unreachable, a restarted helper finds the
+// same scan's position and zone in the learned files, and no request reaches
+// the server.
+TEST(ScenarioTest, AReturnToALearnedPlaceNeedsNoServer) {
+  HelperSystem::Options options;
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(20s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Europe/Paris"});
+  ASSERT_EQ(system.stopHelper(), 0);
+  const size_t firstVisit = system.geolocationServer().http().requestCount();
+  ASSERT_GE(firstVisit, 1u);
+  ASSERT_TRUE(std::filesystem::exists(system.supportFolder() + "/Learned/places.wps"));
+
+  system.setServiceUp(HelperSystem::Service::Positioning, false);
+  ASSERT_TRUE(system.startHelper()) << system.error();
+  ASSERT_TRUE(system.waitForLog("timezone = Europe/Paris", patience(20s))) << system.helperLogFile();
+  EXPECT_EQ(system.geolocationServer().http().requestCount(), firstVisit);
+  EXPECT_EQ(system.logCount("from the IP address"), 0u) << system.helperLogFile();
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
 // The server knows none of the access points: the helper asks the same
 // server where its IP address is, and takes that position as IP-based.
 TEST(ScenarioTest, GeolocationApiNotFoundFallsBackToTheServersIpLocation) {
