@@ -14,6 +14,7 @@
 
 #include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
+#include "wps/spi/preferences.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {
@@ -253,8 +254,12 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     // Only the web's protocols, whatever the configured URL says.
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
     // Server certificates are verified against the system's CA store: without
-    // that anyone on the network path could hand out a false position.
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
+    // that anyone on the network path could hand out a false position. Only
+    // a server the user named in the kSelfSignedServersKey preference (a
+    // positioning server of one's own with a self-signed certificate) is
+    // taken with a certificate no CA signed; its name must still match.
+    const bool selfSigned = SPI::hostListed(hostOf(url_), readLibraryPreference(kSelfSignedServersKey));
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, selfSigned ? 0L : 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
     configureMethod(e);
     if (maxResponseBytes_ != 0) {

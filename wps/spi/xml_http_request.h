@@ -54,6 +54,12 @@ class XmlHttpRequest {
 
   virtual ~XmlHttpRequest() = default;
 
+  // The preference (see preferences.h) naming servers, by host name, whose
+  // HTTPS certificate is accepted without a CA's signature (self-signed);
+  // names separated by commas or blanks. Every other HTTPS exchange is
+  // verified against the system's CA store.
+  static constexpr char kSelfSignedServersKey[] = "SelfSignedServers";
+
   // A new libcurl request.
   [[nodiscard]] static std::unique_ptr<XmlHttpRequest> newInstance();
 

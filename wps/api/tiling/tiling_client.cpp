@@ -1,9 +1,7 @@
 #include "wps/api/tiling/tiling_client.h"
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
-#include <sstream>
 
 #include "wps/api/protocol/location_client.h"
 #include "wps/api/protocol/protocol.h"
@@ -46,36 +44,11 @@ void ScanCache::clear() {
 
 // ---- Tile hosts ----
 
-namespace {
-
-std::string lowerCase(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
-// The kAllowedTileHostsKey preference: the program's domain first, then the
-// library's own.
-std::string allowedTileHostsPreference() {
-  std::optional<std::string> text = SPI::readStringPreference(SPI::Logger::applicationDomain(), kAllowedTileHostsKey);
-  if (!text) text = SPI::readStringPreference(SPI::kLibraryPreferencesDomain, kAllowedTileHostsKey);
-  return text.value_or(std::string());
-}
-
-}  // namespace
-
 bool tileUrlAllowed(const std::string& url, const std::string& serverHost, const std::string& allowedHosts) {
   if (url.find("://") == std::string::npos) return true;  // relative to the server
   const std::string host = XmlHttpRequest::hostOf(url);
   if (host.empty()) return false;
-  if (host == lowerCase(serverHost)) return true;
-  std::string list = allowedHosts;
-  std::replace(list.begin(), list.end(), ',', ' ');
-  std::istringstream names(list);
-  std::string name;
-  while (names >> name) {
-    if (name == "*" || lowerCase(name) == host) return true;
-  }
-  return false;
+  return SPI::hostListed(host, serverHost) || SPI::hostListed(host, allowedHosts);
 }
 
 // ---- FileDownloadQueue ----
@@ -96,7 +69,7 @@ bool FileDownloadQueue::start(const TileInfoList& tiles, unsigned long maxBytes)
   maxBytes_ = maxBytes;
   bytes_ = 0;
   stopped_ = false;
-  allowedHosts_ = allowedTileHostsPreference();
+  allowedHosts_ = SPI::readLibraryPreference(kAllowedTileHostsKey);
   next();
   return true;
 }
