@@ -4,9 +4,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/clock.h"
@@ -91,6 +94,37 @@ class Gate {
   std::mutex mu_;
   std::condition_variable cv_;
   bool open_ = false;
+};
+
+// Ends the test program with `message` unless dismissed (destroyed) within
+// `limit` of real time: for steps that a deadlock would block for good, so
+// that the test fails at once and says why instead of hanging.
+class Watchdog {
+ public:
+  Watchdog(std::chrono::milliseconds limit, std::string message)
+      : thread_([this, limit, message = std::move(message)] {
+          std::unique_lock<std::mutex> lock(mu_);
+          if (cv_.wait_for(lock, limit, [this] { return dismissed_; })) return;
+          std::fprintf(stderr, "%s\n", message.c_str());
+          std::fflush(stderr);
+          std::abort();
+        }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      dismissed_ = true;
+    }
+    cv_.notify_all();
+    thread_.join();
+  }
+  Watchdog(const Watchdog&) = delete;
+  Watchdog& operator=(const Watchdog&) = delete;
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool dismissed_ = false;
+  std::thread thread_;  // last: starts once the rest exists
 };
 
 // Reachability as a test sets it; `fails` makes the check itself fail.

@@ -270,7 +270,11 @@ TEST_F(TelluroSensorTest, RefreshTimeOutWhileTheFallbackWaitsForThePageLeavesThe
   // The fallback now waits for its first page; the time-out fires meanwhile.
   bool mainLoopRan = false;
   RunLoop::main().performAfterDelay(7500ms, [&] { mainLoopRan = true; });
-  testing::advanceMainLoop(clock_, 8000ms);
+  {
+    testing::Watchdog watchdog(10s, "the main loop is blocked: the refresh's time-out waits for the look-up, "
+                                    "which waits for the main thread (deadlock)");
+    testing::advanceMainLoop(clock_, 8000ms);
+  }
   EXPECT_TRUE(mainLoopRan);
   firstPageRefused.open();
   ASSERT_TRUE(testing::pumpUntil([&] { return sensor_->currentLongitude().has_value(); }));
