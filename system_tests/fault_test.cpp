@@ -68,10 +68,12 @@ std::string logLibraryToFile(HelperSystem& system) {
   return log;
 }
 
-// The helper's peak resident set with a 50 MB answer on offer: far below what
-// holding the answer would take (the sanitizer's shadow memory and
-// quarantine add about 30 MB to the helper's usual 21 MB).
-constexpr long kPeakBoundKiB = (testing::kAddressSanitizer ? 96 : 40) * 1024;
+// The helper's peak resident set with a 50 MB answer on offer: below what
+// holding the answer would take. Under the address sanitizer the helper's
+// usual peak is already about 100 MB (shadow memory, quarantine and the
+// workers' fake stacks), so its bound is looser; the plain build is the
+// sharper check.
+constexpr long kPeakBoundKiB = (testing::kAddressSanitizer ? 144 : 40) * 1024;
 
 // Answers that are not what a client expects.
 const std::string kNotXml = "<html><body>Service Temporarily Unavailable</body></html>";
