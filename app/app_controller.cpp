@@ -1,5 +1,6 @@
 #include "app/app_controller.h"
 
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 
@@ -18,6 +19,29 @@ AppController* g_controller = nullptr;
 
 const char* orNull(const std::optional<std::string>& s) { return s ? s->c_str() : "(null)"; }
 
+bool containsIgnoringCase(const std::string& text, const char* part) {
+  std::string lower = text;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return lower.find(part) != std::string::npos;
+}
+
+// Why a zone did not take, for the user: polkit's refusal (timedated asks for
+// a password the helper cannot give) with the way to allow it, or else what
+// the command said.
+std::string refusalReason(const CommandResult& result, const std::string& polkitRulePath) {
+  const std::string& out = result.output;
+  if (containsIgnoringCase(out, "authentication") || containsIgnoringCase(out, "authoriz") ||
+      containsIgnoringCase(out, "access denied") || containsIgnoringCase(out, "polkit")) {
+    const std::string rule = polkitRulePath.empty() ? "50-zonara-timezone.rules" : polkitRulePath;
+    return "the system asks for an administrator password (polkit). To let Zonara set the time zone, install its "
+           "rule: sudo install -m 644 " + rule + " /etc/polkit-1/rules.d/";
+  }
+  std::string firstLine = out.substr(0, out.find('\n'));
+  if (result.status == -1) return "the set-time-zone command could not be run" + (firstLine.empty() ? "" : " (" + firstLine + ")");
+  return "the set-time-zone command exited with status " + std::to_string(result.status) +
+         (firstLine.empty() ? " without changing it" : ": " + firstLine);
+}
+
 }  // namespace
 
 const std::vector<std::string>& AppController::defaultSetTimezoneCommand() {
@@ -32,6 +56,7 @@ AppController::AppController(Services services) : services_(std::move(services))
 
 AppController::~AppController() {
   for (RunLoop::TimerId id : timers_) services_.runLoop->cancelTimer(id);
+  if (preferencesObserver_) services_.distributedCenter->removeObserver(preferencesObserver_);
   if (sensorObserver_) services_.notificationCenter->removeObserver(sensorObserver_);
   if (shutdownObserver_) services_.distributedCenter->removeObserver(shutdownObserver_);
   if (g_controller == this) g_controller = nullptr;
@@ -73,6 +98,12 @@ std::unique_ptr<AppController> AppController::create(Services services) {
     return nullptr;
   }
 
+  // New preferences (another command, another service) deserve another try
+  // of a zone that did not take.
+  if (self->services_.distributedCenter) {
+    self->preferencesObserver_ = self->services_.distributedCenter->addObserver(
+        kPreferencesChangedNotification, [self](const DistributedNotification&) { self->refusal_.reset(); });
+  }
   self->sensorObserver_ = self->services_.notificationCenter->addObserver(
       kSensorNotification, [self](const Notification&) { self->telluroLocationChanged(); });
   self->timers_.push_back(self->services_.runLoop->performAfterDelay(0ms, [self] { self->setupNotificationController(); }));
@@ -107,14 +138,60 @@ void AppController::telluroLocationChanged() {
   std::optional<double> latitude = services_.location->currentLatitude();
   if (!longitude || !latitude) return;
   if (!isUsablePosition(*longitude, *latitude)) return;
+  const PositionQuality quality = services_.location->currentQuality().value_or(PositionQuality{});
+  SystemLog("looking up the zone at %s, %s (accuracy %.0f m, from the %s)",
+            GeoNamesClient::numberString(*latitude).c_str(), GeoNamesClient::numberString(*longitude).c_str(),
+            quality.accuracyMetres, positionSourceName(quality.source));
 
-  std::optional<std::string> zone = geolocationHelper().timezoneForLongitude(*longitude, *latitude);
-  SystemLog("foundtimezone for (%s, %s) = %s", GeoNamesClient::numberString(*latitude).c_str(),
-            GeoNamesClient::numberString(*longitude).c_str(), orNull(zone));
-  if (zone) foundTimezone(zone);
-  // The description depends on the position, which has just changed; clients
-  // read it again when they want it (it costs a look-up).
+  // The service may take minutes to answer (ten attempts, 30 s apart): ask on
+  // the worker, and decide there too (comparing clocks over a year takes a
+  // moment). The helper object is made here, from the preferences as they
+  // are now.
+  ZoneDecisionInput input{*latitude, *longitude, quality, services_.zones->systemTimeZoneName(), Clock::get().wallNow()};
+  worker_.post([this, helper = geolocationHelper(), input](const std::stop_token& stop) {
+    std::optional<std::string> zone = helper.timezoneForLongitude(input.longitude, input.latitude, stop);
+    if (stop.stop_requested()) return;
+    std::optional<ZoneDecision> decision;
+    if (zone && services_.boundaries) decision = decideZone(input, *services_.boundaries, *services_.zones);
+    worker_.deliver([this, input, zone, decision] { timezoneLookedUp(input.longitude, input.latitude, zone, decision); });
+  });
+}
+
+void AppController::timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,
+                                     const std::optional<ZoneDecision>& decision) {
+  SystemLog("foundtimezone for (%s, %s) = %s", GeoNamesClient::numberString(latitude).c_str(),
+            GeoNamesClient::numberString(longitude).c_str(), orNull(zone));
+  locatedZone_ = zone.value_or("(null)");
+  if (refusal_ && (refusal_->longitude != longitude || refusal_->latitude != latitude)) refusal_.reset();
+  if (zone && decision) {
+    decided(*zone, *decision);
+  } else if (zone) {
+    otherPossibleZone_.reset();
+    foundTimezone(zone);
+  }
+  // The description depends on the position, which has just changed.
   services_.server->propertiesChanged({}, {"CurrentLocation"});
+}
+
+void AppController::decided(const std::string& zone, const ZoneDecision& decision) {
+  std::string nearby;
+  for (const std::string& z : decision.nearbyZones) nearby += (nearby.empty() ? "" : ", ") + z;
+  SystemLog("decision: %s %s (%s; zones nearby: %s)", actionName(decision.action),
+            decision.zone.empty() ? "-" : decision.zone.c_str(), decision.reason.c_str(),
+            nearby.empty() ? "none" : nearby.c_str());
+  switch (decision.action) {
+    case ZoneDecision::Action::NoChange:
+      return;
+    case ZoneDecision::Action::Keep:
+      SystemLog("near a border: keeping %s", decision.zone.c_str());
+      otherPossibleZone_.reset();
+      foundTimezone(decision.zone);
+      return;
+    case ZoneDecision::Action::Apply:
+      otherPossibleZone_ = decision.otherPossibleZone;
+      foundTimezone(zone);
+      return;
+  }
 }
 
 void AppController::foundTimezone(const std::optional<std::string>& name) {
@@ -123,6 +200,10 @@ void AppController::foundTimezone(const std::optional<std::string>& name) {
   std::optional<std::string> zone = services_.zones->zoneName(*name);
   SystemLog("timezone = %s", orNull(zone));
   if (!zone || *zone != services_.zones->systemTimeZoneName()) {
+    if (refusedBefore(*name)) {
+      SystemLog("not setting %s again: the set-time-zone command did not apply it", name->c_str());
+      return;
+    }
     setDetectedTimezone(*name);
     return;
   }
@@ -155,12 +236,7 @@ std::vector<std::string> AppController::setTimezoneCommand() {
 
 void AppController::setDetectedTimezone(const std::string& name) {
   SystemLog("setDetectedTimezone: %s", name.c_str());
-
-  // The command's outcome is not examined: a failure shows in the system log
-  // of the tool itself, and the rest goes ahead as if it had worked.
-  std::vector<std::string> command = setTimezoneCommand();
-  command.push_back(name);
-  (void)services_.commandRunner->run(command);
+  if (!applySystemTimezone(name)) return;
 
   services_.distributedCenter->post(DistributedNotification{kClockNotification, "", {}});
 
@@ -179,6 +255,46 @@ void AppController::setDetectedTimezone(const std::string& name) {
   std::vector<ChangeObserver> observers = changeObservers_;
   for (const ChangeObserver& observer : observers) observer();
 }
+
+bool AppController::applySystemTimezone(const std::string& name) {
+  std::vector<std::string> command = setTimezoneCommand();
+  command.push_back(name);
+  const CommandResult result = services_.commandRunner->run(command);
+  // The command's word is not enough (a refused or stubbed command may still
+  // exit 0): the zone counts as set when the system reads it back.
+  const std::string systemZone = services_.zones->systemTimeZoneName();
+  const std::optional<std::string> wanted = services_.zones->zoneName(name);
+  if (wanted && *wanted == systemZone) {
+    refusal_.reset();
+    userToldOfRefusal_.clear();
+    return true;
+  }
+  zoneNotApplied(name, result, systemZone);
+  return false;
+}
+
+void AppController::zoneNotApplied(const std::string& name, const CommandResult& result,
+                                   const std::string& systemZone) {
+  std::string output = result.output;
+  while (!output.empty() && (output.back() == '\n' || output.back() == ' ')) output.pop_back();
+  SystemLogAt(LogPriority::Error,
+              "the system zone is still %s after the set-time-zone command for %s (exit status %d, output: %s)",
+              systemZone.empty() ? "unknown" : systemZone.c_str(), name.c_str(), result.status, output.c_str());
+  std::optional<double> longitude, latitude;
+  if (services_.location) {
+    longitude = services_.location->currentLongitude();
+    latitude = services_.location->currentLatitude();
+  }
+  refusal_ = Refusal{name, longitude, latitude};
+  if (userToldOfRefusal_ == name || !notificationController_) return;
+  userToldOfRefusal_ = name;
+  notificationController_->notifyWithTitle(kApplicationName,
+                                           "Could not change the time zone to " + name + ": " +
+                                               refusalReason(result, services_.polkitRulePath),
+                                           NotificationController::kTimezoneNotChanged);
+}
+
+bool AppController::refusedBefore(const std::string& name) const { return refusal_ && refusal_->zone == name; }
 
 std::optional<std::string> AppController::detectedTimezone() {
   SystemLog("requesting detectedTimezone... returning %s", orNull(detectedTimezone_));
@@ -202,14 +318,13 @@ std::string AppController::currentLocation() {
   std::optional<double> longitude = services_.location->currentLongitude();
   std::optional<double> latitude = services_.location->currentLatitude();
   if (!longitude || !latitude) return "Unknown";
-  std::optional<std::string> zone = geolocationHelper().timezoneForLongitude(*longitude, *latitude);
   // Positive (eastern) longitudes are labelled "W"; clients of this
   // property rely on that labelling, so it stays.
   const float lat = static_cast<float>(*latitude);
   const float lon = static_cast<float>(*longitude);
   char text[256];
   std::snprintf(text, sizeof text, "%s%3.4f, %s%3.4f (%s)", lat > 0 ? "N" : "S", std::fabs(lat),
-                lon > 0 ? "W" : "E", std::fabs(lon), orNull(zone));
+                lon > 0 ? "W" : "E", std::fabs(lon), orNull(locatedZone_));
   return text;
 }
 

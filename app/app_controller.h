@@ -10,9 +10,20 @@
 // (`telluroLocationChanged`), and schedules `setupNotificationController` for
 // the first run-loop pass and `setupSensor` 0.5 s later.
 //
-// Thread safety: main thread only. Every operation may block the main thread
-// (network look-ups, the set-time-zone command, a 1 s wait for the calendar
-// to quit), by design.
+// Applying a zone: the set-time-zone command runs, then the system's zone is
+// read again. Only when it became the new zone is the change stored,
+// announced (clock notification, "Timezone changed to: ...") and passed to the
+// observers. Otherwise the command's exit status and output are logged, the
+// user is told once why (for example that polkit asks for a password, and how
+// to install the rule that allows it), and the command is not run again for
+// that zone until the position or the preferences change or another zone is
+// found.
+//
+// Thread safety: main thread only. The time-zone look-ups (up to ten
+// requests, 30 s apart) run one after another on a worker thread and their
+// outcomes come back to the main thread in order; `CurrentLocation` answers
+// at once from the last position and the zone last found. The set-time-zone
+// command and the calendar's 1 s wait still run on the main thread.
 #pragma once
 
 #include <functional>
@@ -21,6 +32,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/background_worker.h"
 #include "platform/command_runner.h"
 #include "platform/dbus.h"
 #include "platform/desktop_notifier.h"
@@ -31,6 +43,7 @@
 #include "platform/time_zone_database.h"
 #include "platform/workspace.h"
 #include "platform/zonara_names.h"
+#include "app/zone_decision.h"
 #include "sensors/location_source.h"
 #include "timezone/geolocation_helper.h"
 
@@ -69,6 +82,9 @@ class AppController {
     std::string dataHome;
     // Image shown with user notifications; may be empty.
     std::string iconPath;
+    // The installed polkit rule that lets the user set the zone without a
+    // password, named when telling the user how to allow it; may be empty.
+    std::string polkitRulePath;
     LocationSource* location = nullptr;
     // Makes the sensor aggregator when `setupSensor` runs; null, or returning
     // null, leaves the helper without one.
@@ -97,19 +113,28 @@ class AppController {
   // Obtains the sensor aggregator and asks it for a first check 3.0 s later.
   void setupSensor();
 
-  // Resolves the zone at the current position and applies it.
+  // Looks up the zone at the current position on the worker; with boundary
+  // data the position's accuracy then decides what is done (`decideZone`:
+  // near a border with another clock the system's zone may be kept; a
+  // position worse than 100 km changes nothing). The outcome is applied on
+  // the main thread (`foundTimezone`) and "CurrentLocation" is announced as
+  // changed.
   void telluroLocationChanged();
+  // Whether a look-up is queued or running (tests).
+  [[nodiscard]] bool lookupInProgress() const { return worker_.busy(); }
   // Applies `name` when it differs from the system's zone; otherwise only
   // remembers it (without a change notification). nullopt does nothing.
   void foundTimezone(const std::optional<std::string>& name);
-  // Sets the system zone with the configured command, posts the clock
-  // notification, brings the calendar over when its time-zone support is on,
-  // stores the name and tells the change observers.
+  // Sets the system zone with the configured command; when the system's zone
+  // became `name`: posts the clock notification, brings the calendar over
+  // when its time-zone support is on, stores the name and tells the change
+  // observers (see above for a zone that did not take).
   void setDetectedTimezone(const std::string& name);
   // The zone last applied or confirmed (nullopt at start). Logs the read.
   [[nodiscard]] std::optional<std::string> detectedTimezone();
-  // "N48.8566, E2.3522 (Europe/Paris)" style description (see the .cpp), or
-  // "Unknown" without a position. Does its own look-up (blocking).
+  // "N48.8566, E2.3522 (Europe/Paris)" style description (see the .cpp) of
+  // the current position with the zone last found, or "Unknown" without a
+  // position. Does not look anything up.
   [[nodiscard]] std::string currentLocation();
   // Quits the running calendar application, if any, and waits 1 s for it.
   // True when one was found.
@@ -123,6 +148,11 @@ class AppController {
   // of strings, program first) or the default.
   [[nodiscard]] std::vector<std::string> setTimezoneCommand();
 
+  // Another zone the computer may be in, with another clock, found near the
+  // border when the zone was last applied (named in the change notification);
+  // nullopt when none was.
+  [[nodiscard]] const std::optional<std::string>& otherPossibleZone() const { return otherPossibleZone_; }
+
   [[nodiscard]] NotificationController* notificationController() const { return notificationController_.get(); }
   [[nodiscard]] LocationTrigger* sensorAggregator() const { return sensorAggregator_; }
 
@@ -130,6 +160,15 @@ class AppController {
   explicit AppController(Services services);
   [[nodiscard]] GeolocationHelper geolocationHelper() const;
   void createSupportFolders();
+  void timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,
+                        const std::optional<ZoneDecision>& decision);
+  // Acts on the decision for the zone `zone` looked up at the position.
+  void decided(const std::string& zone, const ZoneDecision& decision);
+  // Runs the set-time-zone command; true when the system's zone is `name`
+  // afterwards.
+  bool applySystemTimezone(const std::string& name);
+  void zoneNotApplied(const std::string& name, const CommandResult& result, const std::string& systemZone);
+  [[nodiscard]] bool refusedBefore(const std::string& name) const;
 
   Services services_;
   std::unique_ptr<NotificationController> notificationController_;
@@ -138,7 +177,22 @@ class AppController {
   std::vector<ChangeObserver> changeObservers_;
   DistributedNotificationCenter::ObserverId shutdownObserver_ = 0;
   NotificationCenter::ObserverId sensorObserver_ = 0;
+  DistributedNotificationCenter::ObserverId preferencesObserver_ = 0;
   std::vector<RunLoop::TimerId> timers_;
+  // The zone last found by a look-up ("(null)" when none was), for
+  // "CurrentLocation".
+  std::optional<std::string> locatedZone_;
+  std::optional<std::string> otherPossibleZone_;
+  // A zone the set-time-zone command did not apply, and the position it was
+  // found for: not tried again until one of them changes.
+  struct Refusal {
+    std::string zone;
+    std::optional<double> longitude, latitude;
+  };
+  std::optional<Refusal> refusal_;
+  std::string userToldOfRefusal_;  // the zone the user last heard could not be set
+  // Last: stopped first, while what its jobs deliver to still exists.
+  BackgroundWorker worker_;
 };
 
 }  // namespace zonara

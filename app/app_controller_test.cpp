@@ -19,6 +19,7 @@
 #include "platform/testing/fakes.h"
 #include "platform/testing/system_log_capture.h"
 #include "platform/testing/test_bus.h"
+#include "timezone/testing/built_boundary_file.h"
 #include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/testing/temp_dir.h"
 
@@ -46,11 +47,16 @@ class FakeLocation final : public LocationSource {
  public:
   std::optional<double> currentLongitude() const override { return longitude; }
   std::optional<double> currentLatitude() const override { return latitude; }
-  void set(double lat, double lon) {
+  std::optional<PositionQuality> currentQuality() const override {
+    return latitude ? std::optional<PositionQuality>(quality) : std::nullopt;
+  }
+  void set(double lat, double lon, PositionQuality q = {30, PositionSource::PositioningServer}) {
     latitude = lat;
     longitude = lon;
+    quality = q;
   }
   std::optional<double> longitude, latitude;
+  PositionQuality quality;
 };
 
 class FakeTrigger final : public LocationTrigger {
@@ -88,6 +94,13 @@ class AppControllerTest : public ::testing::Test {
     return c;
   }
   std::vector<std::string> commands() { return helper_.commands(); }
+  // Lets the controller's look-ups finish and their outcomes reach the main
+  // loop (the worker's pauses move virtual time by themselves).
+  static void settle(AppController& controller) {
+    ASSERT_TRUE(RunLoop::main().runUntil([&] { return !controller.lookupInProgress(); }, 10s));
+    while (RunLoop::main().runOnce()) {
+    }
+  }
   bool logged(const std::string& m) { return log_.has(m); }
   void setCalendar(std::optional<bool> support) {
     PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
@@ -123,7 +136,7 @@ class AppControllerTest : public ::testing::Test {
 TEST_F(AppControllerTest, StartUpMakesFoldersObservesAndSchedulesItsSteps) {
   auto controller = start();
   EXPECT_TRUE(fs::is_directory(root_ / "data/Zonara/Telluro Cache"));
-  EXPECT_EQ(distributed_.observerCount(), 1u);
+  EXPECT_EQ(distributed_.observerCount(), 2u);  // shutdown, preferences changed
   EXPECT_TRUE(server_.properties.count("DetectedTimezone") && server_.properties.count("CurrentLocation"));
   EXPECT_EQ(notifier_.shown, std::vector<std::string>{});  // not inside start-up itself
 
@@ -182,7 +195,7 @@ TEST_F(AppControllerTest, TheShutdownObserverIsInPlaceWhenTheNameIsTaken) {
     auto controller = AppController::create(s);
     EXPECT_EQ(controller != nullptr, !refuse);
     EXPECT_EQ(server.observersAtStart, 1u) << refuse;
-    EXPECT_EQ(distributed_.observerCount(), refuse ? 0u : 1u) << refuse;
+    EXPECT_EQ(distributed_.observerCount(), refuse ? 0u : 2u) << refuse;
   }
 }
 
@@ -209,7 +222,10 @@ TEST_F(AppControllerTest, FoundTimezoneAppliesOnlyRealChanges) {
       {"UTC", {}, 0, "UTC"},  // equal to the system zone: remembered only
       {"Europe/Paris", {"Europe/Paris"}, 1, "Europe/Paris"},
       {"Europe/Paris", {"Europe/Paris"}, 1, "Europe/Paris"},  // the system is on Paris now
-      {"Mars/Olympus", {"Europe/Paris", "Mars/Olympus"}, 2, "Mars/Olympus"},  // unknown: never equal
+      // Unknown: the command runs, but the system cannot be on it, so
+      // nothing is stored or announced, and it is not tried again.
+      {"Mars/Olympus", {"Europe/Paris", "Mars/Olympus"}, 1, "Europe/Paris"},
+      {"Mars/Olympus", {"Europe/Paris", "Mars/Olympus"}, 1, "Europe/Paris"},
   };
   for (const Case& c : cases) {
     controller->foundTimezone(c.found);
@@ -217,8 +233,8 @@ TEST_F(AppControllerTest, FoundTimezoneAppliesOnlyRealChanges) {
     EXPECT_EQ(changes, c.changesAfter) << c.found.value_or("nil");
     EXPECT_EQ(controller->detectedTimezone(), c.detectedAfter) << c.found.value_or("nil");
   }
-  EXPECT_EQ(distributed_.posted, std::vector<std::string>(2, AppController::kClockNotification));
-  EXPECT_EQ(server_.events, (std::vector<std::string>{"DetectedTimezone=Europe/Paris", "DetectedTimezone=Mars/Olympus"}));
+  EXPECT_EQ(distributed_.posted, std::vector<std::string>(1, AppController::kClockNotification));
+  EXPECT_EQ(server_.events, (std::vector<std::string>{"DetectedTimezone=Europe/Paris"}));
   EXPECT_TRUE(logged("called foundTimezone: (null)"));
   EXPECT_TRUE(logged("just going to set the ivar to UTC"));
   EXPECT_TRUE(logged("reading ivar as UTC"));
@@ -286,6 +302,7 @@ TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
     location_.latitude = c.lat;
     location_.longitude = c.lon;
     center_.post(kSensorNotification);
+    settle(*controller);
     EXPECT_EQ(http_.requestCount(), c.lookedUp ? 1u : 0u) << c.lat.value_or(-99) << "," << c.lon.value_or(-99);
     // Every look-up announces that the location description changed.
     EXPECT_EQ(std::count(server_.events.begin(), server_.events.end(), "CurrentLocation?"), c.lookedUp ? 1 : 0);
@@ -298,26 +315,38 @@ TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
 TEST_F(AppControllerTest, NoZoneFoundChangesNothingButTheLocation) {
   auto controller = start();
   http_.setHandler([](const HttpRequest&) { return HttpResponse(200, "<geonames><status value=\"10\"/></geonames>"); });
-  location_.set(48.85, 2.35);
+  location_.set(48.85, 2.35, {1200, PositionSource::DeviceTiles});
   controller->telluroLocationChanged();
+  settle(*controller);
+  EXPECT_TRUE(logged("looking up the zone at 48.85, 2.35 (accuracy 1200 m, from the device tiles)"));
   EXPECT_TRUE(logged("foundtimezone for (48.85, 2.35) = (null)"));
   EXPECT_EQ(server_.events, std::vector<std::string>{"CurrentLocation?"});
   EXPECT_FALSE(fs::exists(root_ / "commands"));
 }
 
-TEST_F(AppControllerTest, CurrentLocationDescribesThePositionWithItsZone) {
+// The description answers at once from the position and the zone last found;
+// it never asks the service itself.
+TEST_F(AppControllerTest, CurrentLocationDescribesThePositionWithTheZoneLastFound) {
   auto controller = start();
   EXPECT_EQ(controller->currentLocation(), "Unknown");
   struct Case {
     double lat, lon;
+    bool lookUp;
     const char* expected;
   };
-  for (const Case& c : std::vector<Case>{{-33.9, 151.2, "S33.9000, W151.2000 (Australia/Sydney)"},
-                                         {35.7, 139.7, "N35.7000, W139.7000 (Asia/Tokyo)"},
-                                         {48.8566, -2.3522, "N48.8566, E2.3522 (Europe/Paris)"},
-                                         {0.0, 0.0, "S0.0000, E0.0000 (Europe/Paris)"}}) {
+  for (const Case& c : std::vector<Case>{{-33.9, 151.2, false, "S33.9000, W151.2000 ((null))"},
+                                         {-33.9, 151.2, true, "S33.9000, W151.2000 (Australia/Sydney)"},
+                                         {35.7, 139.7, true, "N35.7000, W139.7000 (Asia/Tokyo)"},
+                                         {48.8566, -2.3522, true, "N48.8566, E2.3522 (Europe/Paris)"},
+                                         {0.0, 0.0, false, "S0.0000, E0.0000 (Europe/Paris)"}}) {
     location_.set(c.lat, c.lon);
+    const size_t requests = http_.requestCount();
+    if (c.lookUp) {
+      controller->telluroLocationChanged();
+      settle(*controller);
+    }
     EXPECT_EQ(controller->currentLocation(), c.expected);
+    EXPECT_EQ(http_.requestCount(), requests + (c.lookUp ? 1 : 0));
   }
   EXPECT_EQ(server_.properties.at("CurrentLocation")(), "S0.0000, E0.0000 (Europe/Paris)");
 }
@@ -328,11 +357,123 @@ TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
   location_.set(48.8566, 2.3522);
   center_.post(kSensorNotification);
   center_.post(kSensorNotification);  // same zone again: the system is there now
+  settle(*controller);
   location_.set(35.7, 139.7);
   center_.post(kSensorNotification);
+  settle(*controller);
   EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png",
                                                        "Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png",
                                                        "Zonara|Timezone changed to: Asia/Tokyo|Timezone changed|Zonara.png"}));
+}
+
+// With boundary data the position's accuracy decides: near the Quintana
+// Roo-Yucatan border the zone at the point is applied and the other named;
+// the system then stays there when the next position falls on the other side
+// of the border within its accuracy; a position worse than 100 km changes
+// nothing.
+TEST_F(AppControllerTest, BorderAwareDecisionsOnTheRealBoundaries) {
+  ZONARA_NEED_BOUNDARY_DATA(path);
+  std::string error;
+  std::unique_ptr<timezone::BoundaryIndex> index = timezone::BoundaryIndex::open(path, &error);
+  ASSERT_TRUE(index) << error;
+  prefs_->removeValue("TimezoneServiceURL");
+  ASSERT_TRUE(prefs_->synchronize());
+  AppController::Services s = services();
+  s.boundaries = index.get();
+  auto controller = AppController::create(s);
+  ASSERT_TRUE(controller);
+  RunLoop::main().runOnce();
+
+  location_.set(20.87, -87.55, {30000, PositionSource::LearnedPlaces});
+  controller->telluroLocationChanged();
+  settle(*controller);
+  EXPECT_TRUE(logged("looking up the zone at 20.87, -87.55 (accuracy 30000 m, from the learned places)"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"America/Cancun"});
+  EXPECT_EQ(notifier_.shown.back(),
+            "Zonara|Timezone changed to: America/Cancun (near a border: it may be America/Merida)|Timezone "
+            "changed|Zonara.png");
+
+  // Just across the border in Yucatan, as uncertain: the system's zone is
+  // among those possible and stays.
+  location_.set(20.87, -87.70, {30000, PositionSource::PositioningServer});
+  controller->telluroLocationChanged();
+  settle(*controller);
+  EXPECT_TRUE(logged("near a border: keeping America/Cancun"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"America/Cancun"});
+
+  location_.set(48.85, 2.35, {1000000, PositionSource::IPAddress});
+  controller->telluroLocationChanged();
+  settle(*controller);
+  EXPECT_TRUE(logged("decision: no change - (the position is only accurate to 1000 km (worse than 100 km); zones "
+                     "nearby: none)"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"America/Cancun"});
+  EXPECT_EQ(notifier_.shown.size(), 2u);
+}
+
+// A set-time-zone command that leaves the system's zone as it was -- refused
+// by polkit, or claiming success -- changes nothing the user sees but one
+// explanation; the same zone for the same place is not tried again until the
+// preferences change, and another place's zone is tried.
+TEST_F(AppControllerTest, AZoneTheCommandDidNotApplyIsExplainedOnceAndNotRetriedForTheSamePlace) {
+  struct Case {
+    const char* what;
+    std::string command;  // after recording its argument; the zone stays UTC
+    int status;
+    std::string reason;  // part of the explanation
+  };
+  const std::vector<Case> cases = {
+      {"refused by polkit", "echo 'Failed to set time zone: Interactive authentication required.' >&2; exit 1", 1,
+       "the system asks for an administrator password (polkit). To let Zonara set the time zone, install its rule: "
+       "sudo install -m 644 "
+       "/usr/share/polkit-1/rules.d/50-zonara-timezone.rules /etc/polkit-1/rules.d/"},
+      {"claims success", "exit 0", 0, "the set-time-zone command exited with status 0 without changing it"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    fs::remove(root_ / "commands");
+    notifier_.shown.clear();
+    distributed_.posted.clear();
+    log_.clear();
+    const std::string script = "printf '%s\\n' \"$1\" >> '" + (root_ / "commands").string() + "'; " + c.command;
+    prefs_->setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/sh"), PrefValue::string("-c"),
+                                                             PrefValue::string(script), PrefValue::string("set")}));
+    auto s = services();
+    s.polkitRulePath = "/usr/share/polkit-1/rules.d/50-zonara-timezone.rules";
+    auto controller = AppController::create(s);
+    ASSERT_TRUE(controller);
+    RunLoop::main().runOnce();  // the notification controller
+    const std::string explanation = "Zonara|Could not change the time zone to Europe/Paris: " + c.reason +
+                                    "|Timezone not changed|Zonara.png";
+
+    location_.set(48.8566, 2.3522);
+    for (int i = 0; i < 2; ++i) {
+      center_.post(kSensorNotification);
+      settle(*controller);
+    }
+    EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});
+    EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png", explanation}));
+    EXPECT_TRUE(distributed_.posted.empty());
+    EXPECT_EQ(controller->detectedTimezone(), std::nullopt);
+    EXPECT_EQ(log_.count("still UTC after the set-time-zone command for Europe/Paris (exit status " +
+                         std::to_string(c.status)),
+              1u);
+    EXPECT_TRUE(logged("not setting Europe/Paris again: the set-time-zone command did not apply it"));
+
+    // New preferences: tried again, the user is not told twice.
+    distributed_.post({kPreferencesChangedNotification, "SetTimezoneCommand", {}});
+    center_.post(kSensorNotification);
+    settle(*controller);
+    EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "Europe/Paris"}));
+    EXPECT_EQ(notifier_.shown.size(), 2u);
+
+    // Another place with another zone: tried, and explained.
+    location_.set(35.7, 139.7);
+    center_.post(kSensorNotification);
+    settle(*controller);
+    EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "Europe/Paris", "Asia/Tokyo"}));
+    ASSERT_EQ(notifier_.shown.size(), 3u);
+    EXPECT_NE(notifier_.shown[2].find("Could not change the time zone to Asia/Tokyo"), std::string::npos);
+  }
 }
 
 TEST_F(AppControllerTest, MissingIconIsLeftOut) {

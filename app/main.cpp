@@ -12,6 +12,7 @@
 #include "app/app_controller.h"
 #include "app/zonara_application.h"
 #include "platform/clock.h"
+#include "platform/file_system.h"
 #include "platform/processes.h"
 #include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
@@ -63,6 +64,17 @@ std::string iconPath() {
   return dir.substr(0, dir.rfind('/')) + "/share/zonara/Zonara.png";
 }
 
+// The polkit rule of the installation the helper runs from:
+// <prefix>/share/polkit-1/rules.d/50-zonara-timezone.rules for a helper under
+// <prefix>/lib/zonara/; "" when it cannot be found.
+std::string polkitRulePath() {
+  const std::string exe = currentExecutablePath();
+  const size_t lib = exe.rfind("/lib/zonara/");
+  if (lib == std::string::npos) return "";
+  std::string rule = exe.substr(0, lib) + "/share/polkit-1/rules.d/50-zonara-timezone.rules";
+  return isRegularFile(rule) ? rule : "";
+}
+
 // The link (or file) the system's current zone is read from. Tests and the
 // demonstration point ZONARA_LOCALTIME at a private link that their
 // set-time-zone command re-points, so the real system is never involved.
@@ -73,9 +85,10 @@ std::string localtimePath() {
 
 // The time-zone boundary data, opened once for the helper's lifetime; its
 // absence is logged (zones then come only from a configured service).
-timezone::BoundaryData openBoundaryData() {
+zonara::timezone::BoundaryData openBoundaryData() {
   std::string error;
-  timezone::BoundaryData data = timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  zonara::timezone::BoundaryData data =
+      zonara::timezone::openBoundaryData(zonara::timezone::BoundaryDataSearch::forThisProcess(), &error);
   if (data.index) {
     SystemLog("time-zone boundary data: %s (%s)", data.index->release().c_str(), data.path.c_str());
   } else {
@@ -116,7 +129,7 @@ struct PlatformServices {
   LinuxWorkspace workspace;
   DateTzDatabase zones{localtimePath()};
   CurlHttpFetcher fetcher;
-  const timezone::BoundaryData boundaries = openBoundaryData();
+  const zonara::timezone::BoundaryData boundaries = openBoundaryData();
 };
 
 // --- Location sensing -----------------------------------------------------------
@@ -130,6 +143,12 @@ class HelperSensing final : public LocationSource {
         application_(application),
         settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS_DEFAULT_SERVER_URL)) {
     WpsLocationLibrary::setServerURL(settings_.positioningServerURL);
+    if (settings_.learnPlaces) {
+      const bool learning = LearnedPlaces(xdgDataHome() + "/Zonara").enable();
+      SystemLog("learned places: %s", learning ? "on" : "unavailable (no realm can be kept)");
+    } else {
+      SystemLog("learned places: off (LearnPlaces)");
+    }
     SystemLog("positioning server: %s",
               settings_.positioningServerURL.empty() ? "none" : settings_.positioningServerURL.c_str());
     // Tests and the demonstration present a link of their own as the
@@ -179,6 +198,9 @@ class HelperSensing final : public LocationSource {
   std::optional<double> currentLatitude() const override {
     return sensing_ ? sensing_->telluroSensor().currentLatitude() : std::nullopt;
   }
+  std::optional<PositionQuality> currentQuality() const override {
+    return sensing_ ? sensing_->telluroSensor().currentQuality() : std::nullopt;
+  }
 
  private:
   PlatformServices& services_;
@@ -223,6 +245,7 @@ AppController::Services controllerServices(ZonaraApplication& application, Platf
   services.boundaries = platform.boundaries.index.get();
   services.preferences = &platform.preferences;
   services.iconPath = iconPath();
+  services.polkitRulePath = polkitRulePath();
   services.location = &sensing;
   services.sensorAggregator = [&sensing] { return sensing.start(); };
   return services;
@@ -253,6 +276,9 @@ int main() {
   application.setDelegate(controller.get());
 
   application.run();
+  // Requests still waiting on a slow server end now, so the workers that
+  // made them can be stopped at once.
+  platform.fetcher.abortTransfers();
   controller.reset();
   sleepWatch.reset();
   sensing.stop();

@@ -1,8 +1,7 @@
 #include "app/notification_controller.h"
 
-#include <unistd.h>
-
 #include "app/app_controller.h"
+#include "platform/file_system.h"
 #include "platform/zonara_names.h"
 
 namespace zonara {
@@ -15,13 +14,17 @@ NotificationController::NotificationController(AppController& controller, Deskto
 
 void NotificationController::timezoneDidChange() {
   std::string zone = controller_.detectedTimezone().value_or("(null)");
-  notifyWithTitle(kApplicationName, "Timezone changed to: " + zone, kTimezoneChanged);
+  std::string message = "Timezone changed to: " + zone;
+  if (const std::optional<std::string>& other = controller_.otherPossibleZone()) {
+    message += " (near a border: it may be " + *other + ")";
+  }
+  notifyWithTitle(kApplicationName, message, kTimezoneChanged);
 }
 
 void NotificationController::notifyWithTitle(const std::string& title, const std::string& message,
                                              const std::string& notificationName) {
   // A missing icon file means no icon, not a broken one.
-  std::string icon = (!iconPath_.empty() && access(iconPath_.c_str(), R_OK) == 0) ? iconPath_ : "";
+  std::string icon = (!iconPath_.empty() && isReadable(iconPath_)) ? iconPath_ : "";
   notifier_.notify(title, message, notificationName, icon);
 }
 

@@ -1,7 +1,7 @@
-// The helper's two messages to the user, shown through the desktop's
-// notification service: "Launched" at start-up and "Timezone changed to: %s"
-// after each applied change of the detected zone. Without a notification
-// service they are dropped silently.
+// The helper's messages to the user, shown through the desktop's
+// notification service: "Launched" at start-up, "Timezone changed to: %s"
+// after each applied change of the detected zone, and why a zone could not
+// be applied. Without a notification service they are dropped silently.
 //
 // Thread safety: main thread only.
 #pragma once
@@ -18,6 +18,7 @@ class NotificationController {
  public:
   static constexpr const char* kTimezoneChanged = "Timezone changed";
   static constexpr const char* kLaunched = "Zonara Launched";
+  static constexpr const char* kTimezoneNotChanged = "Timezone not changed";
 
   // Observes `controller`'s detected zone. Both arguments are borrowed and
   // must outlive this object; `iconPath` may name a missing file (then no

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -49,6 +51,8 @@ bool isRegularFile(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+bool isReadable(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
+
 bool isExecutableFile(const std::string& path) { return isRegularFile(path) && access(path.c_str(), X_OK) == 0; }
 
 std::optional<std::string> resolvedPath(const std::string& path) {
@@ -67,12 +71,27 @@ std::optional<std::string> readFile(const std::string& path) {
   return text.str();
 }
 
+namespace {
+
+// 0, or the errno of the failing write (EIO when it wrote nothing).
+int writeAll(int fd, const std::string& content) {
+  size_t done = 0;
+  while (done < content.size()) {
+    const ssize_t n = write(fd, content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n < 0 ? errno : EIO;
+    done += static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+}  // namespace
+
 int writeFileAtomically(const std::string& path, const std::string& content, unsigned mode) {
   const std::string tmp = path + ".tmp";
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) return errno;
-  int error = 0;
-  if (write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) error = errno ? errno : EIO;
+  int error = writeAll(fd, content);
   if (close(fd) != 0 && error == 0) error = errno;
   if (error == 0 && rename(tmp.c_str(), path.c_str()) != 0) error = errno;
   if (error != 0) unlink(tmp.c_str());
@@ -108,6 +127,34 @@ std::vector<std::string> findFolders(const std::string& path, const std::string&
   }
   std::sort(found.begin(), found.end());
   return found;
+}
+
+std::unique_ptr<MappedFile> MappedFile::open(const std::string& path, std::string* error) {
+  auto fail = [&](const std::string& why) -> std::unique_ptr<MappedFile> {
+    if (error) *error = path + ": " + why;
+    return nullptr;
+  };
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return fail(std::strerror(errno));
+  struct stat st{};
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    return fail("not a regular file");
+  }
+  const size_t size = static_cast<size_t>(st.st_size);
+  if (size == 0) {  // nothing to map
+    close(fd);
+    return std::unique_ptr<MappedFile>(new MappedFile(nullptr, 0));
+  }
+  void* data = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+  const int mapError = errno;
+  close(fd);  // the mapping keeps the file
+  if (data == MAP_FAILED) return fail(std::string("cannot map: ") + std::strerror(mapError));
+  return std::unique_ptr<MappedFile>(new MappedFile(static_cast<const uint8_t*>(data), size));
+}
+
+MappedFile::~MappedFile() {
+  if (data_ != nullptr) munmap(const_cast<uint8_t*>(data_), size_);
 }
 
 }  // namespace zonara

@@ -7,6 +7,9 @@
 // callers' affair.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +27,8 @@ int createFolders(const std::string& path);
 [[nodiscard]] bool pathExists(const std::string& path);
 [[nodiscard]] bool isFolder(const std::string& path);
 [[nodiscard]] bool isRegularFile(const std::string& path);
+// A file or folder this process may read.
+[[nodiscard]] bool isReadable(const std::string& path);
 // A regular file this process may execute.
 [[nodiscard]] bool isExecutableFile(const std::string& path);
 // The path with links, "." and ".." resolved; nullopt when it does not exist.
@@ -45,5 +50,27 @@ int folderEntries(const std::string& path, std::vector<std::string>* names);
 // skipping what cannot be read, not looking inside a folder found) whose
 // name ends with `suffix` and is longer than it, sorted.
 [[nodiscard]] std::vector<std::string> findFolders(const std::string& path, const std::string& suffix);
+
+// A regular file mapped into memory, read-only, for as long as the object
+// lives. The file may be replaced (renamed over) meanwhile: the mapping keeps
+// the old content.
+class MappedFile {
+ public:
+  // Maps the file; null with the reason in `*error` (when given) when it
+  // does not exist, is not a regular file or cannot be mapped. An empty
+  // file gives size 0 and no data.
+  [[nodiscard]] static std::unique_ptr<MappedFile> open(const std::string& path, std::string* error);
+  ~MappedFile();
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  [[nodiscard]] const uint8_t* data() const { return data_; }
+  [[nodiscard]] size_t size() const { return size_; }
+
+ private:
+  MappedFile(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  const uint8_t* const data_;
+  const size_t size_;
+};
 
 }  // namespace zonara

@@ -27,6 +27,11 @@ size_t append(char* data, size_t size, size_t count, void* user) {
   return n;
 }
 
+// Non-zero ends the transfer.
+int abortWhenAsked(void* aborted, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return static_cast<std::atomic<bool>*>(aborted)->load() ? 1 : 0;
+}
+
 struct CurlDeleter {
   void operator()(CURL* c) const { curl_easy_cleanup(c); }
 };
@@ -36,6 +41,7 @@ struct CurlDeleter {
 std::optional<std::string> CurlHttpFetcher::fetch(const std::string& url, std::chrono::milliseconds timeout) {
   static std::once_flag once;
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  if (aborted_) return std::nullopt;
   std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
   if (!curl) {
     SystemLogAt(LogPriority::Error, "request to %s failed: no HTTP handle", url.c_str());
@@ -59,6 +65,9 @@ std::optional<std::string> CurlHttpFetcher::fetch(const std::string& url, std::c
   curl_easy_setopt(curl.get(), CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(curl.get(), CURLOPT_SSL_VERIFYHOST, 2L);
   curl_easy_setopt(curl.get(), CURLOPT_USERAGENT, "Zonara");
+  curl_easy_setopt(curl.get(), CURLOPT_XFERINFOFUNCTION, &abortWhenAsked);
+  curl_easy_setopt(curl.get(), CURLOPT_XFERINFODATA, &aborted_);
+  curl_easy_setopt(curl.get(), CURLOPT_NOPROGRESS, 0L);
   const CURLcode code = curl_easy_perform(curl.get());
   if (body.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
     SystemLogAt(LogPriority::Error, "response from %s is larger than %zu bytes; ignored", url.c_str(), maxBodyBytes_);

@@ -3,6 +3,7 @@
 // Thread safety: any thread; `fetch` blocks the caller.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <optional>
@@ -32,8 +33,15 @@ class CurlHttpFetcher final : public HttpFetcher {
   explicit CurlHttpFetcher(size_t maxBodyBytes = kDefaultMaxBodyBytes) : maxBodyBytes_(maxBodyBytes) {}
   [[nodiscard]] std::optional<std::string> fetch(const std::string& url, std::chrono::milliseconds timeout) override;
 
+  // Ends every transfer in progress (within about a second: libcurl checks
+  // between reads and at least once a second while waiting) and makes every
+  // later fetch fail at once. For shutting down while a worker waits on a
+  // slow server. Any thread.
+  void abortTransfers() { aborted_ = true; }
+
  private:
   size_t maxBodyBytes_;
+  std::atomic<bool> aborted_{false};
 };
 
 }  // namespace zonara

@@ -8,6 +8,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <stop_token>
+#include <utility>
 
 #include "platform/thread_annotations.h"
 
@@ -48,6 +50,12 @@ class CondVar {
   template <typename Predicate>
   void wait(Mutex& mu, Predicate done) ZONARA_REQUIRES(mu) {
     while (!done()) cv_.wait(mu);
+  }
+  // Waits for a notification (or a spurious wake-up), as `wait(mu)` does;
+  // false instead, at once or while waiting, once `stop` is requested.
+  bool wait(Mutex& mu, const std::stop_token& stop) ZONARA_REQUIRES(mu) {
+    bool woken = false;
+    return cv_.wait(mu, stop, [&woken] { return std::exchange(woken, true); });
   }
   // False when `timeout` passed first (in real time; tests with a simulated
   // clock do not use this).

@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/system_log.h"
 #include "platform/xdg.h"
@@ -222,6 +223,7 @@ class Fd {
  public:
   explicit Fd(int fd = -1) : fd_(fd) {}
   ~Fd() { reset(); }
+  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   Fd(const Fd&) = delete;
   Fd& operator=(const Fd&) = delete;
   [[nodiscard]] int get() const { return fd_; }
@@ -306,6 +308,94 @@ std::string DirectoryOf(const std::string& path) {
   if (slash == std::string::npos) return ".";
   if (slash == 0) return "/";
   return path.substr(0, slash);
+}
+
+// Read-merge-write happens under an advisory lock on a companion file, so
+// that concurrent writers (other processes, or other objects for the same
+// domain) each see the others' keys. The lock file is never removed:
+// removing it would let two writers lock different files. The lock is held
+// until the descriptor returned closes; an invalid one (logged) when the
+// lock cannot be taken.
+Fd LockDomain(const std::string& name, const std::string& path) {
+  const std::string lockPath = path + ".lock";
+  Fd lockFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!lockFd.valid()) {
+    SystemLogAt(LogPriority::Error, "preferences %s: cannot open %s: %s", name.c_str(), lockPath.c_str(),
+                std::strerror(errno));
+    return lockFd;
+  }
+  while (::flock(lockFd.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      SystemLogAt(LogPriority::Error, "preferences %s: cannot lock %s: %s", name.c_str(), lockPath.c_str(),
+                  std::strerror(errno));
+      return Fd();
+    }
+  }
+  return lockFd;
+}
+
+// The file's values with the pending changes applied; `*anySet` tells
+// whether a change sets a value (rather than only removing keys).
+PrefValue::Dictionary Merged(const PrefValue::Dictionary& file,
+                             const std::map<std::string, std::optional<PrefValue>>& pending, bool* anySet) {
+  PrefValue::Dictionary merged = file;
+  for (const auto& [key, value] : pending) {
+    if (value) {
+      merged[key] = *value;
+      *anySet = true;
+    } else {
+      merged.erase(key);
+    }
+  }
+  return merged;
+}
+
+// Writes `bytes` to a new file beside the domain file (with the domain
+// file's permissions when it exists) and syncs it; its path, or nullopt
+// (logged, nothing left behind) when it cannot be written.
+std::optional<std::string> WriteTemporary(const std::string& name, const std::string& path,
+                                          const std::string& bytes) {
+  std::string tempPath = path + ".XXXXXX";
+  Fd tempFd(::mkostemp(tempPath.data(), O_CLOEXEC));
+  if (!tempFd.valid()) {
+    SystemLogAt(LogPriority::Error, "preferences %s: cannot create a temporary file in %s: %s", name.c_str(),
+                DirectoryOf(path).c_str(), std::strerror(errno));
+    return std::nullopt;
+  }
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0) (void)::fchmod(tempFd.get(), st.st_mode & 07777);
+  if (!WriteAll(tempFd.get(), bytes) || ::fsync(tempFd.get()) != 0) {
+    const int err = errno;
+    ::unlink(tempPath.c_str());
+    SystemLogAt(LogPriority::Error, "preferences %s: cannot write %s: %s", name.c_str(), tempPath.c_str(),
+                std::strerror(err));
+    return std::nullopt;
+  }
+  return tempPath;
+}
+
+// Keeps what could not be read beside the new file. A hard link keeps the
+// domain file in place until the rename that replaces it atomically.
+void KeepUnreadableFile(const std::string& name, const std::string& path) {
+  const std::string keptPath = path + ".corrupt";
+  ::unlink(keptPath.c_str());
+  if (::link(path.c_str(), keptPath.c_str()) != 0) (void)::rename(path.c_str(), keptPath.c_str());
+  SystemLogAt(LogPriority::Warning, "preferences %s: unreadable file kept as %s", name.c_str(), keptPath.c_str());
+}
+
+// Renames the written file over the domain file and makes the rename
+// durable; false (logged, the written file removed) when it fails.
+bool ReplaceDomainFile(const std::string& name, const std::string& path, const std::string& tempPath) {
+  if (::rename(tempPath.c_str(), path.c_str()) != 0) {
+    const int err = errno;
+    ::unlink(tempPath.c_str());
+    SystemLogAt(LogPriority::Error, "preferences %s: cannot replace %s: %s", name.c_str(), path.c_str(),
+                std::strerror(err));
+    return false;
+  }
+  Fd dirFd(::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dirFd.valid()) (void)::fsync(dirFd.get());
+  return true;
 }
 
 }  // namespace
@@ -425,37 +515,13 @@ bool PreferencesDomain::writeLocked() {
                 std::strerror(errno));
     return false;
   }
-  // Read-merge-write happens under an advisory lock on a companion file, so
-  // that concurrent writers (other processes, or other objects for the same
-  // domain) each see the others' keys. The lock file is never removed:
-  // removing it would let two writers lock different files.
-  const std::string lockPath = path_ + ".lock";
-  Fd lockFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  if (!lockFd.valid()) {
-    SystemLogAt(LogPriority::Error, "preferences %s: cannot open %s: %s", name_.c_str(), lockPath.c_str(),
-                std::strerror(errno));
-    return false;
-  }
-  while (::flock(lockFd.get(), LOCK_EX) != 0) {
-    if (errno != EINTR) {
-      SystemLogAt(LogPriority::Error, "preferences %s: cannot lock %s: %s", name_.c_str(), lockPath.c_str(),
-                  std::strerror(errno));
-      return false;
-    }
-  }
+  const Fd lock = LockDomain(name_, path_);
+  if (!lock.valid()) return false;
 
-  ReadResult current = ReadDomainFile(path_);
+  const ReadResult current = ReadDomainFile(path_);
   const bool corrupt = current.status == ReadStatus::Corrupt || current.status == ReadStatus::Unreadable;
-  PrefValue::Dictionary merged = current.dict;
   bool anySet = false;
-  for (const auto& [key, value] : pending_) {
-    if (value) {
-      merged[key] = *value;
-      anySet = true;
-    } else {
-      merged.erase(key);
-    }
-  }
+  const PrefValue::Dictionary merged = Merged(current.dict, pending_, &anySet);
   if (corrupt && !anySet) {
     // Removing keys from a file we cannot read changes nothing we can see;
     // the file stays as it is until a value is set.
@@ -468,43 +534,10 @@ bool PreferencesDomain::writeLocked() {
     return true;
   }
 
-  const std::string bytes = serializePropertyList(merged);
-  std::string tempPath = path_ + ".XXXXXX";
-  Fd tempFd(::mkostemp(tempPath.data(), O_CLOEXEC));
-  if (!tempFd.valid()) {
-    SystemLogAt(LogPriority::Error, "preferences %s: cannot create a temporary file in %s: %s", name_.c_str(),
-                dir.c_str(), std::strerror(errno));
-    return false;
-  }
-  struct stat st;
-  if (::stat(path_.c_str(), &st) == 0) (void)::fchmod(tempFd.get(), st.st_mode & 07777);
-  if (!WriteAll(tempFd.get(), bytes) || ::fsync(tempFd.get()) != 0) {
-    const int err = errno;
-    ::unlink(tempPath.c_str());
-    SystemLogAt(LogPriority::Error, "preferences %s: cannot write %s: %s", name_.c_str(), tempPath.c_str(),
-                std::strerror(err));
-    return false;
-  }
-  tempFd.reset();
-
-  if (corrupt) {
-    // Keep what could not be read beside the new file. A hard link keeps the
-    // domain file in place until the rename below replaces it atomically.
-    const std::string keptPath = path_ + ".corrupt";
-    ::unlink(keptPath.c_str());
-    if (::link(path_.c_str(), keptPath.c_str()) != 0) (void)::rename(path_.c_str(), keptPath.c_str());
-    SystemLogAt(LogPriority::Warning, "preferences %s: unreadable file kept as %s", name_.c_str(), keptPath.c_str());
-  }
-  if (::rename(tempPath.c_str(), path_.c_str()) != 0) {
-    const int err = errno;
-    ::unlink(tempPath.c_str());
-    SystemLogAt(LogPriority::Error, "preferences %s: cannot replace %s: %s", name_.c_str(), path_.c_str(),
-                std::strerror(err));
-    return false;
-  }
-  // Make the rename itself durable.
-  Fd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dirFd.valid()) (void)::fsync(dirFd.get());
+  const std::optional<std::string> tempPath = WriteTemporary(name_, path_, serializePropertyList(merged));
+  if (!tempPath) return false;
+  if (corrupt) KeepUnreadableFile(name_, path_);
+  if (!ReplaceDomainFile(name_, path_, *tempPath)) return false;
   pending_.clear();
   return true;
 }

@@ -12,6 +12,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/file_system.h"
+
 namespace zonara {
 namespace {
 
@@ -27,6 +29,25 @@ std::string readLink(const std::string& path) {
 std::string currentExecutablePath() { return readLink("/proc/self/exe"); }
 
 pid_t currentProcessId() { return getpid(); }
+
+std::optional<std::string> environmentValue(const std::string& name) {
+  const char* value = std::getenv(name.c_str());
+  if (value == nullptr) return std::nullopt;
+  return std::string(value);
+}
+
+std::optional<std::string> programOnPath(const std::string& program) {
+  if (program.empty()) return std::nullopt;
+  if (program.find('/') != std::string::npos) return program;
+  std::stringstream folders(environmentValue("PATH").value_or("/usr/local/bin:/usr/bin:/bin"));
+  std::string folder;
+  while (std::getline(folders, folder, ':')) {
+    if (folder.empty()) continue;
+    const std::string candidate = folder + "/" + program;
+    if (isExecutableFile(candidate)) return candidate;
+  }
+  return std::nullopt;
+}
 
 std::string ProcessTable::path(pid_t pid, const char* entry) const {
   return procRoot_ + "/" + std::to_string(pid) + "/" + entry;

@@ -17,6 +17,15 @@ namespace zonara {
 [[nodiscard]] std::string currentExecutablePath();
 [[nodiscard]] pid_t currentProcessId();
 
+// The value of this process's environment variable `name`; nullopt when it
+// is not set (an empty value is a value).
+[[nodiscard]] std::optional<std::string> environmentValue(const std::string& name);
+
+// Where the session would find `program`: a name with a slash as it is, a
+// bare name in the first folder of PATH (default "/usr/local/bin:/usr/bin:
+// /bin") that holds an executable file of that name; nullopt when none does.
+[[nodiscard]] std::optional<std::string> programOnPath(const std::string& program);
+
 // The processes of the machine as the proc file system shows them. `procRoot`
 // is its mount point (tests point it at a folder of their own). A process may
 // end at any moment: every read answers nullopt or "" then.

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <filesystem>
+#include <iterator>
 #include <fstream>
 
 namespace zonara {
@@ -73,20 +75,51 @@ std::string DateTzDatabase::systemTimeZoneName() {
   ssize_t n = readlink(localtimePath_.c_str(), target, sizeof target - 1);
   if (n > 0) {
     target[n] = '\0';
-    std::string path = target;
-    const std::string marker = "zoneinfo/";
-    auto pos = path.rfind(marker);
-    if (pos == std::string::npos) return "";
-    std::string name = path.substr(pos + marker.size());
-    return zoneName(name).value_or("");
+    if (std::optional<std::string> name = zoneNameOfPath(target)) return *name;
+    // A link to a file elsewhere: told by its contents, below.
   }
-  // Not a link: a file holding the zone's name (as /etc/timezone does), but
-  // not a compiled zone file.
   std::ifstream in(localtimePath_, std::ios::binary);
-  std::string line;
-  if (!in || !std::getline(in, line) || line.rfind("TZif", 0) == 0) return "";
+  std::string contents((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (!in && contents.empty()) return "";
+  // A compiled zone file copied into place: the zone whose file has the same
+  // bytes.
+  if (contents.rfind("TZif", 0) == 0) return zoneWithContents(contents).value_or("");
+  // Else a file holding the zone's name (as /etc/timezone does).
+  std::string line = contents.substr(0, contents.find('\n'));
   while (!line.empty() && (line.back() == ' ' || line.back() == '\r')) line.pop_back();
   return zoneName(line).value_or("");
+}
+
+std::optional<std::string> DateTzDatabase::zoneNameOfPath(const std::string& path) {
+  const std::string marker = "zoneinfo/";
+  const size_t pos = path.rfind(marker);
+  if (pos == std::string::npos) return std::nullopt;
+  std::string name = path.substr(pos + marker.size());
+  // The POSIX-time and leap-second trees hold the same zones under the same
+  // names.
+  for (const char* tree : {"posix/", "right/"}) {
+    if (name.rfind(tree, 0) == 0) name.erase(0, std::char_traits<char>::length(tree));
+  }
+  return zoneName(name);
+}
+
+std::optional<std::string> DateTzDatabase::zoneWithContents(const std::string& contents) {
+  namespace fs = std::filesystem;
+  // Zones are files, their other names mostly links to them: a zone file is
+  // preferred over a link with the same bytes ("Australia/Sydney", not
+  // "Australia/ACT").
+  std::optional<std::string> linked;
+  for (const std::string& known : knownTimeZoneNames()) {
+    const fs::path file = fs::path(zoneinfoFolder_) / known;
+    std::error_code ec;
+    if (fs::file_size(file, ec) != contents.size() || ec) continue;
+    std::ifstream in(file, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (bytes != contents) continue;
+    if (!fs::is_symlink(file, ec)) return zoneName(known);
+    if (!linked) linked = zoneName(known);
+  }
+  return linked;
 }
 
 }  // namespace zonara

@@ -31,11 +31,15 @@ class TimeZoneDatabase {
 };
 
 // date/tz over the operating system's zoneinfo. The current zone is read from
-// `localtimePath` (a symbolic link into a zoneinfo folder, or a text file
-// holding a zone name), so tests can present any system zone.
+// `localtimePath`: a symbolic link into a zoneinfo folder (its "posix/" and
+// "right/" trees included), a compiled zone file copied into place (the zone
+// whose file under `zoneinfoFolder` has the same bytes), or a text file
+// holding a zone name; so tests can present any system zone.
 class DateTzDatabase final : public TimeZoneDatabase {
  public:
-  explicit DateTzDatabase(std::string localtimePath = "/etc/localtime") : localtimePath_(std::move(localtimePath)) {}
+  explicit DateTzDatabase(std::string localtimePath = "/etc/localtime",
+                          std::string zoneinfoFolder = "/usr/share/zoneinfo")
+      : localtimePath_(std::move(localtimePath)), zoneinfoFolder_(std::move(zoneinfoFolder)) {}
 
   [[nodiscard]] std::vector<std::string> knownTimeZoneNames() override;
   [[nodiscard]] std::optional<std::string> zoneName(const std::string& name) override;
@@ -44,7 +48,11 @@ class DateTzDatabase final : public TimeZoneDatabase {
   [[nodiscard]] std::string systemTimeZoneName() override;
 
  private:
+  [[nodiscard]] std::optional<std::string> zoneNameOfPath(const std::string& path);
+  [[nodiscard]] std::optional<std::string> zoneWithContents(const std::string& contents);
+
   const std::string localtimePath_;
+  const std::string zoneinfoFolder_;
 };
 
 }  // namespace zonara

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "wps/spi/testing/temp_dir.h"
 
@@ -57,14 +58,48 @@ TEST(DateTzDatabaseTest, OffsetsAndAbbreviationsAtADate) {
   EXPECT_EQ(db.offsetAt("Mars/Olympus", utc(2026, 1, 1)), std::nullopt);
 }
 
-TEST(DateTzDatabaseTest, SystemZoneFromALinkOrANameFile) {
+// The forms /etc/localtime takes on real systems: a link into zoneinfo (or
+// its posix/ tree), a zone file copied into place, a name file; and what is
+// not a zone.
+TEST(DateTzDatabaseTest, SystemZoneFromALinkACopiedZoneFileOrANameFile) {
   testing::TempDir scratch("tzdb-");
   const fs::path dir = scratch.path();
-  fs::create_symlink("/usr/share/zoneinfo/Asia/Tokyo", dir / "localtime");
-  EXPECT_EQ(DateTzDatabase((dir / "localtime").string()).systemTimeZoneName(), "Asia/Tokyo");
-  std::ofstream(dir / "timezone") << "Europe/Berlin\n";
-  EXPECT_EQ(DateTzDatabase((dir / "timezone").string()).systemTimeZoneName(), "Europe/Berlin");
-  EXPECT_EQ(DateTzDatabase((dir / "missing").string()).systemTimeZoneName(), "");
+  auto link = [&](const std::string& name, const fs::path& target) {
+    fs::create_symlink(target, dir / name);
+    return dir / name;
+  };
+  auto copy = [&](const std::string& name, const fs::path& from) {
+    fs::copy_file(from, dir / name);
+    return dir / name;
+  };
+  auto text = [&](const std::string& name, const std::string& contents) {
+    std::ofstream(dir / name) << contents;
+    return dir / name;
+  };
+  std::string truncated;
+  {
+    std::ifstream in("/usr/share/zoneinfo/Asia/Tokyo", std::ios::binary);
+    truncated.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    truncated.resize(truncated.size() - 3);
+  }
+  struct Case {
+    fs::path localtime;
+    std::string expected;
+  };
+  const std::vector<Case> cases = {
+      {link("link", "/usr/share/zoneinfo/Asia/Tokyo"), "Asia/Tokyo"},
+      {link("posix", "/usr/share/zoneinfo/posix/Europe/Paris"), "Europe/Paris"},
+      {link("relative", "../usr/share/zoneinfo/America/New_York"), "America/New_York"},
+      {copy("copied", "/usr/share/zoneinfo/Australia/Sydney"), "Australia/Sydney"},
+      {link("link-to-copy", dir / "copied"), "Australia/Sydney"},
+      {text("name", "Europe/Berlin\n"), "Europe/Berlin"},
+      {text("truncated", truncated), ""},
+      {text("unknown", "Mars/Olympus\n"), ""},
+      {dir / "missing", ""},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(DateTzDatabase(c.localtime.string()).systemTimeZoneName(), c.expected) << c.localtime;
+  }
 }
 
 }  // namespace

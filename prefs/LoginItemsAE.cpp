@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/file_system.h"
+#include "platform/processes.h"
 #include "platform/system_log.h"
 #include "platform/xdg.h"
 
@@ -138,19 +139,9 @@ std::string quoteProgram(const std::string& path) {
   return q + "\"";
 }
 
-// A program named without a folder is found on PATH, as the session would.
-std::string resolveProgram(const std::string& program) {
-  if (program.empty() || program[0] == '/') return program;
-  const char* pathEnv = std::getenv("PATH");
-  std::stringstream dirs(pathEnv ? pathEnv : "/usr/local/bin:/usr/bin:/bin");
-  std::string dir;
-  while (std::getline(dirs, dir, ':')) {
-    if (dir.empty()) continue;
-    std::string candidate = dir + "/" + program;
-    if (isExecutableFile(candidate)) return candidate;
-  }
-  return program;
-}
+// A program named without a folder is found on PATH, as the session would;
+// "" when it is not there (no path to make a URL of).
+std::string resolveProgram(const std::string& program) { return programOnPath(program).value_or(""); }
 
 // Desktop-entry files of the folder, in file-name order.
 bool listEntryFiles(const std::string& folder, std::vector<std::string>& names) {
@@ -241,7 +232,7 @@ OSStatus LIAECopyLoginItems(std::unique_ptr<PrefValue::Array>* itemsPtr) {
     auto array = std::make_unique<PrefValue::Array>();
     for (const Item& item : items) {
       PrefValue::Dictionary d;
-      d[kLoginItemURL] = PrefValue::string(FileURLFromPath(item.program));
+      if (!item.program.empty()) d[kLoginItemURL] = PrefValue::string(FileURLFromPath(item.program));
       d[kLoginItemHidden] = PrefValue::boolean(item.hidden);
       array->push_back(PrefValue::dictionary(std::move(d)));
     }
@@ -268,9 +259,17 @@ OSStatus LIAEAddRefAtEnd(const FileRef* item, bool hideIt) {
   if (createFolders(folder) != 0) return kIOErr;
 
   // The entry is named after its program; a name already taken gets a number.
+  // Items are listed in file-name order, so a name that would sort before an
+  // existing entry follows the last one's name after a '~' (which sorts after
+  // ".desktop"): the new item comes last, as asked.
   std::string stem = baseName(program);
   for (char& c : stem) {
     if (c == ' ') c = '-';
+  }
+  std::vector<std::string> existing;
+  if (!listEntryFiles(folder, existing)) return kIOErr;
+  if (!existing.empty() && stem + ".desktop" <= existing.back()) {
+    stem = existing.back().substr(0, existing.back().size() - 8) + "~" + stem;
   }
   std::string file = folder + "/" + stem + ".desktop";
   for (int n = 2; pathExists(file); ++n) {

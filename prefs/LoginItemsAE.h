@@ -3,7 +3,9 @@
 // On Linux the login items are the XDG autostart entries of the user,
 // "$XDG_CONFIG_HOME/autostart/*.desktop" (default ~/.config/autostart), listed
 // in file-name order. Each item is handed out as a dictionary with two entries:
-//   "URL"    (string)  the file URL of the entry's program (its Exec command),
+//   "URL"    (string)  the file URL of the entry's program (its Exec command;
+//                      a bare name as found on PATH; absent when it is not
+//                      found there),
 //   "Hidden" (boolean) the program is to be started without showing a window.
 // XDG's own "Hidden" key means "this entry is deleted", so the item's hidden
 // flag is stored as "X-Zonara-Hidden"; entries with "Hidden=true", entries whose
@@ -62,8 +64,9 @@ OSStatus LIAECopyLoginItems(std::unique_ptr<PrefValue::Array>* itemsPtr);
 // a file URL of an existing file gives -43.
 OSStatus LIAEAddURLAtEnd(const std::string* item, bool hideIt);
 
-// Appends a login item for an existing file. A reference to a file that does
-// not exist gives -43.
+// Appends a login item for an existing file (its real path, links resolved),
+// listed after every existing item. A reference to a file that does not
+// exist gives -43.
 OSStatus LIAEAddRefAtEnd(const FileRef* item, bool hideIt);
 
 // Removes the login item at `itemIndex` (zero-based, as in the array of

@@ -28,14 +28,17 @@ class LoginItemsTest : public ::testing::Test {
     std::ofstream(dir_ + "/config/autostart/" + file) << body;
   }
 
-  // The (URL, Hidden) pairs of the current login items.
+  // The (URL, Hidden) pairs of the current login items ("" for an item
+  // without a URL).
   std::vector<std::pair<std::string, bool>> items() {
     std::unique_ptr<PrefValue::Array> array;
     EXPECT_EQ(LIAECopyLoginItems(&array), 0);
     std::vector<std::pair<std::string, bool>> out;
     if (!array) return out;
     for (const PrefValue& v : *array) {
-      out.emplace_back(v.asDictionary().at(kLoginItemURL).asString(), v.asDictionary().at(kLoginItemHidden).asBool());
+      auto url = v.asDictionary().find(kLoginItemURL);
+      out.emplace_back(url == v.asDictionary().end() ? "" : url->second.asString(),
+                       v.asDictionary().at(kLoginItemHidden).asBool());
     }
     return out;
   }
@@ -92,16 +95,35 @@ TEST_F(LoginItemsTest, ReadsForeignEntriesAsTheSessionWould) {
   writeEntry("5-link.desktop", "[Desktop Entry]\nType=Link\nURL=http://x\n");
   writeEntry("6-junk.desktop", "not a desktop entry\n");
   writeEntry("7-other-group.desktop", "[Desktop Action x]\nExec=/bin/false\n[Desktop Entry]\nType=Application\nExec=/bin/true\n");
+  writeEntry("8-not-on-path.desktop", "[Desktop Entry]\nType=Application\nExec=no-such-program-anywhere --x\n");
   writeEntry("notes.txt", "[Desktop Entry]\nType=Application\nExec=/bin/true\n");
 
   using Items = std::vector<std::pair<std::string, bool>>;
+  // A program that is not on PATH has no path, so no URL (never "file://name").
   EXPECT_EQ(items(), (Items{{FileURLFromPath(gone), false},
                             {"file:///opt/My%20App/run$x", true},
                             {FileURLFromPath("/usr/bin/sh"), false},
-                            {"file:///bin/true", false}}));
+                            {"file:///bin/true", false},
+                            {"", false}}));
   // Index 1 is the second listed item; the skipped files do not count.
   ASSERT_EQ(LIAERemove(1), 0);
-  EXPECT_EQ(items().size(), 3u);
+  EXPECT_EQ(items().size(), 4u);
+}
+
+// Items are listed in file-name order; a new one still comes last, whatever
+// its program is called.
+TEST_F(LoginItemsTest, ANewItemComesAfterTheExistingOnes) {
+  writeEntry("zz-other.desktop", "[Desktop Entry]\nType=Application\nExec=/bin/true\n");
+  FileRef first{makeProgram("a-helper")};
+  FileRef second{makeProgram("b-helper")};
+  FileRef last{makeProgram("zzz-helper")};
+  for (const FileRef* ref : {&first, &second, &first, &last}) ASSERT_EQ(LIAEAddRefAtEnd(ref, false), 0);
+  using Items = std::vector<std::pair<std::string, bool>>;
+  EXPECT_EQ(items(), (Items{{"file:///bin/true", false},
+                            {FileURLFromPath(first.path), false},
+                            {FileURLFromPath(second.path), false},
+                            {FileURLFromPath(first.path), false},
+                            {FileURLFromPath(last.path), false}}));
 }
 
 TEST_F(LoginItemsTest, AFolderThatCannotBeReadCannotMakeAList) {

@@ -1,7 +1,5 @@
 #include "prefs/ProcessManager.h"
 
-#include <cstdlib>
-
 #include "platform/bundle.h"
 
 namespace zonara {
@@ -23,8 +21,7 @@ bool LinuxProcessManager::inOurSession(pid_t pid, const std::string& ourBus) con
 
 void LinuxProcessManager::takeSnapshot() {
   snapshot_.clear();
-  const char* busEnv = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-  const std::string ourBus = busEnv ? busEnv : "";
+  const std::string ourBus = environmentValue("DBUS_SESSION_BUS_ADDRESS").value_or("");
   for (pid_t pid : processes_.userProcessIds()) {
     std::optional<uint64_t> ticks = processes_.startTicks(pid);
     if (!ticks) continue;  // ended while we looked

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -34,6 +35,15 @@ bool isPaneIdentifier(const Bundle& bundle) {
 
 // The absolute path with symbolic links resolved when it exists, else as given.
 std::string canonicalPath(const std::string& path) { return resolvedPath(path).value_or(path); }
+
+// Whether a login item runs `program` (a real path): its URL's path is
+// resolved too, so an entry that runs the program through a link counts.
+bool itemRuns(const PrefValue& item, const std::string& program) {
+  auto it = item.asDictionary().find(kLoginItemURL);
+  if (it == item.asDictionary().end() || !it->second.isString()) return false;
+  const std::string path = PathFromFileURL(it->second.asString());
+  return !path.empty() && canonicalPath(path) == program;
+}
 
 }  // namespace
 
@@ -327,14 +337,10 @@ std::string ZonaraPreferencesController::helperExecutableInPane() {
 bool ZonaraPreferencesController::shouldStartZonaraAtLogin() {
   const std::string program = helperExecutableInPane();
   if (program.empty()) return false;
-  const std::string url = FileURLFromPath(canonicalPath(program));
+  const std::string real = canonicalPath(program);
   std::unique_ptr<PrefValue::Array> items;
   if (LIAECopyLoginItems(&items) != 0) return false;
-  for (const PrefValue& item : *items) {
-    auto it = item.asDictionary().find(kLoginItemURL);
-    if (it != item.asDictionary().end() && it->second.asString() == url) return true;
-  }
-  return false;
+  return std::any_of(items->begin(), items->end(), [&](const PrefValue& item) { return itemRuns(item, real); });
 }
 
 bool ZonaraPreferencesController::setShouldStartZonaraAtLogin(bool enabled) {
@@ -346,13 +352,14 @@ bool ZonaraPreferencesController::setShouldStartZonaraAtLogin(bool enabled) {
 
 void ZonaraPreferencesController::setStartAtLogin(const std::string& path, bool enabled) {
   if (path.empty()) return;
-  // Login items hold their program's real path, so compare with that.
-  const std::string url = FileURLFromPath(canonicalPath(path));
+  // Both sides compared by real path: an entry running the program through a
+  // link is the same item.
+  const std::string real = canonicalPath(path);
+  const std::string url = FileURLFromPath(real);
   std::unique_ptr<PrefValue::Array> items;
   if (LIAECopyLoginItems(&items) == 0) {
     for (size_t i = 0; i < items->size(); ++i) {
-      auto it = (*items)[i].asDictionary().find(kLoginItemURL);
-      if (it == (*items)[i].asDictionary().end() || it->second.asString() != url) continue;
+      if (!itemRuns((*items)[i], real)) continue;
       if (!enabled) (void)LIAERemove(static_cast<int32_t>(i));
       return;
     }

@@ -318,6 +318,24 @@ TEST_F(ControllerTest, LoginItemIsAddedOnceAndRemoved) {
   ctl->setStartAtLogin("", true);  // nothing
   EXPECT_EQ(count(), 1u);
 
+  // An entry that runs the helper through a link (as the installed command
+  // on PATH does) is the helper's item: recognised, not added twice, removed.
+  const fs::path link = tmp_ / "zonara-helper";
+  fs::create_symlink(helper / "Contents/MacOS/ZonaraHelper", link);
+  const std::string linkURL = FileURLFromPath(link.string());
+  ASSERT_EQ(LIAEAddURLAtEnd(&otherURL, false), 0);
+  {
+    const fs::path autostart = tmp_ / "config/autostart";
+    std::ofstream(autostart / "zonara-helper.desktop")
+        << "[Desktop Entry]\nType=Application\nExec=" << link.string() << "\n";
+  }
+  EXPECT_TRUE(ctl->shouldStartZonaraAtLogin());
+  ASSERT_TRUE(ctl->setShouldStartZonaraAtLogin(true));
+  EXPECT_EQ(count(), 3u);  // the other item twice, the helper's once
+  ASSERT_TRUE(ctl->setShouldStartZonaraAtLogin(false));
+  EXPECT_FALSE(ctl->shouldStartZonaraAtLogin());
+  EXPECT_EQ(count(), 2u);
+
   // Without a pane there is nothing to add.
   EXPECT_FALSE(controller(&none, {})->setShouldStartZonaraAtLogin(true));
   EXPECT_FALSE(controller(&none, {})->shouldStartZonaraAtLogin());

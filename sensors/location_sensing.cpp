@@ -27,6 +27,8 @@ LocationSensingSettings LocationSensingSettings::fromPreferences(PreferencesDoma
   const std::optional<PrefValue> server = preferences.copyValue("PositioningServerURL");
   settings.positioningServerURL = server && server->isString() ? server->asString() : defaultServerURL;
   settings.ipLocationURL = text("IPLocationURL");
+  const std::optional<PrefValue> learn = preferences.copyValue("LearnPlaces");
+  settings.learnPlaces = !learn || learn->asBool();
   settings.reachabilityHost = text("ReachabilityHost");
   if (settings.reachabilityHost.empty()) settings.reachabilityHost = hostOfURL(settings.positioningServerURL);
   return settings;

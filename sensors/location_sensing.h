@@ -35,6 +35,7 @@ struct LocationSensingSettings {
   std::string positioningServerURL;  // "" = no positioning server
   std::string reachabilityHost;
   std::string ipLocationURL;
+  bool learnPlaces = true;  // LearnPlaces: keep what servers teach (default true)
 
   // Reads the keys above; a missing PositioningServerURL gives
   // `defaultServerURL`, and the reachability host defaults to the server's.

@@ -45,5 +45,27 @@ TEST(LocationSensingSettingsTest, PositioningServerFromThePreferences) {
   }
 }
 
+// LearnPlaces is on unless set to false.
+TEST(LocationSensingSettingsTest, LearnPlacesFromThePreferences) {
+  const struct {
+    const char* name;
+    std::optional<PrefValue> value;
+    bool expected;
+  } cases[] = {
+      {"missing: on", std::nullopt, true},
+      {"true", PrefValue::boolean(true), true},
+      {"false", PrefValue::boolean(false), false},
+      {"0", PrefValue::integer(0), false},
+      {"text NO", PrefValue::string("NO"), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    testing::TempDir scratch("sensing-settings-");
+    PreferencesDomain preferences("org.example.Test", scratch.path());
+    if (c.value) preferences.setValue("LearnPlaces", *c.value);
+    EXPECT_EQ(LocationSensingSettings::fromPreferences(preferences, kDefault).learnPlaces, c.expected);
+  }
+}
+
 }  // namespace
 }  // namespace zonara

@@ -4,9 +4,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/clock.h"
@@ -33,21 +36,17 @@ class FakeLocationLibrary final : public LocationLibrary {
     tilings.push_back(folder + " " + std::to_string(perSession) + " " + std::to_string(total));
     return tilingResult;
   }
-  WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
-                          double* latitude) override {
+  WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude, double* latitude,
+                          PositionQuality* quality) override {
     std::function<WPS_ReturnCode(double*, double*)> script;
     {
       std::lock_guard<std::mutex> lock(mu);
       users.push_back(std::string(authentication.username) + "@" + authentication.realm);
       lookupTimes.push_back(Clock::get().now());
       script = locate;
+      *quality = answerQuality;
     }
     return script ? script(longitude, latitude) : WPS_ERROR;
-  }
-  WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                    double* latitude, bool* ipBased) override {
-    *ipBased = wifiAnswerIsIpBased;
-    return location(authentication, longitude, latitude);
   }
   WPS_ReturnCode ipLocation(double* longitude, double* latitude) override {
     std::function<WPS_ReturnCode(double*, double*)> script;
@@ -69,7 +68,7 @@ class FakeLocationLibrary final : public LocationLibrary {
   WPS_ReturnCode tilingResult = WPS_OK;
   std::function<WPS_ReturnCode(double*, double*)> locate;
   std::function<WPS_ReturnCode(double*, double*)> locateIp;  // answers ipLocation (default: WPS_ERROR)
-  bool wifiAnswerIsIpBased = false;
+  PositionQuality answerQuality{30, PositionSource::PositioningServer};  // of every `locate` answer
   bool accounts = true;  // false: a server without accounts and tiles
   int ipLookups = 0;
   std::vector<std::string> registrations;
@@ -97,6 +96,37 @@ class Gate {
   bool open_ = false;
 };
 
+// Ends the test program with `message` unless dismissed (destroyed) within
+// `limit` of real time: for steps that a deadlock would block for good, so
+// that the test fails at once and says why instead of hanging.
+class Watchdog {
+ public:
+  Watchdog(std::chrono::milliseconds limit, std::string message)
+      : thread_([this, limit, message = std::move(message)] {
+          std::unique_lock<std::mutex> lock(mu_);
+          if (cv_.wait_for(lock, limit, [this] { return dismissed_; })) return;
+          std::fprintf(stderr, "%s\n", message.c_str());
+          std::fflush(stderr);
+          std::abort();
+        }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      dismissed_ = true;
+    }
+    cv_.notify_all();
+    thread_.join();
+  }
+  Watchdog(const Watchdog&) = delete;
+  Watchdog& operator=(const Watchdog&) = delete;
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool dismissed_ = false;
+  std::thread thread_;  // last: starts once the rest exists
+};
+
 // Reachability as a test sets it; `fails` makes the check itself fail.
 class FakeReachability final : public Reachability {
  public:
@@ -117,14 +147,28 @@ class FakeReachability final : public Reachability {
 class FakeFetcher final : public HttpFetcher {
  public:
   std::optional<std::string> fetch(const std::string& url, std::chrono::milliseconds timeout) override {
+    std::function<std::optional<std::string>(size_t)> answer;
+    size_t attempt = 0;
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      urls.push_back(url);
+      timeouts.push_back(timeout);
+      times.push_back(Clock::get().now());
+      if (!script) return body;
+      answer = script;
+      attempt = urls.size();
+    }
+    return answer(attempt);
+  }
+  [[nodiscard]] size_t fetchCount() {
     std::lock_guard<std::mutex> lock(mu);
-    urls.push_back(url);
-    timeouts.push_back(timeout);
-    times.push_back(Clock::get().now());
-    return body;
+    return urls.size();
   }
   std::mutex mu;
   std::optional<std::string> body;
+  // When set, answers instead of `body` (outside the lock), given the
+  // request's number counted from 1.
+  std::function<std::optional<std::string>(size_t)> script;
   std::vector<std::string> urls;
   std::vector<std::chrono::milliseconds> timeouts;
   std::vector<Clock::TimePoint> times;

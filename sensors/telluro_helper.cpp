@@ -14,6 +14,7 @@ namespace zonara {
 namespace {
 
 constexpr const char* kUsernameKey = "telluroUsername";
+constexpr const char* kLearnedRealmKey = "learnedPlacesRealm";
 
 // The account file is a preferences domain named "Telluro" in its folder.
 std::unique_ptr<PreferencesDomain> accountDomain(const std::string& accountPath) {
@@ -57,6 +58,17 @@ std::string NewUUIDString() {
   return text;
 }
 
+std::string LearnedPlacesRealm(const std::string& accountPath, bool create) {
+  std::unique_ptr<PreferencesDomain> domain = accountDomain(accountPath);
+  std::optional<PrefValue> value = domain->copyValue(kLearnedRealmKey);
+  if (value && value->isString() && !value->asString().empty()) return value->asString();
+  if (!create) return {};
+  const std::string realm = NewUUIDString();
+  domain->setValue(kLearnedRealmKey, PrefValue::string(realm));
+  // A realm that is not kept would make every learned file unreadable later.
+  return domain->synchronize() ? realm : std::string();
+}
+
 std::unique_ptr<TelluroAuthentication> GetTelluroAuthentication(LocationLibrary& library,
                                                                 const std::string& accountPath) {
   auto auth = std::make_unique<TelluroAuthentication>();
@@ -82,12 +94,21 @@ std::unique_ptr<TelluroAuthentication> GetTelluroAuthentication(LocationLibrary&
 }
 
 // One asynchronous lookup, shared by the lookup thread and the time-out
-// timer. `mu` makes "test finished/cancelled and deliver" one step.
+// timer. Whichever side claims the delivery first (under `mu`) delivers, after
+// letting go of `mu`: the callback may take long, wait for another thread or
+// start another lookup, and the other side must never wait for it.
 struct TelluroHelper::Context {
-  std::recursive_mutex mu;
+  Mutex mu;
   Callback callback;
-  bool finished = false;  // set by the lookup thread when it delivered
-  bool cancelled = false; // set by the time-out when it delivered
+  bool delivered ZONARA_GUARDED_BY(mu) = false;  // claimed by the lookup thread or the time-out
+
+  // True for the one caller that may deliver.
+  bool claimDelivery() {
+    MutexLock lock(mu);
+    if (delivered) return false;
+    delivered = true;
+    return true;
+  }
 };
 
 TelluroHelper::TelluroHelper(LocationLibrary& library, std::string dataFolder)
@@ -99,12 +120,12 @@ TelluroHelper::TelluroHelper(LocationLibrary& library, std::string dataFolder)
 TelluroHelper::~TelluroHelper() { waitForLookups(); }
 
 void TelluroHelper::waitForLookups() {
-  std::unique_lock<std::mutex> lock(mu_);
-  idle_.wait(lock, [this] { return running_ == 0; });
+  MutexLock lock(mu_);
+  while (running_ != 0) idle_.wait(mu_);
 }
 
 bool TelluroHelper::lookupsRunning() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return running_ > 0;
 }
 
@@ -119,14 +140,14 @@ std::optional<TelluroLocation> TelluroHelper::currentLocation() {
       SystemLog("*** WPS_tiling failed (%d)!\n\n", static_cast<int>(rc));
   }
   double longitude = 0, latitude = 0;
-  bool ipBased = false;
-  if (WPS_ReturnCode rc = library_.locationWithSource(auth->record, &longitude, &latitude, &ipBased); rc != WPS_OK) {
+  PositionQuality quality;
+  if (WPS_ReturnCode rc = library_.location(auth->record, &longitude, &latitude, &quality); rc != WPS_OK) {
     SystemLog("*** WPS_location failed (%i)!\n\n", static_cast<int>(rc));
     return std::nullopt;
   }
   // The position is kept in single precision: the library's doubles
   // narrowed to floats.
-  return TelluroLocation{singlePrecision(longitude), singlePrecision(latitude), ipBased};
+  return TelluroLocation{singlePrecision(longitude), singlePrecision(latitude), quality};
 }
 
 std::optional<TelluroLocation> TelluroHelper::ipLocation() {
@@ -135,14 +156,14 @@ std::optional<TelluroLocation> TelluroHelper::ipLocation() {
     SystemLog("*** WPS_ip_location failed (%i)!", static_cast<int>(rc));
     return std::nullopt;
   }
-  return TelluroLocation{longitude, latitude, true};
+  return TelluroLocation{longitude, latitude, {kUnstatedIPAccuracyMetres, PositionSource::IPAddress}};
 }
 
 void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSeconds) {
   auto context = std::make_shared<Context>();
   context->callback = std::move(callback);
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     ++running_;
   }
   const auto interval = std::chrono::milliseconds(static_cast<int64_t>(std::llround(timeoutSeconds * 1000.0)));
@@ -153,23 +174,14 @@ void TelluroHelper::reportCurrentLocationTo(Callback callback, double timeoutSec
 }
 
 void TelluroHelper::currentLocationLookup(const std::shared_ptr<Context>& context) {
-  std::optional<TelluroLocation> location = currentLocation();  // the slow part, outside the lock
-  {
-    std::lock_guard<std::recursive_mutex> lock(context->mu);
-    if (!context->cancelled) {
-      context->finished = true;
-      context->callback(location);
-    }
-  }
-  std::lock_guard<std::mutex> lock(mu_);
-  if (--running_ == 0) idle_.notify_all();
+  std::optional<TelluroLocation> location = currentLocation();
+  if (context->claimDelivery()) context->callback(location);
+  MutexLock lock(mu_);
+  if (--running_ == 0) idle_.notifyAll();
 }
 
 void TelluroHelper::currentLocationLookupTimeout(const std::shared_ptr<Context>& context) {
-  std::lock_guard<std::recursive_mutex> lock(context->mu);
-  if (context->finished || context->cancelled) return;
-  context->cancelled = true;
-  context->callback(std::nullopt);
+  if (context->claimDelivery()) context->callback(std::nullopt);
 }
 
 float TelluroHelper::calculateDistanceFrom(float fromLongitude, float fromLatitude, float toLongitude,

@@ -11,30 +11,33 @@
 //
 // Thread safety: every member may be called from any thread. Results of the
 // asynchronous lookup are delivered on the lookup's own thread (success or
-// failure of the lookup) or on the calling thread's run loop (time-out).
+// failure of the lookup) or on the calling thread's run loop (time-out); no
+// lock of the helper is held while a callback runs.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
+#include "platform/mutex.h"
+#include "sensors/location_source.h"
 #include "wps/api/wpsapi.h"
 
 namespace zonara {
 
 // A position in degrees. The library's results are narrowed to single
-// precision; the IP-location page's are kept as read. `ipBased` marks a
-// position found from the computer's IP address (the page, or a positioning
-// server that knew none of the access points): a city at best, where a Wi-Fi
-// position is a street.
+// precision; the IP-location page's are kept as read. `quality` says how far
+// to trust it: a position from the computer's IP address (the page, or a
+// positioning server that knew none of the access points) is a city at best,
+// where a Wi-Fi position is a street.
 struct TelluroLocation {
   double longitude = 0;
   double latitude = 0;
-  bool ipBased = false;
+  PositionQuality quality;
+  [[nodiscard]] bool ipBased() const { return quality.source == PositionSource::IPAddress; }
 };
 
 // The positioning library's public functions the lookup uses; a seam so
@@ -46,17 +49,12 @@ class LocationLibrary {
                                                     const WPS_SimpleAuthentication& user) = 0;
   [[nodiscard]] virtual WPS_ReturnCode tiling(const std::string& folder, unsigned long perSession,
                                               unsigned long total) = 0;
-  // On WPS_OK fills `longitude` and `latitude` (degrees).
+  // On WPS_OK fills `longitude` and `latitude` (degrees) and `quality` (the
+  // library's horizontal positioning error and what the position came from).
   [[nodiscard]] virtual WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                                double* latitude) = 0;
-  // As location(), and on WPS_OK tells whether the position was found from
-  // the IP address rather than from Wi-Fi (by default it never is).
-  [[nodiscard]] virtual WPS_ReturnCode locationWithSource(const WPS_SimpleAuthentication& authentication,
-                                                          double* longitude, double* latitude, bool* ipBased) {
-    *ipBased = false;
-    return location(authentication, longitude, latitude);
-  }
-  // The server's position for the computer's IP address (by default none).
+                                                double* latitude, PositionQuality* quality) = 0;
+  // The server's position for the computer's IP address (by default none);
+  // its accuracy is not stated.
   [[nodiscard]] virtual WPS_ReturnCode ipLocation(double* /*longitude*/, double* /*latitude*/) { return WPS_ERROR; }
   // False when the server has no accounts and no tiles (the geolocation
   // JSON API): lookups then neither register nor configure tiling.
@@ -70,6 +68,12 @@ class LocationLibrary {
 void SetTelluroUsername(const std::string& accountPath, const std::string& name);
 // A fresh UUID in canonical upper-case form.
 [[nodiscard]] std::string NewUUIDString();
+
+// The realm of this installation's learned places, kept in the account file
+// under "learnedPlacesRealm": a random UUID, made and stored on first use
+// when `create` is set. Empty when there is none (and `create` is not set,
+// or it cannot be stored).
+[[nodiscard]] std::string LearnedPlacesRealm(const std::string& accountPath, bool create);
 
 // Authentication for a lookup: the stored user, else a newly registered
 // UUID, else "tamo". The record's fields point into the returned object,
@@ -137,9 +141,9 @@ class TelluroHelper {
   LocationLibrary& library_;
   const std::string accountPath_;
   const std::string cacheFolder_;  // ends with exactly one '/'
-  std::mutex mu_;
-  std::condition_variable idle_;
-  int running_ = 0;
+  Mutex mu_;
+  CondVar idle_;
+  int running_ ZONARA_GUARDED_BY(mu_) = 0;
 };
 
 }  // namespace zonara

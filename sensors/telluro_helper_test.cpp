@@ -97,6 +97,18 @@ TEST_F(TelluroHelperTest, SetUsernameKeepsOtherKeys) {
   EXPECT_EQ(domain.copyValue("other"), PrefValue::integer(7));
 }
 
+TEST_F(TelluroHelperTest, LearnedPlacesRealmIsMadeOnceAndKeptBesideTheUserName) {
+  const std::string path = folder_ + "/Telluro.plist";
+  EXPECT_EQ(LearnedPlacesRealm(path, false), "");
+  SetTelluroUsername(path, "someone");
+  const std::string realm = LearnedPlacesRealm(path, true);
+  EXPECT_EQ(realm.size(), 36u);
+  EXPECT_EQ(LearnedPlacesRealm(path, true), realm);
+  EXPECT_EQ(LearnedPlacesRealm(path, false), realm);
+  EXPECT_EQ(GetTelluroUsername(path), "someone");
+  EXPECT_NE(LearnedPlacesRealm(folder_ + "/Other.plist", true), realm);
+}
+
 TEST_F(TelluroHelperTest, LookupUsesTheTileFolderAndNarrowsToLongitudeLatitudeFloats) {
   FakeLocationLibrary library;
   library.tilingResult = WPS_ERROR;
@@ -131,11 +143,13 @@ TEST_F(TelluroHelperTest, ServerWithoutAccountsIsOnlyAskedForTheLocationAndItsSo
     return WPS_OK;
   };
   TelluroHelper helper(library, folder_);
-  for (bool ipBased : {false, true}) {
-    library.wifiAnswerIsIpBased = ipBased;
+  for (PositionQuality quality : {PositionQuality{20, PositionSource::PositioningServer},
+                                  PositionQuality{120000, PositionSource::IPAddress}}) {
+    library.answerQuality = quality;
     std::optional<TelluroLocation> location = helper.currentLocation();
     ASSERT_TRUE(location);
-    EXPECT_EQ(location->ipBased, ipBased);
+    EXPECT_EQ(location->quality.source, quality.source);
+    EXPECT_EQ(location->quality.accuracyMetres, quality.accuracyMetres);
   }
   EXPECT_TRUE(library.registrations.empty());
   EXPECT_TRUE(library.tilings.empty());
@@ -152,7 +166,8 @@ TEST_F(TelluroHelperTest, ServerWithoutAccountsIsOnlyAskedForTheLocationAndItsSo
   std::optional<TelluroLocation> ip = helper.ipLocation();
   ASSERT_TRUE(ip);
   EXPECT_DOUBLE_EQ(ip->latitude, 48.85);
-  EXPECT_TRUE(ip->ipBased);
+  EXPECT_TRUE(ip->ipBased());
+  EXPECT_EQ(ip->quality.accuracyMetres, kUnstatedIPAccuracyMetres);
 }
 
 TEST(TelluroHelperDistance, FlatEarthInSinglePrecision) {

@@ -36,7 +36,7 @@ TelluroSensor::~TelluroSensor() {
   for (;;) {
     bool busy = helper_.lookupsRunning();
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       for (const Worker& w : workers_) busy = busy || !*w.done;
     }
     if (!busy) break;
@@ -45,6 +45,8 @@ TelluroSensor::~TelluroSensor() {
   }
   reapThreads(true);
   helper_.waitForLookups();
+  MutexLock lock(mu_);
+  for (RunLoop::TimerId id : pendingChecks_) RunLoop::main().cancelTimer(id);
 }
 
 TelluroHelper::Callback TelluroSensor::callbackTo(
@@ -55,41 +57,50 @@ TelluroHelper::Callback TelluroSensor::callbackTo(
 }
 
 std::optional<double> TelluroSensor::currentLongitude() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return currentLongitude_;
 }
 
 std::optional<double> TelluroSensor::currentLatitude() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return currentLatitude_;
 }
 
 void TelluroSensor::setPosition(std::optional<double> longitude, std::optional<double> latitude) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   currentLongitude_ = longitude;
   currentLatitude_ = latitude;
-  positionIsIpBased_ = false;
+  currentQuality_.reset();
 }
 
 void TelluroSensor::setPosition(const TelluroLocation& location) {
-  if (location.ipBased) {
-    SystemLog("position %s, %s is from the IP address", numberText(location.latitude).c_str(),
-              numberText(location.longitude).c_str());
-  }
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   currentLongitude_ = location.longitude;
   currentLatitude_ = location.latitude;
-  positionIsIpBased_ = location.ipBased;
+  currentQuality_ = location.quality;
 }
 
-bool TelluroSensor::positionIsIpBased() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return positionIsIpBased_;
+std::optional<PositionQuality> TelluroSensor::currentQuality() const {
+  MutexLock lock(mu_);
+  return currentQuality_;
 }
 
 void TelluroSensor::performLocationCheck() {
-  // The previous check must end first; simple polling by design.
-  while (!ready_) Clock::get().sleepFor(100ms);
+  // The previous check must end first: look again every 0.1 s, from a timer
+  // of the main run loop so that the main thread goes on meanwhile.
+  if (!ready_) {
+    MutexLock lock(mu_);
+    const std::shared_ptr<RunLoop::TimerId> id = std::make_shared<RunLoop::TimerId>(0);
+    *id = RunLoop::main().addTimer(100ms, false, [this, id] {
+      {
+        MutexLock lock(mu_);
+        std::erase(pendingChecks_, *id);
+      }
+      performLocationCheck();
+    });
+    pendingChecks_.push_back(*id);
+    return;
+  }
   ready_ = false;
   helper_.reportCurrentLocationQuickly(callbackTo(&TelluroSensor::finishQuickLocationCheck));
 }
@@ -104,7 +115,7 @@ void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation
   // Wait for the service to become reachable, giving up after 10 s.
   // The give-up time counts from now, however late its thread starts.
   const Clock::TimePoint giveUpAt = Clock::get().now() + 10000ms;
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   reapThreads(false);
   std::function<void()> bodies[] = {[this] { waitForConnectivity(); }, [this, giveUpAt] { createTimer(giveUpAt); }};
   for (std::function<void()>& body : bodies) {
@@ -117,8 +128,8 @@ void TelluroSensor::finishQuickLocationCheck(const std::optional<TelluroLocation
   }
 }
 
-// Joins finished workers (all of them with `all`); callers hold mu_ unless
-// `all` is set.
+// Joins finished workers (all of them with `all`). Callers hold mu_, but for
+// the destructor, when no other thread adds workers any more.
 void TelluroSensor::reapThreads(bool all) {
   for (auto it = workers_.begin(); it != workers_.end();) {
     if (all || *it->done) {
@@ -186,13 +197,14 @@ void TelluroSensor::finishFetch(const std::optional<TelluroLocation>& location) 
 void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location) {
   if (location) {
     setPosition(*location);
-    SystemLog("setting current longitude to %s, latitude to %s%s", numberText(location->longitude).c_str(),
-              numberText(location->latitude).c_str(), location->ipBased ? " (from the IP address)" : "");
+    SystemLog("setting current longitude to %s, latitude to %s (from the %s, accuracy %.0f m)",
+              numberText(location->longitude).c_str(), numberText(location->latitude).c_str(),
+              positionSourceName(location->quality.source), location->quality.accuracyMetres);
     trigger_.triggerNotification();
     return;
   }
   setPosition(std::nullopt, std::nullopt);
-  (void)performIPLocationCheckAndTrigger(true);
+  startIPLocationCheck();
 }
 
 void TelluroSensor::refreshLocation() {
@@ -207,10 +219,26 @@ void TelluroSensor::finishRefresh(const std::optional<TelluroLocation>& location
     setPosition(*location);
     return;
   }
-  (void)performIPLocationCheckAndTrigger(false);
+  startIPLocationCheck();
 }
 
-bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
+void TelluroSensor::startIPLocationCheck() {
+  // The page may take minutes (ten attempts, 30 s apart): on the worker, with
+  // the outcome handed to the main thread. The position it gives triggers
+  // the aggregator even when the silent refresh asked for it: by the time the
+  // page answers, the start-up's first check has usually gone by without a
+  // position, and the position would otherwise lie unused until the network
+  // changes. Within the quiet period the two triggers make one notification.
+  worker_.post([this](const std::stop_token& stop) {
+    std::optional<TelluroLocation> location = performIPLocationCheck(stop);
+    if (!location || shuttingDown_) return;
+    worker_.deliver([this, location] {
+      if (!shuttingDown_) triggerSensor(location);
+    });
+  });
+}
+
+std::optional<TelluroLocation> TelluroSensor::performIPLocationCheck(const std::stop_token& stop) {
   SystemLog("performing ip location");
   std::optional<TelluroLocation> location;
   if (!config_.ipLocationURL.empty()) {
@@ -218,9 +246,9 @@ bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
     std::string base = config_.ipLocationURL;
     while (!base.empty() && base.back() == '/') base.pop_back();
     const std::string url = base + kIPLocationPath;
-    for (int attempt = 0; attempt < 10 && !body && !shuttingDown_; ++attempt) {
+    for (int attempt = 0; attempt < 10 && !body && !stop.stop_requested(); ++attempt) {
       body = fetcher_.fetch(url, 10000ms);
-      if (!body) Clock::get().sleepFor(30000ms);
+      if (!body && !BackgroundWorker::pause(30000ms, stop)) break;
     }
     if (body) location = scrapeIPLocationPage(*body);
   } else {
@@ -228,13 +256,7 @@ bool TelluroSensor::performIPLocationCheckAndTrigger(bool trigger) {
     // back-off when it refuses.
     location = helper_.ipLocation();
   }
-  if (!location || shuttingDown_) return false;
-  if (trigger) {
-    RunLoop::performOnMainThread([this, location] { triggerSensor(location); }, true);
-  } else {
-    RunLoop::performOnMainThread([this, location] { finishRefresh(location); }, true);
-  }
-  return true;
+  return location;
 }
 
 std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::string& page) {
@@ -253,11 +275,11 @@ std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::st
   if (*next == '/') ++next;
   const double longitude = std::strtod(next, &end);
   if (end == next) return std::nullopt;
-  return TelluroLocation{longitude, latitude, true};
+  return TelluroLocation{longitude, latitude, {kUnstatedIPAccuracyMetres, PositionSource::IPAddress}};
 }
 
 TelluroStatus TelluroSensor::telluroStatus() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return TelluroStatus{currentLongitude_, currentLatitude_};
 }
 
@@ -272,14 +294,14 @@ bool TelluroSensor::statusIsEqualToStatus(const TelluroStatus& other) const {
 }
 
 void TelluroSensor::willSleep() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   sleepDate_ = Clock::get().wallNow();
 }
 
 void TelluroSensor::didWake() {
   std::optional<Clock::WallTime> slept;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     slept = sleepDate_;
     sleepDate_.reset();
   }

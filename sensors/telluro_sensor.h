@@ -8,13 +8,18 @@
 // on another thread with its own run loop) and asks again; failing that it
 // reads the IP-location page "<IPLocationURL>/app/locate_my_ip" (10
 // attempts, 10 s each, 30 s apart), or, with no page configured, asks the
-// positioning library once for the IP address's position. A new position
-// triggers the aggregator; a position from the IP address is marked so.
+// positioning library once for the IP address's position; either runs on a
+// worker thread, whose answer is handed to the main thread. A new position
+// triggers the aggregator, except the silent refresh's own (not from the IP
+// address), which is only stored; a position from the IP address is marked
+// so.
 //
 // Thread safety: `performLocationCheck`, `willSleep`, `didWake` and
 // `triggerSensor` on the main thread; the position accessors from any
 // thread. Lookup results arrive on lookup threads and are handled there or
-// handed to the main thread as described in the .cpp.
+// handed to the main thread as described in the .cpp. Nothing here blocks
+// the main thread for long: a check asked for while one is in progress waits
+// on a main-loop timer, the IP-location page is read on the worker.
 #pragma once
 
 #include <atomic>
@@ -25,15 +30,16 @@
 #include <thread>
 #include <vector>
 
+#include "platform/background_worker.h"
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
+#include "platform/mutex.h"
 #include "platform/reachability.h"
+#include "platform/run_loop.h"
 #include "sensors/location_source.h"
 #include "sensors/telluro_helper.h"
 
 namespace zonara {
-
-class RunLoop;
 
 // The positioning sensor's status: both set, or neither (no position).
 struct TelluroStatus {
@@ -82,22 +88,29 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   // LocationSource
   [[nodiscard]] std::optional<double> currentLongitude() const override;
   [[nodiscard]] std::optional<double> currentLatitude() const override;
-  // True when the current position was found from the IP address.
-  [[nodiscard]] bool positionIsIpBased() const;
+  [[nodiscard]] std::optional<PositionQuality> currentQuality() const override;
 
-  // The quick check: waits (polling every 0.1 s) until no check is in
-  // progress, then looks up with the 1.0 s time-out.
+  // The quick check: once no check is in progress (looked at every 0.1 s by
+  // a main-loop timer; the call itself returns at once), looks up with the
+  // 1.0 s time-out.
   void performLocationCheck() override;
   // Outcome of the quick check.
   void finishQuickLocationCheck(const std::optional<TelluroLocation>& location);
   // Stores a position and triggers the aggregator, or clears the position
-  // and falls back to the IP-location page. Main thread.
+  // and starts the IP-location fallback. Main thread.
   void triggerSensor(const std::optional<TelluroLocation>& location);
   // Outcome of the silent refresh: stores a position without triggering;
-  // without one, falls back to the page without triggering.
+  // without one, starts the fallback. Any thread.
   void finishRefresh(const std::optional<TelluroLocation>& location);
-  // The IP-location fallback. True when the page gave a position.
-  bool performIPLocationCheckAndTrigger(bool trigger);
+  // The IP-location fallback on the worker; a position it finds goes to
+  // `triggerSensor` on the main thread (stored, and the aggregator triggered).
+  void startIPLocationCheck();
+  // The page itself (or, without one, the positioning library's IP
+  // position), blocking: the position it gives, or nullopt after ten failed
+  // attempts or once `stop` is requested.
+  [[nodiscard]] std::optional<TelluroLocation> performIPLocationCheck(const std::stop_token& stop = {});
+  // Whether the IP-location fallback is queued or running (tests).
+  [[nodiscard]] bool ipLocationCheckRunning() const { return worker_.busy(); }
   // Reads "Latitude/Longitude ... class=output ... >LAT/LON" from a page.
   [[nodiscard]] static std::optional<TelluroLocation> scrapeIPLocationPage(const std::string& page);
 
@@ -122,7 +135,7 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   void createTimer(Clock::TimePoint giveUpAt);
   void fetchLocation();
   void finishFetch(const std::optional<TelluroLocation>& location);
-  void reapThreads(bool all);
+  void reapThreads(bool all) ZONARA_REQUIRES(mu_);
   // Wraps a member for the helper's callback; ignored while shutting down.
   TelluroHelper::Callback callbackTo(void (TelluroSensor::*method)(const std::optional<TelluroLocation>&));
 
@@ -133,17 +146,20 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   const Config config_;
 
   std::atomic<bool> ready_{true};
-  mutable std::mutex mu_;  // the position, sleepDate_, the threads
-  std::optional<double> currentLongitude_;
-  std::optional<double> currentLatitude_;
-  bool positionIsIpBased_ = false;
-  std::optional<Clock::WallTime> sleepDate_;
+  mutable Mutex mu_;
+  std::optional<double> currentLongitude_ ZONARA_GUARDED_BY(mu_);
+  std::optional<double> currentLatitude_ ZONARA_GUARDED_BY(mu_);
+  std::optional<PositionQuality> currentQuality_ ZONARA_GUARDED_BY(mu_);
+  std::optional<Clock::WallTime> sleepDate_ ZONARA_GUARDED_BY(mu_);
   struct Worker {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> done;
   };
-  std::vector<Worker> workers_;
+  std::vector<Worker> workers_ ZONARA_GUARDED_BY(mu_);
+  std::vector<RunLoop::TimerId> pendingChecks_;  // checks waiting for the one in progress
   std::atomic<bool> shuttingDown_{false};
+  // Last: stopped first, while everything its jobs use is still there.
+  BackgroundWorker worker_;
 };
 
 }  // namespace zonara

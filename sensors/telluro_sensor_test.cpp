@@ -56,6 +56,7 @@ class TelluroSensorTest : public ::testing::Test {
     sensor_ = std::make_unique<TelluroSensor>(*helper_, reachability_, fetcher_, trigger_,
                                               TelluroSensor::Config{"positioning.test", std::move(ipLocationURL)});
     helper_->waitForLookups();
+    finishIPLocationCheck();
     std::lock_guard<std::mutex> lock(library_.mu);
     library_.users.clear();
     library_.lookupTimes.clear();
@@ -64,6 +65,14 @@ class TelluroSensorTest : public ::testing::Test {
     fetcher_.urls.clear();
     fetcher_.timeouts.clear();
     fetcher_.times.clear();
+  }
+
+  // Lets the IP-location fallback on the worker end and what it hands to the
+  // main loop run.
+  void finishIPLocationCheck() {
+    EXPECT_TRUE(testing::pumpUntil([&] { return !sensor_->ipLocationCheckRunning(); }));
+    while (RunLoop::main().runOnce()) {
+    }
   }
 
   bool logged(const std::string& line) { return log_.has(line); }
@@ -130,7 +139,7 @@ TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthO
     EXPECT_EQ(library_.lookupTimes[1] - start, 1200ms);
   }
   EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
-  EXPECT_TRUE(logged("setting current longitude to 2.34999990463257, latitude to 48.8499984741211"));
+  EXPECT_TRUE(logged("setting current longitude to 2.34999990463257, latitude to 48.8499984741211 (from the positioning server, accuracy 30 m)"));
   // The first lookup's late answer is dropped, and the second lookup's 7.0 s
   // time-out (on a thread that never ran its loop) never fires.
   slowFirst.open();
@@ -171,6 +180,8 @@ TEST_F(TelluroSensorTest, FailedLookupFallsBackToTheIPLocationPage) {
   makeSensor("http://iplocation.test/");
   fetcher_.body = "<html><tr><td>Latitude/Longitude:</td>\n<td class=output align=left>45.5/-73.6</td></tr>";
   sensor_->triggerSensor(std::nullopt);
+  // The page is read on the worker and its position handed to the main loop.
+  ASSERT_TRUE(testing::pumpUntil([&] { return trigger_.count() == 1; }));
   EXPECT_TRUE(logged("performing ip location"));
   ASSERT_EQ(fetcher_.urls.size(), 1u);
   EXPECT_EQ(fetcher_.urls[0], "http://iplocation.test/app/locate_my_ip");
@@ -183,23 +194,30 @@ TEST_F(TelluroSensorTest, FailedLookupFallsBackToTheIPLocationPage) {
 TEST_F(TelluroSensorTest, WithoutAPageTheLibrarysIpLocationIsAskedOnceAndMarked) {
   makeSensor();
   sensor_->triggerSensor(std::nullopt);
+  finishIPLocationCheck();
   EXPECT_EQ(library_.ipLookups, 1);
   EXPECT_FALSE(sensor_->currentLongitude());
   EXPECT_EQ(trigger_.count(), 0u);
 
   library_.locateIp = [](double* lon, double* lat) { return at(lon, lat, 13.4, 52.5); };
   sensor_->triggerSensor(std::nullopt);
+  finishIPLocationCheck();
   EXPECT_EQ(library_.ipLookups, 2);
   EXPECT_TRUE(fetcher_.urls.empty());
+  ASSERT_TRUE(sensor_->currentLatitude());
   EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 52.5);
-  EXPECT_TRUE(sensor_->positionIsIpBased());
-  EXPECT_TRUE(logged("setting current longitude to 13.4, latitude to 52.5 (from the IP address)"));
-  EXPECT_TRUE(logged("position 52.5, 13.4 is from the IP address"));
+  ASSERT_TRUE(sensor_->currentQuality());
+  EXPECT_EQ(sensor_->currentQuality()->source, PositionSource::IPAddress);
+  EXPECT_EQ(sensor_->currentQuality()->accuracyMetres, kUnstatedIPAccuracyMetres);
+  EXPECT_TRUE(logged("setting current longitude to 13.4, latitude to 52.5 (from the IP address, accuracy 50000 m)"));
   EXPECT_EQ(trigger_.count(), 1u);
 
-  // A Wi-Fi position replaces it and is not marked.
-  sensor_->triggerSensor(TelluroLocation{13.41, 52.51});
-  EXPECT_FALSE(sensor_->positionIsIpBased());
+  // A Wi-Fi position replaces it with its own accuracy and source; no
+  // position, no quality.
+  sensor_->triggerSensor(TelluroLocation{13.41, 52.51, {35, PositionSource::LearnedPlaces}});
+  EXPECT_EQ(sensor_->currentQuality()->source, PositionSource::LearnedPlaces);
+  EXPECT_EQ(sensor_->currentQuality()->accuracyMetres, 35);
+  EXPECT_TRUE(logged("setting current longitude to 13.41, latitude to 52.51 (from the learned places, accuracy 35 m)"));
 }
 
 TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecondsApart) {
@@ -209,14 +227,87 @@ TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecond
   sensor_->triggerSensor(std::nullopt);
   EXPECT_FALSE(sensor_->currentLongitude());
   EXPECT_FALSE(sensor_->currentLatitude());
+  finishIPLocationCheck();
   EXPECT_EQ(trigger_.count(), 0u);
   ASSERT_EQ(fetcher_.times.size(), 10u);
   for (size_t i = 1; i < fetcher_.times.size(); ++i) EXPECT_EQ(fetcher_.times[i] - fetcher_.times[i - 1], 30000ms);
 
   // A page without the expected text gives nothing either.
   fetcher_.body = "<html>nothing here</html>";
-  EXPECT_FALSE(sensor_->performIPLocationCheckAndTrigger(true));
-  EXPECT_FALSE(sensor_->currentLongitude());
+  EXPECT_FALSE(sensor_->performIPLocationCheck());
+}
+
+// The silent refresh fails, its 7.0 s time-out fires on the main loop while
+// the IP-location fallback is waiting for the page, and the page answers
+// after the time-out (at the second attempt). The time-out finds the lookup
+// delivered and does nothing; the main loop keeps running throughout; the
+// page's position is stored and triggers once; the lookup was delivered once
+// (a second delivery would start a second fallback: a third request).
+TEST_F(TelluroSensorTest, RefreshTimeOutWhileTheFallbackWaitsForThePageLeavesTheMainLoopRunning) {
+  Gate lookupFails;
+  library_.locate = [&](double*, double*) {
+    lookupFails.wait();
+    return WPS_ERROR;
+  };
+  Gate firstPageRefused;
+  fetcher_.script = [&](size_t attempt) -> std::optional<std::string> {
+    if (attempt > 1) return "<td>Latitude/Longitude:</td><td class=output>35.7/139.7</td>";
+    firstPageRefused.wait();
+    return std::nullopt;
+  };
+  struct OpenAtEnd {
+    Gate& a;
+    Gate& b;
+    ~OpenAtEnd() {
+      a.open();
+      b.open();
+    }
+  } openAtEnd{lookupFails, firstPageRefused};
+  sensor_ = std::make_unique<TelluroSensor>(*helper_, reachability_, fetcher_, trigger_,
+                                            TelluroSensor::Config{"positioning.test", "http://iplocation.test"});
+  lookupFails.open();
+  ASSERT_TRUE(testing::pumpUntil([&] { return fetcher_.fetchCount() == 1; }));
+  // The fallback now waits for its first page; the time-out fires meanwhile.
+  bool mainLoopRan = false;
+  RunLoop::main().performAfterDelay(7500ms, [&] { mainLoopRan = true; });
+  {
+    testing::Watchdog watchdog(10s, "the main loop is blocked: the refresh's time-out waits for the look-up, "
+                                    "which waits for the main thread (deadlock)");
+    testing::advanceMainLoop(clock_, 8000ms);
+  }
+  EXPECT_TRUE(mainLoopRan);
+  firstPageRefused.open();
+  ASSERT_TRUE(testing::pumpUntil([&] { return sensor_->currentLongitude().has_value(); }));
+  EXPECT_DOUBLE_EQ(*sensor_->currentLongitude(), 139.7);
+  EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 35.7);
+  ASSERT_TRUE(testing::pumpUntil([&] { return !sensor_->ipLocationCheckRunning(); }));
+  testing::advanceMainLoop(clock_, 1000ms);
+  EXPECT_EQ(fetcher_.fetchCount(), 2u);
+  EXPECT_GE(fetcher_.times[1] - fetcher_.times[0], 30000ms);  // the pause, after the refused page
+  EXPECT_EQ(trigger_.count(), 1u);
+}
+
+// Checks asked for while one is in progress wait on the main loop, not in
+// the call: the call returns at once and each waiting check looks up once
+// the one in progress has ended.
+TEST_F(TelluroSensorTest, ChecksAskedForDuringACheckWaitWithoutBlockingTheCaller) {
+  makeSensor();
+  reachability_.flags = Reachability::kReachable | Reachability::kConnectionRequired;
+  sensor_->performLocationCheck();  // fails at once: the 10 s wait starts
+  helper_->waitForLookups();
+  ASSERT_FALSE(sensor_->ready());
+  sensor_->performLocationCheck();  // returns although the first has not ended
+  EXPECT_EQ(library_.lookupCount(), 1u);
+  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  testing::advanceMainLoop(clock_, 9800ms);
+  EXPECT_EQ(library_.lookupCount(), 1u);
+  // The first check gives up at 10 s; the waiting one then looks up. Time
+  // moves less than the 1.0 s time-out of that lookup from here on.
+  testing::advanceMainLoop(clock_, 700ms);
+  ASSERT_TRUE(testing::pumpUntil([&] { return sensor_->ready() || library_.lookupCount() == 2; }));
+  if (library_.lookupCount() < 2) testing::advanceMainLoop(clock_, 100ms);
+  ASSERT_TRUE(testing::pumpUntil([&] { return trigger_.count() == 1; }));
+  EXPECT_EQ(library_.lookupCount(), 2u);
 }
 
 TEST(TelluroSensorScrape, ReadsLatitudeThenLongitude) {
@@ -260,7 +351,7 @@ TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePosition) {
     bool kept;
   } cases[] = {{179000ms, true}, {180000ms, false}};
   for (const Case& c : cases) {
-    sensor_->triggerSensor(TelluroLocation{2.35, 48.85});
+    sensor_->triggerSensor(TelluroLocation{2.35, 48.85, {}});
     sensor_->willSleep();
     clock_.advance(c.slept);
     sensor_->didWake();
@@ -269,7 +360,7 @@ TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePosition) {
   EXPECT_TRUE(logged("clearing Telluro currentLongitutde/currentLatitude because it's been more than 2 minutes "
                      "since sleep occured"));
   // A wake without a sleep changes nothing.
-  sensor_->triggerSensor(TelluroLocation{2.35, 48.85});
+  sensor_->triggerSensor(TelluroLocation{2.35, 48.85, {}});
   clock_.advance(600000ms);
   sensor_->didWake();
   EXPECT_TRUE(sensor_->currentLongitude());
@@ -280,7 +371,7 @@ TEST_F(TelluroSensorTest, StatusComparison) {
   const TelluroStatus none{};
   EXPECT_TRUE(sensor_->statusIsEqualToStatus(none));
   EXPECT_FALSE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0, 20.0}));
-  sensor_->triggerSensor(TelluroLocation{10.0, 20.0});
+  sensor_->triggerSensor(TelluroLocation{10.0, 20.0, {}});
   EXPECT_FALSE(sensor_->statusIsEqualToStatus(none));
   EXPECT_TRUE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0 + 0.005 / 111.0, 20.0}));
   EXPECT_FALSE(sensor_->statusIsEqualToStatus(TelluroStatus{10.0 + 0.02 / 111.0, 20.0}));

@@ -1,6 +1,9 @@
 #include "sensors/wps_location_library.h"
 
+#include <vector>
+
 #include "platform/clock.h"
+#include "platform/file_system.h"
 
 namespace zonara {
 
@@ -13,20 +16,28 @@ WPS_ReturnCode WpsLocationLibrary::tiling(const std::string& folder, unsigned lo
   return WPS_tiling(folder.c_str(), perSession, total, nullptr, nullptr);
 }
 
-WPS_ReturnCode WpsLocationLibrary::location(const WPS_SimpleAuthentication& authentication, double* longitude,
-                                            double* latitude) {
-  bool ipBased = false;
-  return locationWithSource(authentication, longitude, latitude, &ipBased);
+namespace {
+
+PositionSource sourceOf(WPS_LocationSource source) {
+  switch (source) {
+    case WPS_SOURCE_IP_ADDRESS: return PositionSource::IPAddress;
+    case WPS_SOURCE_LEARNED: return PositionSource::LearnedPlaces;
+    case WPS_SOURCE_SERVER: return PositionSource::PositioningServer;
+    case WPS_SOURCE_WIFI: break;
+  }
+  return PositionSource::DeviceTiles;
 }
 
-WPS_ReturnCode WpsLocationLibrary::locationWithSource(const WPS_SimpleAuthentication& authentication,
-                                                      double* longitude, double* latitude, bool* ipBased) {
+}  // namespace
+
+WPS_ReturnCode WpsLocationLibrary::location(const WPS_SimpleAuthentication& authentication, double* longitude,
+                                            double* latitude, PositionQuality* quality) {
   WPS_Location* found = nullptr;
   const WPS_ReturnCode rc = WPS_location(&authentication, WPS_NO_STREET_ADDRESS_LOOKUP, &found);
   if (rc == WPS_OK && found) {
     *longitude = found->longitude;
     *latitude = found->latitude;
-    *ipBased = found->source == WPS_SOURCE_IP_ADDRESS;
+    *quality = PositionQuality{found->hpe, sourceOf(found->source)};
   }
   WPS_free_location(found);
   return rc == WPS_OK && !found ? WPS_ERROR : rc;
@@ -54,6 +65,37 @@ void WpsLocationLibrary::shareClock() {
       [](void*, long long milliseconds) { Clock::get().sleepFor(Clock::Duration(milliseconds)); },
   };
   (void)WPS_set_clock(&clock);
+}
+
+LearnedPlaces::LearnedPlaces(std::string dataFolder)
+    : folder_(dataFolder + "/Learned"), accountPath_(dataFolder + "/Telluro.plist") {}
+
+bool LearnedPlaces::enable() {
+  const std::string realm = LearnedPlacesRealm(accountPath_, true);
+  return !realm.empty() && WPS_set_learned_places(folder_.c_str(), realm.c_str()) == WPS_OK;
+}
+
+bool LearnedPlaces::open() {
+  const std::string realm = LearnedPlacesRealm(accountPath_, false);
+  return !realm.empty() && WPS_set_learned_places(folder_.c_str(), realm.c_str()) == WPS_OK;
+}
+
+LearnedPlaces::Counts LearnedPlaces::counts() {
+  Counts counts;
+  if (open()) (void)WPS_learned_places_count(&counts.accessPoints, &counts.places);
+  return counts;
+}
+
+unsigned long LearnedPlaces::forget() {
+  unsigned long forgotten = 0;
+  if (open()) (void)WPS_forget_learned_places(&forgotten);
+  (void)WPS_set_learned_places(nullptr, nullptr);
+  // What was set aside as unreadable was learned too.
+  std::vector<std::string> names;
+  if (folderEntries(folder_, &names) == 0) {
+    for (const std::string& name : names) (void)removeFile(folder_ + "/" + name);
+  }
+  return forgotten;
 }
 
 }  // namespace zonara

@@ -68,10 +68,12 @@ std::string logLibraryToFile(HelperSystem& system) {
   return log;
 }
 
-// The helper's peak resident set with a 50 MB answer on offer: far below what
-// holding the answer would take (the sanitizer's shadow memory and
-// quarantine add about 30 MB to the helper's usual 21 MB).
-constexpr long kPeakBoundKiB = (testing::kAddressSanitizer ? 96 : 40) * 1024;
+// The helper's peak resident set with a 50 MB answer on offer: below what
+// holding the answer would take. Under the address sanitizer the helper's
+// usual peak is already about 100 MB (shadow memory, quarantine and the
+// workers' fake stacks), so its bound is looser; the plain build is the
+// sharper check.
+constexpr long kPeakBoundKiB = (testing::kAddressSanitizer ? 144 : 40) * 1024;
 
 // Answers that are not what a client expects.
 const std::string kNotXml = "<html><body>Service Temporarily Unavailable</body></html>";
@@ -261,8 +263,8 @@ TEST(FaultTest, CorruptPreferencesAreLeftAloneAndTheRepairedFileWorksOnTheNextSt
 }
 
 // The set-time-zone command does not exist: the failure to run it is logged,
-// the helper carries on (it knows the zone it wanted), and once the command
-// exists the next change runs it.
+// the user is told, the helper carries on, and once the command exists the
+// next change runs it.
 TEST(FaultTest, MissingSetTimezoneCommandIsLoggedAndUsedOnceItExists) {
   HelperSystem system(scaled(10));
   const std::string missing = system.root() + "/bin/set-timezone-later";
@@ -270,7 +272,13 @@ TEST(FaultTest, MissingSetTimezoneCommandIsLoggedAndUsedOnceItExists) {
   ASSERT_TRUE(system.preferences().synchronize());
   START_SYSTEM(system);
   ASSERT_TRUE(system.waitForLog("cannot run " + missing, patience(15s))) << system.helperLogFile();
-  EXPECT_EQ(system.helperProperty("DetectedTimezone"), "Europe/Paris");
+  // Not applied, so not stored; the user is told why.
+  ASSERT_TRUE(system.waitForNotifications(2, patience(5s))) << system.helperLogFile();
+  EXPECT_NE(system.notificationTexts()[1].find("Could not change the time zone to Europe/Paris: the set-time-zone "
+                                               "command could not be run"),
+            std::string::npos)
+      << system.notificationTexts()[1];
+  EXPECT_EQ(system.helperProperty("DetectedTimezone"), "");
   EXPECT_TRUE(system.appliedZones().empty());
   EXPECT_EQ(system.systemZone(), "UTC");
   EXPECT_TRUE(system.helper()->running());

@@ -166,11 +166,13 @@ class HelperSystem::Buses {
       serviceSystem_ = DBusConnection::openAddress(system_.address(), &problem);
       if (serviceSession_ && serviceSystem_) {
         if (notificationService) notifications_ = std::make_unique<FakeNotificationService>(*serviceSession_);
-        if (!requestName(*serviceSystem_, "org.freedesktop.login1")) problem = "cannot own org.freedesktop.login1";
+        logind_ = std::make_unique<FakeLogind>(*serviceSystem_);
+        if (!logind_->ok()) problem = "cannot own org.freedesktop.login1";
       }
       started.set_value(problem);
       g_main_loop_run(loop_);
       notifications_.reset();
+      logind_.reset();
       serviceSession_.reset();
       serviceSystem_.reset();
       while (g_main_context_iteration(context_, FALSE)) {
@@ -188,18 +190,6 @@ class HelperSystem::Buses {
     if (loop_) g_main_loop_unref(loop_);
     if (context_) g_main_context_unref(context_);
     client_.reset();
-  }
-
-  static bool requestName(DBusConnection& bus, const char* name) {
-    GVariant* reply = g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                  "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", name, 4u),
-                                                  G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    guint32 result = 0;
-    if (reply) {
-      g_variant_get(reply, "(u)", &result);
-      g_variant_unref(reply);
-    }
-    return result == 1;  // primary owner
   }
 
   // Runs `body` on the services' thread and returns its result.
@@ -229,12 +219,14 @@ class HelperSystem::Buses {
   }
 
   bool prepareForSleep(bool sleeping) {
-    if (!serviceSystem_) return false;
-    // Emitting is thread-safe in GDBus; flushing makes sure it left.
-    const gboolean sent = g_dbus_connection_emit_signal(serviceSystem_->get(), nullptr, "/org/freedesktop/login1",
-                                                        "org.freedesktop.login1.Manager", "PrepareForSleep",
-                                                        g_variant_new("(b)", sleeping), nullptr);
-    return sent && g_dbus_connection_flush_sync(serviceSystem_->get(), nullptr, nullptr);
+    if (!thread_.joinable()) return false;
+    return onThread([this, sleeping] { return logind_ && logind_->prepareForSleep(sleeping); });
+  }
+
+  // Inhibitors taken so far and still held (thread-safe in the fake).
+  std::pair<size_t, size_t> sleepInhibitors() {
+    if (!logind_) return {0, 0};
+    return {logind_->inhibitors().size(), logind_->held()};
   }
 
   DBusConnection& client() { return *client_; }
@@ -254,6 +246,7 @@ class HelperSystem::Buses {
   std::unique_ptr<DBusConnection> serviceSession_;
   std::unique_ptr<DBusConnection> serviceSystem_;
   std::unique_ptr<FakeNotificationService> notifications_;
+  std::unique_ptr<FakeLogind> logind_;
 };
 
 // ---------------------------------------------------------------- system
@@ -351,6 +344,7 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
     p.setValue("IPLocationURL", PrefValue::string(gates_[Service::IPLocation]->url()));
   }
   p.setValue("ZonaraEnabled", PrefValue::boolean(true));
+  if (!options_.learnPlaces) p.setValue("LearnPlaces", PrefValue::boolean(false));
   if (!p.synchronize()) { fail("cannot write the preferences"); return; }
 
   setupWireless();
@@ -591,6 +585,8 @@ std::vector<std::string> HelperSystem::notificationTexts() const {
 bool HelperSystem::waitForNotifications(size_t count, std::chrono::milliseconds timeout) const {
   return waitUntil([&] { return notifications().size() >= count; }, timeout);
 }
+
+std::pair<size_t, size_t> HelperSystem::sleepInhibitors() const { return buses_->sleepInhibitors(); }
 
 bool HelperSystem::prepareForSleep(bool sleeping) { return buses_ && buses_->prepareForSleep(sleeping); }
 

@@ -5,7 +5,7 @@
 //   - HOME, XDG_CONFIG_HOME (config/), XDG_DATA_HOME (data/);
 //   - a private session bus with the desktop notification service
 //     (FakeNotificationService) and a private system bus with a stand-in
-//     logind (org.freedesktop.login1, able to emit PrepareForSleep), both
+//     logind (FakeLogind: PrepareForSleep, sleep inhibitors), both
 //     served from a thread of the harness;
 //   - loopback services, each behind a `ServiceGate` so a test can take it
 //     down and bring it back on the same address: the positioning server
@@ -98,6 +98,11 @@ class HelperSystem {
     // the IP address in the IP-location city), and no IP-location page is
     // configured. Otherwise it is the XML positioning server.
     bool geolocationApi = false;
+    // LearnPlaces. Off for runs that move between cities seconds apart:
+    // the library holds a fix younger than 20 s when a scan's access points
+    // all lie far from it (a momentary gating-out, in real travel), so a
+    // place answered on the computer would repeat the last city.
+    bool learnPlaces = true;
   };
 
   // Builds everything; check `ok()` (and `error()`) before use.
@@ -195,6 +200,9 @@ class HelperSystem {
 
   // ---- Sleep and wake: logind's PrepareForSleep(sleeping) on the system bus.
   [[nodiscard]] bool prepareForSleep(bool sleeping);
+  // Sleep inhibitors the stand-in logind handed out so far, and how many of
+  // them are still held.
+  [[nodiscard]] std::pair<size_t, size_t> sleepInhibitors() const;
 
   // ---- The helper on the session bus.
   [[nodiscard]] const std::string& sessionBusAddress() const;

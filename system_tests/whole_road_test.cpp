@@ -99,6 +99,9 @@ class WholeRoadTest : public ::testing::Test {
       std::optional<double> currentLatitude() const override {
         return *sensing ? (*sensing)->telluroSensor().currentLatitude() : std::nullopt;
       }
+      std::optional<PositionQuality> currentQuality() const override {
+        return *sensing ? (*sensing)->telluroSensor().currentQuality() : std::nullopt;
+      }
       std::unique_ptr<LocationSensing>* sensing = nullptr;
     } location;
     location.sensing = &sensing;

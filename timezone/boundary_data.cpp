@@ -1,10 +1,9 @@
 #include "timezone/boundary_data.h"
 
-#include <sys/stat.h>
-
-#include <cstdlib>
 #include <filesystem>
 
+#include "platform/file_system.h"
+#include "platform/processes.h"
 #include "platform/xdg.h"
 
 namespace zonara::timezone {
@@ -16,22 +15,15 @@ std::string inShare(const std::string& share) {
   return (fs::path(share) / "zonara" / BoundaryDataSearch::kFileName).string();
 }
 
-bool isRegularFile(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
 }  // namespace
 
 BoundaryDataSearch BoundaryDataSearch::forThisProcess() {
   BoundaryDataSearch search;
-  if (const char* path = std::getenv("ZONARA_TZ_DATA")) search.explicitPath = path;
+  search.explicitPath = environmentValue("ZONARA_TZ_DATA").value_or("");
   search.dataHome = xdgDataHome();
   search.dataDirs = xdgDataDirs();
   search.installPrefix = ZONARA_INSTALL_PREFIX;
-  std::error_code ec;
-  const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-  if (!ec) search.executablePath = exe.string();
+  search.executablePath = currentExecutablePath();
   return search;
 }
 

@@ -1,9 +1,5 @@
 #include "timezone/boundary_index.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -11,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "platform/file_system.h"
 #include "timezone/boundary_format.h"
 
 namespace zonara::timezone {
@@ -40,45 +37,6 @@ const std::array<std::string, 25>& oceanNames() {
 // The band of a longitude in [-180, 180]: UTC offset in hours.
 int oceanBand(double lon) { return std::clamp(int(std::floor((lon + 7.5) / 15)), -12, 12); }
 
-class Mapping {
- public:
-  Mapping() = default;
-  Mapping(const Mapping&) = delete;
-  Mapping& operator=(const Mapping&) = delete;
-  ~Mapping() {
-    if (data_) munmap(const_cast<uint8_t*>(data_), size_);
-  }
-  bool map(const std::string& path, std::string* error) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return fail(error, path + ": " + std::strerror(errno));
-    struct stat st{};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-      ::close(fd);
-      return fail(error, path + ": not a regular file");
-    }
-    size_ = size_t(st.st_size);
-    if (size_ < fmt::kHeaderSize) {
-      ::close(fd);
-      return fail(error, path + ": too short for a time-zone boundary file (" + std::to_string(size_) + " bytes)");
-    }
-    void* p = mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd, 0);
-    ::close(fd);
-    if (p == MAP_FAILED) return fail(error, path + ": cannot map: " + std::strerror(errno));
-    data_ = static_cast<const uint8_t*>(p);
-    return true;
-  }
-  const uint8_t* data() const { return data_; }
-  size_t size() const { return size_; }
-
- private:
-  static bool fail(std::string* error, std::string message) {
-    if (error) *error = std::move(message);
-    return false;
-  }
-  const uint8_t* data_ = nullptr;
-  size_t size_ = 0;
-};
-
 struct Span {
   const uint8_t* data = nullptr;
   size_t size = 0;
@@ -106,7 +64,7 @@ struct ZoneIds {
 // The mapped file, its validated sections and decoded names.
 class MappedBoundaryFile {
  public:
-  Mapping mapping;
+  std::unique_ptr<MappedFile> mapping;
   Span section[fmt::kSectionCount];
   uint32_t gridBits = 0;
   std::vector<std::string> names;
@@ -202,8 +160,8 @@ class Validator {
   }
 
   bool header() {
-    const uint8_t* d = f_.mapping.data();
-    size_t size = f_.mapping.size();
+    const uint8_t* d = f_.mapping->data();
+    size_t size = f_.mapping->size();
     if (std::memcmp(d, fmt::kMagic, sizeof fmt::kMagic) != 0) {
       if (error_) *error_ = "not a time-zone boundary file (wrong magic)";
       return false;
@@ -445,7 +403,14 @@ BoundaryIndex::~BoundaryIndex() = default;
 
 std::unique_ptr<BoundaryIndex> BoundaryIndex::open(const std::string& path, std::string* error) {
   auto file = std::make_unique<MappedBoundaryFile>();
-  if (!file->mapping.map(path, error)) return nullptr;
+  file->mapping = MappedFile::open(path, error);
+  if (!file->mapping) return nullptr;
+  if (file->mapping->size() < fmt::kHeaderSize) {
+    if (error) {
+      *error = path + ": too short for a time-zone boundary file (" + std::to_string(file->mapping->size()) + " bytes)";
+    }
+    return nullptr;
+  }
   std::string why;
   if (!Validator(*file, &why).run()) {
     if (error) *error = path + ": " + why;

@@ -13,6 +13,7 @@
 #include <iterator>
 #include <limits>
 
+#include "wps/spi/testing/temp_dir.h"
 #include "timezone/boundary_test_data.h"
 #include "timezone/tzdata_convert.h"
 
@@ -21,9 +22,10 @@ namespace {
 
 using Zones = std::vector<std::string>;
 
-std::string tmpDir() {
-  const char* d = std::getenv("ZONARA_TEST_TMPDIR");
-  return d ? d : "/tmp";
+// One scratch folder for the whole program, removed when it ends.
+const std::string& tmpDir() {
+  static const zonara::testing::TempDir dir("boundary-index-");
+  return dir.path();
 }
 
 std::string readFile(const std::string& path) {

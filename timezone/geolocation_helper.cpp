@@ -11,12 +11,14 @@ bool isUsablePosition(double longitude, double latitude) {
   return !(std::trunc(longitude) == 0.0 && std::trunc(latitude) == 0.0);
 }
 
-std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longitude, double latitude) const {
-  return usesService_ ? timezoneFromService(longitude, latitude) : timezoneFromBoundaries(longitude, latitude);
+std::optional<std::string> GeolocationHelper::timezoneForLongitude(double longitude, double latitude,
+                                                                   const std::stop_token& stop) const {
+  return usesService_ ? timezoneFromService(longitude, latitude, stop) : timezoneFromBoundaries(longitude, latitude);
 }
 
-std::optional<std::string> GeolocationHelper::timezoneFromService(double longitude, double latitude) const {
-  std::optional<ZoneAnswer> answer = client_.lookUp(longitude, latitude);
+std::optional<std::string> GeolocationHelper::timezoneFromService(double longitude, double latitude,
+                                                                  const std::stop_token& stop) const {
+  std::optional<ZoneAnswer> answer = client_.lookUp(longitude, latitude, stop);
   if (!answer) return std::nullopt;
   SystemLog("timezone from the time-zone service at (%s, %s): %s", GeoNamesClient::numberString(latitude).c_str(),
             GeoNamesClient::numberString(longitude).c_str(),

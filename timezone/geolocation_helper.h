@@ -10,8 +10,8 @@
 // which source answered.
 //
 // With the service, a look-up blocks the calling thread for as long as the
-// service's look-up does (see geonames_client.h); with the boundary data it
-// takes microseconds.
+// service's look-up does (see geonames_client.h): call it from a worker
+// thread. With the boundary data it takes microseconds.
 //
 // Thread safety: the object is immutable; any thread may call it, as long as
 // the fetcher and the zone database allow that too (the boundary index does).
@@ -19,6 +19,7 @@
 
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -53,8 +54,10 @@ class GeolocationHelper {
   [[nodiscard]] bool usesService() const { return usesService_; }
 
   // The zone name at the point, or nullopt when the source gave no usable
-  // answer or no known zone fits it.
-  [[nodiscard]] std::optional<std::string> timezoneForLongitude(double longitude, double latitude) const;
+  // answer or no known zone fits it. Once `stop` is requested the service's
+  // pauses end early and nullopt is returned.
+  [[nodiscard]] std::optional<std::string> timezoneForLongitude(double longitude, double latitude,
+                                                               const std::stop_token& stop = {}) const;
 
   // The known zone for the zones the boundary data gives at a point of
   // `longitude` (principal first): the first of them that `match` finds
@@ -68,7 +71,8 @@ class GeolocationHelper {
   [[nodiscard]] const KnownZoneMatcher& matcher() const { return matcher_; }
 
  private:
-  [[nodiscard]] std::optional<std::string> timezoneFromService(double longitude, double latitude) const;
+  [[nodiscard]] std::optional<std::string> timezoneFromService(double longitude, double latitude,
+                                                              const std::stop_token& stop) const;
   [[nodiscard]] std::optional<std::string> timezoneFromBoundaries(double longitude, double latitude) const;
 
   const bool usesService_;

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdlib>
 
+#include "platform/background_worker.h"
 #include "platform/clock.h"
 #include "platform/preferences_store.h"
 #include "platform/system_log.h"
@@ -56,7 +57,8 @@ int32_t GeoNamesClient::secondsFromHours(float hours) {
   return static_cast<int32_t>(seconds);
 }
 
-std::optional<ZoneAnswer> GeoNamesClient::lookUp(double longitude, double latitude) const {
+std::optional<ZoneAnswer> GeoNamesClient::lookUp(double longitude, double latitude,
+                                                 const std::stop_token& stop) const {
   const std::string url = requestURL(config_, latitude, longitude);
   SystemLog("urlString = %s", url.c_str());
 
@@ -68,7 +70,7 @@ std::optional<ZoneAnswer> GeoNamesClient::lookUp(double longitude, double latitu
       root = parseXml(*data);
       if (root) break;
     }
-    Clock::get().sleepFor(config_.pauseBetweenAttempts);
+    if (!BackgroundWorker::pause(config_.pauseBetweenAttempts, stop)) return std::nullopt;
     // Data that is not XML is not asked for again.
     if (data) break;
     if (attempt == config_.attempts) return std::nullopt;

@@ -7,8 +7,8 @@
 // <gmtOffset>1</gmtOffset><dstOffset>2</dstOffset>..").
 //
 // `lookUp` blocks the calling thread (by default up to 10 attempts of up to
-// 10 s with 30 s pauses between them, by design); the pauses are taken on the
-// installed `Clock`.
+// 10 s with 30 s pauses between them, by design): call it from a worker
+// thread. The pauses are taken on the installed `Clock`.
 //
 // Thread safety: the object is immutable; any thread may call it, as long as
 // the fetcher allows that too.
@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <stop_token>
 #include <string>
 
 #include "platform/http_fetcher.h"
@@ -53,7 +54,9 @@ class GeoNamesClient {
   // numbers). nullopt when the service gave no usable answer: no data after
   // every attempt, data that is not XML (not asked for again), or XML
   // without a "timezone" record (an error document, a proxy's page).
-  [[nodiscard]] std::optional<ZoneAnswer> lookUp(double longitude, double latitude) const;
+  // Once `stop` is requested the pauses end early and nullopt is returned.
+  [[nodiscard]] std::optional<ZoneAnswer> lookUp(double longitude, double latitude,
+                                                 const std::stop_token& stop = {}) const;
 
   // The request URL for a point.
   [[nodiscard]] static std::string requestURL(const Config& config, double latitude, double longitude);

@@ -7,8 +7,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <map>
+#include <optional>
 #include <nlohmann/json.hpp>
 #include <protozero/pbf_reader.hpp>
 #include <sstream>
@@ -16,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/file_system.h"
 #include "timezone/boundary_format.h"
 
 namespace zonara::timezone {
@@ -57,12 +59,9 @@ struct Leaf {
 };
 
 std::string readWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw ConvertError(path + ": cannot open");
-  std::ostringstream s;
-  s << in.rdbuf();
-  if (in.bad()) throw ConvertError(path + ": read failed");
-  return s.str();
+  std::optional<std::string> bytes = readFile(path);
+  if (!bytes) throw ConvertError(path + ": cannot open");
+  return std::move(*bytes);
 }
 
 // ---- the quadtree index ----
@@ -555,20 +554,8 @@ std::string assemble(const Sections& s) {
 }
 
 void writeAtomically(const std::string& path, const std::string& bytes) {
-  std::string tmp = path + ".tmp";
-  {
-    std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-    if (!out) throw ConvertError(tmp + ": cannot create");
-    out.write(bytes.data(), std::streamsize(bytes.size()));
-    out.flush();
-    if (!out) {
-      std::remove(tmp.c_str());
-      throw ConvertError(tmp + ": write failed");
-    }
-  }
-  if (std::rename(tmp.c_str(), path.c_str()) != 0) {
-    std::remove(tmp.c_str());
-    throw ConvertError(path + ": cannot rename the temporary file into place");
+  if (int error = writeFileAtomically(path, bytes); error != 0) {
+    throw ConvertError(path + ": cannot write: " + std::strerror(error));
   }
 }
 

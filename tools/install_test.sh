@@ -30,7 +30,20 @@ stop_installed_helpers() {
 }
 trap stop_installed_helpers EXIT
 
-"$CMAKE" --install "$BUILD" --prefix "$P" >"$TMP/install.log" || fail "cmake --install failed (see $TMP/install.log)"
+# The rule polkit must read goes to /etc/polkit-1/rules.d under any prefix
+# but /usr; here to a folder of the test's own instead.
+RULES="$TMP/etc-polkit-rules.d"
+rm -rf "$RULES"
+ZONARA_POLKIT_RULES_DIR="$RULES" "$CMAKE" --install "$BUILD" --prefix "$P" >"$TMP/install.log" 2>&1 ||
+  fail "cmake --install failed (see $TMP/install.log)"
+cmp -s "$RULES/50-zonara-timezone.rules" "$P/share/polkit-1/rules.d/50-zonara-timezone.rules" ||
+  fail "the polkit rule is not where polkit reads it"
+# A folder that cannot be written: the install still succeeds and says what to do.
+mkdir -p "$TMP/locked" && touch "$TMP/locked/not-a-folder"
+ZONARA_POLKIT_RULES_DIR="$TMP/locked/not-a-folder/rules.d" "$CMAKE" --install "$BUILD" --prefix "$P" \
+  >"$TMP/install-locked.log" 2>&1 || fail "cmake --install failed without the rule folder (see $TMP/install-locked.log)"
+grep -q "sudo install -m 644 $P/share/polkit-1/rules.d/50-zonara-timezone.rules" "$TMP/install-locked.log" ||
+  fail "no advice on putting the polkit rule in place (see $TMP/install-locked.log)"
 
 # --- Layout ---------------------------------------------------------------
 for f in "$PANE/Contents/Info.plist" "$HELPER/Contents/Info.plist" "$HELPER/Contents/Resources/Zonara.png" \

@@ -16,6 +16,8 @@
 #include "platform/run_loop.h"
 #include "platform/testing/test_bus.h"
 #include "prefs/ZonaraPreferencesController.h"
+#include "sensors/telluro_helper.h"
+#include "wps/api/learn/learned_places.h"
 #include "wps/spi/testing/child_process.h"
 #include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/testing/temp_dir.h"
@@ -180,6 +182,9 @@ TEST_F(ProgramsTest, ZonaraStartStatusStopARealHelper) {
   ASSERT_TRUE(client);
   env_["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
   env_["HOME"] = (root_ / "home").string();  // no user-installed pane
+  testing::TestBus systemBus;  // a system bus without polkit
+  ASSERT_TRUE(systemBus.ok());
+  env_["DBUS_SYSTEM_BUS_ADDRESS"] = systemBus.address();
   struct Cleanup {
     DBusConnection& c;
     ~Cleanup() {
@@ -211,7 +216,8 @@ TEST_F(ProgramsTest, ZonaraStartStatusStopARealHelper) {
   EXPECT_EQ(r.status, 0);
   for (const char* line : {"ZonaraHelper: running\n", "ZonaraHelper.app\n", "Detected time zone: none yet\n",
                            "Current location: Unknown\n", "Start at login: off\n", "  ZonaraEnabled = true\n",
-                           "  SetTimezoneCommand = ( \"/bin/true\" )\n"}) {
+                           "  SetTimezoneCommand = ( \"/bin/true\" )\n",
+                           "Setting the time zone without a password: cannot tell: polkit does not answer ("}) {
     EXPECT_NE(r.out.find(line), std::string::npos) << line << " in:\n" << r.out;
   }
 
@@ -282,6 +288,45 @@ TEST_F(ProgramsTest, PreferencesSetByZonaraReachAnotherProcessWithTheWritersPid)
   EXPECT_EQ(zonara({"get", "FromTest"}, env_).out, "( \"a b\", 2 )\n");
 }
 
+// What the helper learned, counted by `zonara status` and deleted by
+// `zonara forget`.
+TEST_F(ProgramsTest, ZonaraStatusCountsLearnedPlacesAndForgetDeletesThem) {
+  env_["HOME"] = (root_ / "home").string();
+  env_["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (root_ / "no-bus").string();
+  const std::string data = (root_ / "data" / "Zonara").string();
+  {
+    WPS::API::LearnedPlaces places(data + "/Learned", LearnedPlacesRealm(data + "/Telluro.plist", true));
+    auto scan = [](uint64_t first, int count) {
+      WPS::SPI::AccessPointList aps;
+      for (int i = 0; i < count; ++i) aps.emplace_back(WPS::SPI::MAC::fromValue(first + i), -60, "net");
+      return aps;
+    };
+    WPS::API::Location paris;
+    paris.latitude = 48.8566;
+    paris.longitude = 2.3522;
+    paris.hpe = 30;
+    WPS::API::Location tokyo = paris;
+    tokyo.latitude = 35.6762;
+    tokyo.longitude = 139.6503;
+    ASSERT_EQ(places.learn(scan(0x001122330000, 3), paris), 3u);
+    ASSERT_EQ(places.learn(scan(0x001122340000, 2), tokyo), 2u);
+  }
+  auto status = [&] { return zonara({"status"}, env_).out; };
+  EXPECT_NE(status().find("Learned places: 5 access points at 2 places\n"), std::string::npos) << status();
+
+  ZonaraRun forget = zonara({"forget"}, env_);
+  EXPECT_EQ(forget.status, 0);
+  EXPECT_EQ(forget.out, "Forgot 5 learned access points\n");
+  EXPECT_TRUE(fs::is_empty(data + "/Learned"));
+  EXPECT_NE(status().find("Learned places: 0 access points at 0 places\n"), std::string::npos) << status();
+  EXPECT_EQ(zonara({"forget"}, env_).out, "Forgot 0 learned access points\n");
+
+  PreferencesDomain prefs("org.quillon.ZonaraHelper", (root_ / "config").string());
+  prefs.setValue("LearnPlaces", PrefValue::boolean(false));
+  ASSERT_TRUE(prefs.synchronize());
+  EXPECT_NE(status().find("(LearnPlaces is off: not used)"), std::string::npos) << status();
+}
+
 TEST_F(ProgramsTest, ZonaraUsageErrorsAndFailuresExitNonZero) {
   env_["HOME"] = (root_ / "home").string();
   env_["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (root_ / "no-bus").string();
@@ -299,6 +344,7 @@ TEST_F(ProgramsTest, ZonaraUsageErrorsAndFailuresExitNonZero) {
                                          {{"start", "--bogus"}, 2},
                                          {{"stop", "now"}, 2},
                                          {{"status", "all"}, 2},
+                                         {{"forget", "all"}, 2},
                                          {{"stop"}, 1},  // no session bus to reach a helper
                                          {{"--help"}, 0}}) {
     ZonaraRun r = zonara(c.args, env_);

@@ -2,7 +2,9 @@
 // does on a desktop): start and stop the helper, report on it, put it into
 // the login items, and read and write its preferences.
 //
-//   zonara status              exit 0 when the helper runs, 3 when it does not
+//   zonara status              exit 0 when the helper runs, 3 when it does not;
+//                              also says whether polkit lets this user set
+//                              the system zone without a password
 //   zonara start [--force]     --force starts another copy even if one runs
 //   zonara stop
 //   zonara login on|off|status
@@ -31,9 +33,14 @@
 #include <vector>
 
 #include "platform/dbus.h"
+#include "platform/polkit.h"
 #include "platform/preferences_store.h"
+#include "platform/sleep_watcher.h"
 #include "platform/zonara_names.h"
+#include "platform/xdg.h"
 #include "prefs/ZonaraPreferencesController.h"
+#include "sensors/location_sensing.h"
+#include "sensors/wps_location_library.h"
 #include "timezone/boundary_data.h"
 #include "timezone/geonames_client.h"
 #include "tools/timezone_command.h"
@@ -68,6 +75,7 @@ const char* const kUsage =
     "                             the zone and the metres to its nearest border\n"
     "  timezone [--border] -      the same for each \"LATITUDE LONGITUDE\" line\n"
     "                             of standard input, one answer per line\n"
+    "  forget                     delete every place the helper learned\n"
     "  --help                     this text\n";
 
 // A usage error: the problem and a pointer to the help, or the whole help
@@ -199,14 +207,34 @@ std::string cannotFindHelper() {
          "is Zonara installed?";
 }
 
+// What polkit says about this user setting the system zone without a prompt.
+std::string timezonePermission() {
+  std::string error;
+  std::unique_ptr<DBusConnection> system = LogindSleepWatcher::openSystemBus(&error);
+  if (!system) return "cannot tell: no system bus (" + error + ")";
+  const PolkitVerdict verdict = CheckPolkitAuthorization(*system, kSetTimezoneAction);
+  switch (verdict.answer) {
+    case PolkitVerdict::Answer::Allowed:
+      return "allowed";
+    case PolkitVerdict::Answer::NeedsPassword:
+      return "not allowed, polkit asks for an administrator password; install Zonara's rule "
+             "50-zonara-timezone.rules (share/polkit-1/rules.d of the installation) into /etc/polkit-1/rules.d/";
+    case PolkitVerdict::Answer::Denied:
+      return "not allowed by polkit";
+    case PolkitVerdict::Answer::Unknown:
+      break;
+  }
+  return "cannot tell: polkit does not answer (" + verdict.detail + ")";
+}
+
 // Where zones come from, and which boundaries the data on this computer holds
 // (with the attribution its licence asks for).
 void printTimeZoneSource() {
   PreferencesDomain helperPrefs(kPreferencesDomain);
   const GeoNamesClient::Config config = GeoNamesClient::configFromPreferences(helperPrefs);
   std::string error;
-  const timezone::BoundaryData data =
-      timezone::openBoundaryData(timezone::BoundaryDataSearch::forThisProcess(), &error);
+  const zonara::timezone::BoundaryData data =
+      zonara::timezone::openBoundaryData(zonara::timezone::BoundaryDataSearch::forThisProcess(), &error);
   if (data.index) {
     std::printf("Time-zone boundaries: %s, %zu zones, (c) OpenStreetMap contributors, ODbL (%s)\n",
                 data.index->release().c_str(), data.index->zoneCount(), data.path.c_str());
@@ -236,19 +264,30 @@ int statusCommand() {
     std::optional<std::string> zone = bus.helperProperty("DetectedTimezone", 5000, &why);
     std::printf("Detected time zone: %s\n",
                 !zone ? ("unavailable (" + why + ")").c_str() : zone->empty() ? "none yet" : zone->c_str());
-    // The helper looks the zone of its position up while answering.
-    std::optional<std::string> location = bus.helperProperty("CurrentLocation", 60000, &why);
+    std::optional<std::string> location = bus.helperProperty("CurrentLocation", 5000, &why);
     std::printf("Current location: %s\n", location ? location->c_str() : ("unavailable (" + why + ")").c_str());
   } else if (isRunning) {
     std::printf("Detected time zone: unavailable (the helper does not serve this session's bus)\n");
   }
   printTimeZoneSource();
+  PreferencesDomain helperPrefs(kPreferencesDomain);
+  const bool learning = LocationSensingSettings::fromPreferences(helperPrefs, WPS_DEFAULT_SERVER_URL).learnPlaces;
+  const LearnedPlaces::Counts learned = LearnedPlaces(xdgDataHome() + "/Zonara").counts();
+  std::printf("Learned places: %lu access points at %lu places%s\n", learned.accessPoints, learned.places,
+              learning ? "" : " (LearnPlaces is off: not used)");
   std::printf("Start at login: %s\n", prefs.shouldStartZonaraAtLogin() ? "on" : "off");
+  std::printf("Setting the time zone without a password: %s\n", timezonePermission().c_str());
   std::printf("Preferences (%s):\n", kPreferencesDomain);
   const PrefValue::Dictionary all = prefs.dictionaryRepresentation();
   if (all.empty()) std::printf("  (none set)\n");
   for (const auto& [key, value] : all) std::printf("  %s = %s\n", key.c_str(), describe(value, true).c_str());
   return isRunning ? 0 : 3;
+}
+
+int forgetCommand() {
+  const unsigned long forgotten = LearnedPlaces(xdgDataHome() + "/Zonara").forget();
+  std::printf("Forgot %lu learned access point%s\n", forgotten, forgotten == 1 ? "" : "s");
+  return 0;
 }
 
 int startCommand(int argc, char** argv) {
@@ -346,6 +385,7 @@ int main(int argc, char** argv) {
   if (command == "start") return startCommand(argc, argv);
   if (command == "stop") return stopCommand(argc);
   if (command == "login") return loginCommand(argc, argv);
+  if (command == "forget") return argc == 2 ? forgetCommand() : usage("forget takes no arguments");
   if (command == "get") return getCommand(argc, argv);
   if (command == "set") return setCommand(argc, argv);
   if (command == "timezone") {

@@ -1,8 +1,29 @@
 #include "platform/testing/fakes.h"
 
+#include <fcntl.h>
+#include <gio/gunixfdlist.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include "platform/run_loop.h"
 
 namespace zonara::testing {
+namespace {
+
+// Asks the bus for `name` without queueing; true when this connection owns it.
+bool ownName(DBusConnection& bus, const char* name) {
+  GVariant* r = g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                            "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", name, 4u),
+                                            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  guint32 result = 0;
+  if (r) {
+    g_variant_get(r, "(u)", &result);
+    g_variant_unref(r);
+  }
+  return result == 1;
+}
+
+}  // namespace
 
 void RecordingDesktopNotifier::notify(const std::string& title, const std::string& message,
                                       const std::string& notificationName, const std::string& iconPath) {
@@ -64,14 +85,110 @@ FakeNotificationService::FakeNotificationService(DBusConnection& bus) : bus_(bus
       nullptr, nullptr, {nullptr}};
   registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications",
                                                     node_->interfaces[0], &vtable, this, nullptr, nullptr);
-  GVariant* r = g_dbus_connection_call_sync(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                            "org.freedesktop.DBus", "RequestName",
-                                            g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
-                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (r) g_variant_unref(r);
+  (void)ownName(bus_, "org.freedesktop.Notifications");
 }
 
 FakeNotificationService::~FakeNotificationService() {
+  if (registration_ != 0) g_dbus_connection_unregister_object(bus_.get(), registration_);
+  g_dbus_node_info_unref(node_);
+}
+
+FakeLogind::FakeLogind(DBusConnection& bus) : bus_(bus) {
+  static const char* xml =
+      "<node><interface name='org.freedesktop.login1.Manager'><method name='Inhibit'>"
+      "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+      "<arg type='s' direction='in'/><arg type='h' direction='out'/>"
+      "</method><signal name='PrepareForSleep'><arg type='b'/></signal></interface></node>";
+  node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
+  static const GDBusInterfaceVTable vtable = {
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
+         GDBusMethodInvocation* invocation, gpointer data) {
+        auto* self = static_cast<FakeLogind*>(data);
+        const gchar *what, *who, *why, *mode;
+        g_variant_get(p, "(&s&s&s&s)", &what, &who, &why, &mode);
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+          g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.Failed", "no pipe");
+          return;
+        }
+        {
+          std::lock_guard<std::mutex> lock(self->mu_);
+          self->inhibitors_.push_back(Inhibitor{what, who, why, mode});
+          self->readEnds_.push_back(ends[0]);
+        }
+        GUnixFDList* fds = g_unix_fd_list_new();
+        const int index = g_unix_fd_list_append(fds, ends[1], nullptr);  // a copy goes to the client
+        close(ends[1]);
+        g_dbus_method_invocation_return_value_with_unix_fd_list(invocation, g_variant_new("(h)", index), fds);
+        g_object_unref(fds);
+      },
+      nullptr, nullptr, {nullptr}};
+  registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/login1", node_->interfaces[0],
+                                                    &vtable, this, nullptr, nullptr);
+  owned_ = ownName(bus_, "org.freedesktop.login1");
+}
+
+FakeLogind::~FakeLogind() {
+  if (registration_ != 0) g_dbus_connection_unregister_object(bus_.get(), registration_);
+  g_dbus_node_info_unref(node_);
+  for (int fd : readEnds_) close(fd);
+}
+
+bool FakeLogind::prepareForSleep(bool sleeping, const char* path) {
+  const gboolean sent = g_dbus_connection_emit_signal(bus_.get(), nullptr, path, "org.freedesktop.login1.Manager",
+                                                      "PrepareForSleep", g_variant_new("(b)", sleeping), nullptr);
+  return sent && g_dbus_connection_flush_sync(bus_.get(), nullptr, nullptr);
+}
+
+std::vector<FakeLogind::Inhibitor> FakeLogind::inhibitors() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return inhibitors_;
+}
+
+size_t FakeLogind::held() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  size_t count = 0;
+  for (int fd : readEnds_) {
+    pollfd p{fd, POLLIN, 0};
+    // The write end's last copy closed: hang-up (or end of file).
+    if (poll(&p, 1, 0) == 0) ++count;
+  }
+  return count;
+}
+
+FakePolkitAuthority::FakePolkitAuthority(DBusConnection& bus) : bus_(bus) {
+  static const char* xml =
+      "<node><interface name='org.freedesktop.PolicyKit1.Authority'><method name='CheckAuthorization'>"
+      "<arg type='(sa{sv})' direction='in'/><arg type='s' direction='in'/><arg type='a{ss}' direction='in'/>"
+      "<arg type='u' direction='in'/><arg type='s' direction='in'/><arg type='(bba{ss})' direction='out'/>"
+      "</method></interface></node>";
+  node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
+  static const GDBusInterfaceVTable vtable = {
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
+         GDBusMethodInvocation* invocation, gpointer data) {
+        auto* self = static_cast<FakePolkitAuthority*>(data);
+        const gchar *kind, *action, *cancellation;
+        GVariant *subject, *details;
+        guint32 flags = 0;
+        g_variant_get(p, "((&s@a{sv})&s@a{ss}u&s)", &kind, &subject, &action, &details, &flags, &cancellation);
+        guint32 pid = 0;
+        (void)g_variant_lookup(subject, "pid", "u", &pid);
+        g_variant_unref(subject);
+        g_variant_unref(details);
+        self->questions.push_back(std::string(kind) + " pid=" + std::to_string(pid) + " " + action +
+                                  " flags=" + std::to_string(flags));
+        GVariantBuilder empty;
+        g_variant_builder_init(&empty, G_VARIANT_TYPE("a{ss}"));
+        g_dbus_method_invocation_return_value(
+            invocation, g_variant_new("((bba{ss}))", self->authorized, self->challenge, &empty));
+      },
+      nullptr, nullptr, {nullptr}};
+  registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/PolicyKit1/Authority",
+                                                    node_->interfaces[0], &vtable, this, nullptr, nullptr);
+  (void)ownName(bus_, "org.freedesktop.PolicyKit1");
+}
+
+FakePolkitAuthority::~FakePolkitAuthority() {
   if (registration_ != 0) g_dbus_connection_unregister_object(bus_.get(), registration_);
   g_dbus_node_info_unref(node_);
 }

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,15 +21,15 @@
 
 namespace zonara::testing {
 
-// Records every command line; returns `status` without running anything.
+// Records every command line; returns `result` without running anything.
 class RecordingCommandRunner final : public CommandRunner {
  public:
-  int run(const std::vector<std::string>& argv) override {
+  CommandResult run(const std::vector<std::string>& argv) override {
     commands.push_back(argv);
-    return status;
+    return result;
   }
   std::vector<std::vector<std::string>> commands;
-  int status = 0;
+  CommandResult result{0, ""};
 };
 
 // Running applications as a test lists them. `events` records "quit PID" and
@@ -123,6 +124,63 @@ class FakeNotificationService {
   // Told of each notification after it is recorded (for programs that show
   // them as they come); may be empty.
   std::function<void(const Notification&)> onNotification;
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+  unsigned registration_ = 0;
+};
+
+// A stand-in for logind on a bus (normally a private system bus): owns
+// "org.freedesktop.login1", emits PrepareForSleep and answers Inhibit with a
+// real file descriptor -- the write end of a pipe whose read end it keeps, so
+// it can tell when every copy the client got has been closed (the inhibitor
+// released). Made, used and destroyed on the thread whose context dispatches
+// the bus; `inhibitors` and `held` from any thread.
+class FakeLogind {
+ public:
+  struct Inhibitor {
+    std::string what, who, why, mode;
+  };
+
+  explicit FakeLogind(DBusConnection& bus);
+  ~FakeLogind();
+  FakeLogind(const FakeLogind&) = delete;
+  FakeLogind& operator=(const FakeLogind&) = delete;
+
+  [[nodiscard]] bool ok() const { return owned_; }
+  // PrepareForSleep(sleeping) from logind's manager object (or `path`),
+  // flushed to the bus.
+  bool prepareForSleep(bool sleeping, const char* path = "/org/freedesktop/login1");
+  // Every Inhibit call so far, in order.
+  [[nodiscard]] std::vector<Inhibitor> inhibitors() const;
+  // How many of those inhibitors are still held by a client.
+  [[nodiscard]] size_t held() const;
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+  unsigned registration_ = 0;
+  bool owned_ = false;
+  mutable std::mutex mu_;
+  std::vector<Inhibitor> inhibitors_;
+  std::vector<int> readEnds_;  // one per inhibitor, owned
+};
+
+// A stand-in for polkit's authority on a bus: owns "org.freedesktop.PolicyKit1"
+// and answers CheckAuthorization with `authorized` and `challenge`, recording
+// each question as "KIND pid=PID ACTION flags=FLAGS". Same threading as
+// FakeLogind.
+class FakePolkitAuthority {
+ public:
+  explicit FakePolkitAuthority(DBusConnection& bus);
+  ~FakePolkitAuthority();
+  FakePolkitAuthority(const FakePolkitAuthority&) = delete;
+  FakePolkitAuthority& operator=(const FakePolkitAuthority&) = delete;
+
+  bool authorized = false;
+  bool challenge = false;
+  std::vector<std::string> questions;
 
  private:
   DBusConnection& bus_;

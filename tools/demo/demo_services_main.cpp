@@ -19,20 +19,20 @@
 //
 // Exit status: 0 after a signal, 1 when it cannot start (bad files, no
 // session bus, no port), 2 for usage errors.
-#include <glib-unix.h>
-#include <glib.h>
-#include <signal.h>
-
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/dbus.h"
+#include "platform/file_system.h"
+#include "platform/mutex.h"
+#include "platform/run_loop.h"
+#include "platform/termination_signals.h"
 #include "platform/testing/fakes.h"
 #include "tools/demo/demo_services.h"
 #include <nlohmann/json.hpp>
@@ -86,33 +86,13 @@ bool parseOptions(int argc, char** argv, Options& options) {
   return !options.cities.empty() && !options.accessPoints.empty() && !options.ready.empty();
 }
 
-std::mutex g_outputMutex;
+Mutex g_outputMutex;
 
 // One line of live output.
 void say(const std::string& line) {
-  std::lock_guard<std::mutex> lock(g_outputMutex);
+  MutexLock lock(g_outputMutex);
   std::printf("  %s\n", line.c_str());
   std::fflush(stdout);
-}
-
-bool readFile(const std::string& path, std::string& out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream text;
-  text << in.rdbuf();
-  out = text.str();
-  return true;
-}
-
-// Writes `text` to `path` through a temporary file, so a reader never sees
-// half of it.
-bool writeAtomically(const std::string& path, const std::string& text) {
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream out(temporary, std::ios::trunc);
-    if (!(out << text) || !out.flush()) return false;
-  }
-  return std::rename(temporary.c_str(), path.c_str()) == 0;
 }
 
 std::string degrees(double value) {
@@ -128,7 +108,7 @@ class RequestReporter {
  public:
   explicit RequestReporter(FakePositioningServer& server) : server_(server) {}
   void located(std::string line) {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     answers_.push_back(std::move(line));
   }
   void poll() {
@@ -137,7 +117,7 @@ class RequestReporter {
       const testing::HttpRequest& request = requests[seen_];
       const std::string path = request.path();
       if (path == "/location") {
-        std::lock_guard<std::mutex> lock(mu_);
+        MutexLock lock(mu_);
         if (answers_.empty()) return;  // being answered: next time
         say(answers_.front());
         answers_.erase(answers_.begin());
@@ -156,8 +136,8 @@ class RequestReporter {
  private:
   FakePositioningServer& server_;
   size_t seen_ = 0;
-  std::mutex mu_;
-  std::vector<std::string> answers_;
+  Mutex mu_;
+  std::vector<std::string> answers_ ZONARA_GUARDED_BY(mu_);
 };
 
 // Reports the geolocation server's requests: what each asked and where the
@@ -199,16 +179,128 @@ class GeolocationReporter {
   size_t seen_ = 0;
 };
 
-// Calls `reporter.poll()` every 0.1 s on the main loop.
-template <typename Reporter>
-void pollEveryTenthOfASecond(Reporter& reporter) {
-  g_timeout_add(
-      100,
-      [](gpointer data) -> gboolean {
-        static_cast<Reporter*>(data)->poll();
-        return G_SOURCE_CONTINUE;
-      },
-      &reporter);
+// The stand-in world read from the files: the cities, the access points
+// and the tile files served.
+struct World {
+  CityTable table;
+  const City* ipCity = nullptr;  // in `table`
+  AccessPointLocator locator;
+  std::vector<FakePositioningServer::Tile> tiles;
+};
+
+// Reads the files the options name; null (after saying why) when one
+// cannot be read or is malformed.
+std::unique_ptr<World> loadWorld(const Options& options) {
+  std::string error;
+  const std::optional<std::string> citiesText = readFile(options.cities);
+  std::istringstream citiesIn(citiesText.value_or(""));
+  std::optional<CityTable> table = citiesText ? CityTable::parse(citiesIn, error) : std::nullopt;
+  if (!table) {
+    std::fprintf(stderr, "zonara-demo-services: %s: %s\n", options.cities.c_str(),
+                 citiesText ? error.c_str() : "cannot read");
+    return nullptr;
+  }
+  auto world = std::make_unique<World>(World{std::move(*table), nullptr, {}, {}});
+  world->ipCity = options.ipCity.empty() ? &world->table.cities().front() : world->table.find(options.ipCity);
+  if (!world->ipCity) {
+    std::fprintf(stderr, "zonara-demo-services: no city %s in %s\n", options.ipCity.c_str(), options.cities.c_str());
+    return nullptr;
+  }
+  for (const std::string& path : options.accessPoints) {
+    const std::optional<std::string> text = readFile(path);
+    std::istringstream in(text.value_or(""));
+    if (!text || !world->locator.addCSV(in, error)) {
+      std::fprintf(stderr, "zonara-demo-services: %s: %s\n", path.c_str(), text ? error.c_str() : "cannot read");
+      return nullptr;
+    }
+  }
+  for (const auto& [name, path] : options.tiles) {
+    std::optional<std::string> bytes = readFile(path);
+    if (!bytes) {
+      std::fprintf(stderr, "zonara-demo-services: cannot read the tile file %s\n", path.c_str());
+      return nullptr;
+    }
+    world->tiles.push_back({name.substr(0, name.rfind('_')), name.substr(name.rfind('_') + 1), std::move(*bytes)});
+  }
+  return world;
+}
+
+// The servers on 127.0.0.1, answering from the world, and the reports of
+// what they are asked.
+class Servers {
+ public:
+  // Throws std::runtime_error when a server cannot listen.
+  explicit Servers(const World& world)
+      : world_(world),
+        positioning_(std::make_unique<FakePositioningServer>()),
+        geolocation_(std::make_unique<GeolocationServer>()),
+        cityServices_(std::make_unique<CityServices>(world.table, *world.ipCity, say)),
+        reporter_(*positioning_),
+        geolocationReporter_(*geolocation_, world.locator, world.table, *world.ipCity) {
+    for (const FakePositioningServer::Tile& tile : world.tiles) positioning_->addTile(tile);
+    for (const WPS::API::LocatedAccessPoint& accessPoint : world.locator.accessPoints()) {
+      geolocation_->addAccessPoint(accessPoint.mac.toColonString(), accessPoint.latitude, accessPoint.longitude);
+    }
+    geolocation_->setIpLocation(std::make_pair(world.ipCity->latitude, world.ipCity->longitude));
+    // Called under the server's lock: it touches only the tables and the
+    // reporter's own list.
+    positioning_->setLocator([this](const testing::HttpRequest& request) { return locate(request); });
+  }
+
+  ~Servers() {
+    // The servers stop (and join their threads) before the reporters they use go.
+    positioning_.reset();
+    geolocation_.reset();
+    cityServices_.reset();
+  }
+
+  // The addresses, as shell assignments for the --ready file.
+  [[nodiscard]] std::string addresses() const {
+    return "POSITIONING_SERVER_URL=" + positioning_->url() + "\nGEOLOCATION_SERVER_URL=" + geolocation_->url() +
+           "\nCITY_SERVICES_URL=" + cityServices_->url() + "\n";
+  }
+
+  // Prints the requests that came since the last call.
+  void report() {
+    reporter_.poll();
+    geolocationReporter_.poll();
+  }
+
+ private:
+  std::optional<WPS::API::LocatedAccessPoint> locate(const testing::HttpRequest& request) {
+    const std::vector<std::string> macs = RequestMacs(request.body);
+    const std::optional<AccessPointLocator::Fix> fix = world_.locator.locate(macs);
+    const std::string asked = "positioning server: location request with " + std::to_string(macs.size()) +
+                              " access points, ";
+    if (!fix) {
+      reporter_.located(asked + "none known: no location");
+      return std::nullopt;
+    }
+    reporter_.located(asked + std::to_string(fix->known) + " known: " + degrees(fix->latitude) + " " +
+                      degrees(fix->longitude) + " (" + world_.table.nearest(fix->latitude, fix->longitude).name +
+                      ")");
+    WPS::API::LocatedAccessPoint where;
+    where.latitude = fix->latitude;
+    where.longitude = fix->longitude;
+    return where;
+  }
+
+  const World& world_;
+  std::unique_ptr<FakePositioningServer> positioning_;
+  std::unique_ptr<GeolocationServer> geolocation_;
+  std::unique_ptr<CityServices> cityServices_;
+  RequestReporter reporter_;
+  GeolocationReporter geolocationReporter_;
+};
+
+// Reports requests every 0.1 s until SIGTERM or SIGINT.
+void reportUntilSignalled(Servers& servers) {
+  RunLoop& loop = RunLoop::main();
+  onTerminationSignals([&loop] { loop.stop(); });
+  const RunLoop::TimerId timer =
+      loop.addTimer(std::chrono::milliseconds(100), true, [&servers] { servers.report(); });
+  loop.run();
+  loop.cancelTimer(timer);
 }
 
 }  // namespace
@@ -219,29 +311,10 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stderr);
     return 2;
   }
+  std::unique_ptr<World> world = loadWorld(options);
+  if (!world) return 1;
 
   std::string error;
-  std::ifstream citiesFile(options.cities);
-  std::optional<CityTable> table = CityTable::parse(citiesFile, error);
-  if (!citiesFile.is_open() || !table) {
-    std::fprintf(stderr, "zonara-demo-services: %s: %s\n", options.cities.c_str(),
-                 citiesFile.is_open() ? error.c_str() : "cannot read");
-    return 1;
-  }
-  const City* ipCity = options.ipCity.empty() ? &table->cities().front() : table->find(options.ipCity);
-  if (!ipCity) {
-    std::fprintf(stderr, "zonara-demo-services: no city %s in %s\n", options.ipCity.c_str(), options.cities.c_str());
-    return 1;
-  }
-  AccessPointLocator locator;
-  for (const std::string& path : options.accessPoints) {
-    std::ifstream in(path);
-    if (!in || !locator.addCSV(in, error)) {
-      std::fprintf(stderr, "zonara-demo-services: %s: %s\n", path.c_str(), in ? error.c_str() : "cannot read");
-      return 1;
-    }
-  }
-
   std::unique_ptr<DBusConnection> bus = DBusConnection::openSession(&error);
   if (!bus) {
     std::fprintf(stderr, "zonara-demo-services: no session bus: %s\n", error.c_str());
@@ -255,78 +328,17 @@ int main(int argc, char** argv) {
     }
   };
 
-  std::unique_ptr<FakePositioningServer> positioning;
-  std::unique_ptr<GeolocationServer> geolocation;
-  std::unique_ptr<CityServices> cityServices;
+  std::unique_ptr<Servers> servers;
   try {
-    positioning = std::make_unique<FakePositioningServer>();
-    geolocation = std::make_unique<GeolocationServer>();
-    cityServices = std::make_unique<CityServices>(*table, *ipCity, say);
+    servers = std::make_unique<Servers>(*world);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zonara-demo-services: %s\n", e.what());
     return 1;
   }
-  for (const auto& [name, path] : options.tiles) {
-    FakePositioningServer::Tile tile;
-    tile.id = name.substr(0, name.rfind('_'));
-    tile.version = name.substr(name.rfind('_') + 1);
-    if (!readFile(path, tile.bytes)) {
-      std::fprintf(stderr, "zonara-demo-services: cannot read the tile file %s\n", path.c_str());
-      return 1;
-    }
-    positioning->addTile(std::move(tile));
-  }
-  for (const WPS::API::LocatedAccessPoint& accessPoint : locator.accessPoints()) {
-    geolocation->addAccessPoint(accessPoint.mac.toColonString(), accessPoint.latitude, accessPoint.longitude);
-  }
-  geolocation->setIpLocation(std::make_pair(ipCity->latitude, ipCity->longitude));
-  const CityTable& cities = *table;
-  RequestReporter reporter(*positioning);
-  GeolocationReporter geolocationReporter(*geolocation, locator, cities, *ipCity);
-  // Called under the server's lock: it touches only the tables and the
-  // reporter's own list.
-  positioning->setLocator([&locator, &cities, &reporter](const testing::HttpRequest& request)
-                              -> std::optional<WPS::API::LocatedAccessPoint> {
-    const std::vector<std::string> macs = RequestMacs(request.body);
-    const std::optional<AccessPointLocator::Fix> fix = locator.locate(macs);
-    if (!fix) {
-      reporter.located("positioning server: location request with " + std::to_string(macs.size()) +
-                       " access points, none known: no location");
-      return std::nullopt;
-    }
-    reporter.located("positioning server: location request with " + std::to_string(macs.size()) +
-                     " access points, " + std::to_string(fix->known) + " known: " + degrees(fix->latitude) + " " +
-                     degrees(fix->longitude) + " (" + cities.nearest(fix->latitude, fix->longitude).name + ")");
-    WPS::API::LocatedAccessPoint where;
-    where.latitude = fix->latitude;
-    where.longitude = fix->longitude;
-    return where;
-  });
-
-  if (!writeAtomically(options.ready, "POSITIONING_SERVER_URL=" + positioning->url() +
-                                          "\nGEOLOCATION_SERVER_URL=" + geolocation->url() +
-                                          "\nCITY_SERVICES_URL=" + cityServices->url() + "\n")) {
-    std::fprintf(stderr, "zonara-demo-services: cannot write %s\n", options.ready.c_str());
+  if (int failure = writeFileAtomically(options.ready, servers->addresses()); failure != 0) {
+    std::fprintf(stderr, "zonara-demo-services: cannot write %s: %s\n", options.ready.c_str(), std::strerror(failure));
     return 1;
   }
-
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  for (int signal : {SIGTERM, SIGINT}) {
-    g_unix_signal_add(
-        signal,
-        [](gpointer data) -> gboolean {
-          g_main_loop_quit(static_cast<GMainLoop*>(data));
-          return G_SOURCE_CONTINUE;
-        },
-        loop);
-  }
-  pollEveryTenthOfASecond(reporter);
-  pollEveryTenthOfASecond(geolocationReporter);
-  g_main_loop_run(loop);
-  g_main_loop_unref(loop);
-  // The servers stop (and join their threads) before the tables they read go.
-  positioning.reset();
-  geolocation.reset();
-  cityServices.reset();
+  reportUntilSignalled(*servers);
   return 0;
 }

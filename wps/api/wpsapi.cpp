@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "wps/api/learn/learned_places.h"
 #include "wps/api/local/location_determination_local.h"
 #include "wps/api/location_cache.h"
 #include "wps/api/protocol/location.h"
@@ -41,9 +42,15 @@ struct Library {
   std::unique_ptr<LocationDeterminationLocal> local;
   std::unique_ptr<LocationDeterminationRemote> remote;
   std::unique_ptr<LocationCache> cache;
+  // Made by WPS_set_learned_places; null while learning is off. The local
+  // determination borrows it.
+  std::unique_ptr<LearnedPlaces> learned;
 
   LocationDeterminationLocal& localDetermination() {
-    if (!local) local = LocationDeterminationLocal::newInstance();
+    if (!local) {
+      local = LocationDeterminationLocal::newInstance();
+      local->set_learned_places(learned.get());
+    }
     return *local;
   }
   LocationDeterminationRemote& remoteDetermination() {
@@ -81,6 +88,7 @@ struct LocationRequest {
   LocationDeterminationLocal& local;
   LocationDeterminationRemote& remote;
   LocationCache* cache;  // null while no location was ever cached
+  LearnedPlaces* learned;  // null while learning is off
 
   LocationRequest(const WPS_SimpleAuthentication* auth, WPS_StreetAddressLookup mode, Library& lib)
       : logger(Logger::getLogger("WPS_location")),
@@ -88,7 +96,8 @@ struct LocationRequest {
         lookup(mode),
         local(lib.localDetermination()),
         remote(lib.remoteDetermination()),
-        cache(lib.cache.get()) {}
+        cache(lib.cache.get()),
+        learned(lib.learned.get()) {}
 
   [[nodiscard]] bool haveLocation() const { return resultCode == WPS_OK; }
 
@@ -165,6 +174,7 @@ WPS_Continuation locateRemotely(LocationRequest& request) {
   Location fix;
   if (request.cache != nullptr && request.cache->get(request.accessPoints, fix)) {
     logger.debug("found location in cache with nap = %d", fix.nap);
+    fix.fromServer = true;
     request.found(fix);
     return fix.nap > 2 ? WPS_STOP : WPS_CONTINUE;
   }
@@ -178,7 +188,12 @@ WPS_Continuation locateRemotely(LocationRequest& request) {
     request.failed(rc);
     return WPS_CONTINUE;
   }
+  fix.fromServer = true;
   request.found(fix);
+  if (request.learned != nullptr) {
+    const size_t learned = request.learned->learn(request.accessPoints, fix);
+    if (learned > 0) logger.debug("learned %d access points", static_cast<int>(learned));
+  }
   if (fix.nap > 2) {
     logger.info("location (remote): %f, %f +/-%.1fm (%d)", fix.latitude, fix.longitude, fix.hpe, fix.nap);
     return WPS_STOP;
@@ -230,6 +245,7 @@ int locate(const WPS_SimpleAuthentication* authentication, WPS_StreetAddressLook
     ~Closer() { local.close(); }
   } closer{local};
 
+  if (lib.learned) lib.learned->refresh();
   const int opened = local.open(SimpleAuthentication(authentication));
   if (opened != 0) return opened;
 
@@ -291,7 +307,9 @@ WPS_Continuation periodic_location_callback(WPS_LocationCallback callback, void*
 
 void setLocalDeterminationForTesting(std::unique_ptr<LocationDeterminationLocal> local) {
   SPI::MutexLock lock(libraryMutex());
-  library().local = std::move(local);
+  Library& lib = library();
+  lib.local = std::move(local);
+  if (lib.local) lib.local->set_learned_places(lib.learned.get());
 }
 
 void clearLocationCacheForTesting() {
@@ -392,6 +410,40 @@ WPS_ReturnCode WPS_tiling(const char* dirpath, unsigned long max_data_size_per_s
 WPS_ReturnCode WPS_set_local_files_path(const char** paths) {
   return guarded([&] {
     library().localDetermination().set_paths(paths);
+    return WPS_OK;
+  });
+}
+
+WPS_ReturnCode WPS_set_learned_places(const char* dirpath, const char* realm) {
+  return guarded([&] {
+    WPS::API::Library& lib = library();
+    lib.localDetermination().set_learned_places(nullptr);
+    lib.learned.reset();
+    if (dirpath == nullptr || *dirpath == '\0') return WPS_OK;
+    if (realm == nullptr || *realm == '\0') return WPS_ERROR;
+    lib.learned = std::make_unique<WPS::API::LearnedPlaces>(dirpath, realm);
+    lib.localDetermination().set_learned_places(lib.learned.get());
+    return WPS_OK;
+  });
+}
+
+WPS_ReturnCode WPS_forget_learned_places(unsigned long* forgotten) {
+  return guarded([&] {
+    WPS::API::LearnedPlaces* learned = library().learned.get();
+    if (learned == nullptr) return WPS_ERROR;
+    const size_t count = learned->forget();
+    if (forgotten != nullptr) *forgotten = count;
+    return WPS_OK;
+  });
+}
+
+WPS_ReturnCode WPS_learned_places_count(unsigned long* access_points, unsigned long* places) {
+  return guarded([&] {
+    WPS::API::LearnedPlaces* learned = library().learned.get();
+    if (learned == nullptr) return WPS_ERROR;
+    learned->refresh();
+    if (access_points != nullptr) *access_points = learned->store().size();
+    if (places != nullptr) *places = learned->store().places();
     return WPS_OK;
   });
 }

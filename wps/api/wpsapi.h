@@ -75,8 +75,8 @@ typedef struct {
   char* code;
 } WPS_NameCode;
 
-/* A street address. Every text is a zero-terminated text in the process's
- * multibyte character set, never null (empty when unknown). `address_line`
+/* A street address. Every text is a zero-terminated UTF-8 text (whatever the
+ * process's locale), never null (empty when unknown). `address_line`
  * points to an array of texts ending with a null pointer, in the server's
  * order. */
 typedef struct {
@@ -93,12 +93,20 @@ typedef struct {
 
 /* What a location was found from. */
 typedef enum {
-  /* The access points of a Wi-Fi scan (tiles, cache or server). */
+  /* The access points of a Wi-Fi scan, placed on the device from the tiles. */
   WPS_SOURCE_WIFI = 0,
   /* The caller's IP address: a server that knew none of the access points
    * answered where the address is, usually no better than a city or a
    * country. */
-  WPS_SOURCE_IP_ADDRESS = 1
+  WPS_SOURCE_IP_ADDRESS = 1,
+  /* Learned access points only (see WPS_set_learned_places): found on the
+   * device from what positioning servers taught it earlier, with no request.
+   * The hpe is never smaller than the accuracy of those servers' fixes. */
+  WPS_SOURCE_LEARNED = 2,
+  /* The access points of a Wi-Fi scan, placed by the positioning server (in
+   * answer to this request, or a recent answer for nearly the same access
+   * points kept in the cache). */
+  WPS_SOURCE_SERVER = 3
 } WPS_LocationSource;
 
 /* A location, released with WPS_free_location. */
@@ -210,6 +218,31 @@ WPS_ReturnCode WPS_tiling(const char* dirpath,
 /* Directories holding tile files, as an array of texts ending with a null
  * pointer. */
 WPS_ReturnCode WPS_set_local_files_path(const char** paths);
+
+/* Learned places: from now on each position from a positioning server (either
+ * protocol) with an accuracy of 250 m or better teaches the library where the
+ * scanned access points are (not hidden ones, not "_nomap" networks, not
+ * locally administered MACs; an IP-based position teaches nothing), kept in
+ * tile files in `dirpath` (created when missing) bound to `realm`: the
+ * installation's own secret, which keys every hash the files hold in place of
+ * MACs. Location requests then read them with the downloaded tiles, so a
+ * return to a known place is located on the device (source
+ * WPS_SOURCE_LEARNED) and no request is made. An access point seen again
+ * within 1 km keeps the running mean of its fixes; one seen more than 1 km
+ * away is dropped and ignored for a week; at most 20,000 are kept, the least
+ * recently seen forgotten first. Files that cannot be read are set aside and
+ * learning starts again. A null or empty `dirpath` stops learning and using
+ * them (the files stay). Returns WPS_ERROR for an empty `realm`. */
+WPS_ReturnCode WPS_set_learned_places(const char* dirpath, const char* realm);
+
+/* Deletes everything learned; the number of access points forgotten goes to
+ * *forgotten (may be null). WPS_ERROR when no learned places are set. */
+WPS_ReturnCode WPS_forget_learned_places(unsigned long* forgotten);
+
+/* The number of learned access points and of places (groups of them within
+ * about a kilometre); either pointer may be null. WPS_ERROR when no learned
+ * places are set. */
+WPS_ReturnCode WPS_learned_places_count(unsigned long* access_points, unsigned long* places);
 
 /* Enables scan collection into `dirpath`, using at most `size_kb` kilobytes. */
 WPS_ReturnCode WPS_set_tier2_area(const char* dirpath, unsigned size_kb);

@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include "wps/api/local/location_determination_local.h"
+#include "wps/api/local/location_determination_private.h"
 #include "wps/api/protocol/config.h"
 #include "wps/api/testing/geolocation_server.h"
 #include "wps/api/wpsapi_internal.h"
@@ -142,6 +143,7 @@ class WpsApiTest : public ::testing::Test {
     EXPECT_EQ(WPS_set_server_url(nullptr), WPS_OK);
     EXPECT_EQ(WPS_set_proxy(nullptr, 0, nullptr, nullptr), WPS_OK);
     EXPECT_EQ(WPS_set_user_agent(nullptr), WPS_OK);
+    EXPECT_EQ(WPS_set_learned_places(nullptr, nullptr), WPS_OK);
     setLocalDeterminationForTesting(nullptr);
     clearLocationCacheForTesting();
     SPI::XmlHttpRequest::setDefaultTimeouts(0, 0);
@@ -296,6 +298,12 @@ TEST_F(WpsApiTest, ServerFailures) {
       {"403 is not retried", HttpResponse(403, ""), WPS_ERROR_UNAUTHORIZED, 1},
       {"500 is retried every scan", HttpResponse(500, ""), WPS_ERROR_SERVER_UNAVAILABLE, 10},
       {"an error element", HttpResponse(200, reply("LocationRS", "<error>no</error>")),
+       WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED, 10},
+      {"a position that is not a number",
+       HttpResponse(200, reply("LocationRS",
+                               "<location><latitude>nan</latitude><longitude>2</longitude><hpe>-inf</hpe></location>")),
+       WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED, 10},
+      {"a latitude past the pole", HttpResponse(200, locationReply(90.5, 2.35, 4)),
        WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED, 10},
   };
   writeScans({"abc"});
@@ -729,7 +737,7 @@ TEST_F(WpsApiTest, GeolocationApiLocatesByWifiAndByAddress) {
   EXPECT_DOUBLE_EQ(location->latitude, 47.1);
   EXPECT_DOUBLE_EQ(location->longitude, 8.1);
   EXPECT_EQ(location->nap, 3u);
-  EXPECT_EQ(location->source, WPS_SOURCE_WIFI);
+  EXPECT_EQ(location->source, WPS_SOURCE_SERVER);
   WPS_free_location(location);
 
   WPS_IPLocation* ip = nullptr;
@@ -757,6 +765,55 @@ TEST_F(WpsApiTest, GeolocationApiIsNotAskedTwiceForTheSameAccessPoints) {
   const nlohmann::json second = nlohmann::json::parse(json.http().lastRequest()->body);
   ASSERT_EQ(second["wifiAccessPoints"].size(), 4u);
   for (const nlohmann::json& ap : second["wifiAccessPoints"]) EXPECT_LT(ap.value("age", 0), 500) << ap;
+}
+
+TEST_F(WpsApiTest, AReturnVisitIsLocatedFromLearnedPlacesWithoutARequest) {
+  setLocalDeterminationForTesting(nullptr);  // the real local determination
+  LocationDeterminationPrivate::resetTracesForTesting();
+  testing::GeolocationServer json;
+  for (char letter : std::string("abcde")) json.addAccessPoint(bssid(letter), 48.8566, 2.3522);
+  json.setWifiAccuracy(30);
+  ASSERT_EQ(WPS_set_server_url(json.url().c_str()), WPS_OK);
+  const std::string learned = (dir_ / "Learned").string();
+  EXPECT_EQ(WPS_set_learned_places(learned.c_str(), ""), WPS_ERROR);
+  EXPECT_EQ(WPS_learned_places_count(nullptr, nullptr), WPS_ERROR);
+  ASSERT_EQ(WPS_set_learned_places(learned.c_str(), "installation-secret"), WPS_OK);
+  writeScans({"abcde"});
+
+  // First visit: the server places the scan and teaches the five.
+  WPS_Location* location = nullptr;
+  ASSERT_EQ(WPS_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_OK);
+  EXPECT_EQ(location->source, WPS_SOURCE_SERVER);
+  WPS_free_location(location);
+  ASSERT_EQ(json.wifiRequestCount(), 1u);
+  unsigned long accessPoints = 0, places = 0;
+  ASSERT_EQ(WPS_learned_places_count(&accessPoints, &places), WPS_OK);
+  EXPECT_EQ(accessPoints, 5u);
+  EXPECT_EQ(places, 1u);
+
+  // Return visit an hour later, with the cache of recent answers forgotten:
+  // located from the learned files, no request.
+  clearLocationCacheForTesting();
+  clock_.advance(3600 * 1000);
+  ASSERT_EQ(WPS_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_OK);
+  EXPECT_EQ(location->source, WPS_SOURCE_LEARNED);
+  EXPECT_NEAR(location->latitude, 48.8566, 1e-4);
+  EXPECT_NEAR(location->longitude, 2.3522, 1e-4);
+  EXPECT_GE(location->hpe, 30.0);
+  EXPECT_EQ(location->nap, 5u);
+  WPS_free_location(location);
+  EXPECT_EQ(json.http().requestCount(), 1u);
+
+  // Forgotten, the place needs the server again.
+  unsigned long forgotten = 0;
+  ASSERT_EQ(WPS_forget_learned_places(&forgotten), WPS_OK);
+  EXPECT_EQ(forgotten, 5u);
+  clearLocationCacheForTesting();
+  clock_.advance(3600 * 1000);
+  ASSERT_EQ(WPS_location(nullptr, WPS_NO_STREET_ADDRESS_LOOKUP, &location), WPS_OK);
+  EXPECT_EQ(location->source, WPS_SOURCE_SERVER);
+  WPS_free_location(location);
+  EXPECT_EQ(json.wifiRequestCount(), 2u);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/select.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -13,6 +14,7 @@
 
 #include "wps/spi/concurrent.h"
 #include "wps/spi/logger.h"
+#include "wps/spi/preferences.h"
 #include "wps/spi/xml_http_request.h"
 
 namespace WPS {
@@ -252,8 +254,12 @@ class CurlXmlHttpRequest final : public XmlHttpRequest {
     // Only the web's protocols, whatever the configured URL says.
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
     // Server certificates are verified against the system's CA store: without
-    // that anyone on the network path could hand out a false position.
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
+    // that anyone on the network path could hand out a false position. Only
+    // a server the user named in the kSelfSignedServersKey preference (a
+    // positioning server of one's own with a self-signed certificate) is
+    // taken with a certificate no CA signed; its name must still match.
+    const bool selfSigned = SPI::hostListed(hostOf(url_), readLibraryPreference(kSelfSignedServersKey));
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, selfSigned ? 0L : 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
     configureMethod(e);
     if (maxResponseBytes_ != 0) {
@@ -431,6 +437,17 @@ void* threadTrampoline(void* p) {
 }
 
 }  // namespace
+
+std::string XmlHttpRequest::hostOf(const std::string& url) {
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return {};
+  char* host = nullptr;
+  if (curl_url_get(parsed.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK || host == nullptr) return {};
+  std::string text(host);
+  curl_free(host);
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
 
 std::unique_ptr<XmlHttpRequest> XmlHttpRequest::newInstance() {
   CurlPlatformUtils::global_init();

@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
 #include "wps/spi/log_capture.h"
 #include "wps/spi/testing/http_test_server.h"
+#include "wps/spi/testing/temp_dir.h"
 #include "wps/spi/testing/untrusted_tls_server.h"
 #include "wps/spi/xml_http_request.h"
 
@@ -160,6 +163,40 @@ TEST_F(CurlXmlHttpRequestTest, UnverifiableCertificateEndsTheExchange) {
   EXPECT_EQ(request->getStatusCode(), -1);
   EXPECT_TRUE(tls.rejectedHandshake(5s));
   EXPECT_EQ(tls.handshakesCompleted(), 0u);
+}
+
+// A self-signed positioning server named in the program's preferences is
+// taken: the handshake completes (the test server then answers no HTTP).
+// With the preference naming only another host, it is refused again.
+TEST_F(CurlXmlHttpRequestTest, SelfSignedServerNamedInThePreferences) {
+  zonara::testing::UntrustedTlsServer tls;
+  ASSERT_TRUE(tls.ok()) << tls.error();
+  zonara::testing::TempDir config("self_signed_preference");
+  const char* old = std::getenv("XDG_CONFIG_HOME");
+  const std::string saved = old ? old : "";
+  setenv("XDG_CONFIG_HOME", config.path().c_str(), 1);
+  std::ofstream(config.file(Logger::applicationDomain() + ".plist"))
+      << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>" << XmlHttpRequest::kSelfSignedServersKey
+      << "</key><string>wps.example.org, 127.0.0.1</string></dict></plist>\n";
+  auto request = XmlHttpRequest::newInstance();
+  ASSERT_EQ(request->open(XmlHttpRequest::POST, tls.url("/location"), false), 0);
+  SPI::LogCapture log("WPS.SPI.XmlHttpRequest.CurlXmlHttpRequest");
+  EXPECT_NE(request->send("<a/>", 4), 0);
+  // Past TLS: the transfer ends on the server's non-HTTP answer.
+  EXPECT_TRUE(log.containsFragment("Received HTTP/0.9")) << (log.messages().empty() ? "" : log.messages().back());
+
+  std::ofstream(config.file(Logger::applicationDomain() + ".plist"))
+      << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>" << XmlHttpRequest::kSelfSignedServersKey
+      << "</key><string>localhost</string></dict></plist>\n";
+  auto refused = XmlHttpRequest::newInstance();
+  ASSERT_EQ(refused->open(XmlHttpRequest::POST, tls.url("/location"), false), 0);
+  EXPECT_NE(refused->send("<a/>", 4), 0);
+  EXPECT_TRUE(tls.rejectedHandshake(5s));
+  if (old) {
+    setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
+  } else {
+    unsetenv("XDG_CONFIG_HOME");
+  }
 }
 
 TEST_F(CurlXmlHttpRequestTest, MisuseIsRefused) {

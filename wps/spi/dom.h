@@ -6,8 +6,10 @@
 // must outlive them (parsers delete nodes first, then the document).
 //
 // Texts: every text that leaves the model (names, values, namespace URIs) is
-// converted from the document's UTF-8 to the process's default multibyte
-// character set (see iconvert.h).
+// UTF-8, whatever encoding the document declared and whatever the process's
+// locale (programs embedding the library rarely set one, and a conversion to
+// the "C" locale's ASCII turned "München" into "M?nchen"). Names given to the
+// model are UTF-8 too.
 //
 // Thread safety: one parser, document and its nodes must be used by one thread
 // at a time; distinct documents are independent.

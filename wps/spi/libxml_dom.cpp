@@ -6,7 +6,6 @@
 #include <mutex>
 
 #include "wps/spi/dom.h"
-#include "wps/spi/iconvert.h"
 #include "wps/spi/logger.h"
 
 namespace WPS {
@@ -20,10 +19,11 @@ namespace {
 constexpr int kParseOptions = 0xE0;
 static_assert(kParseOptions == (XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_PEDANTIC));
 
+// Texts leave the model as libxml2 holds them: UTF-8, whatever the
+// document's declared encoding and whatever the process's locale.
 std::string fromUtf8(const xmlChar* text) {
   if (text == nullptr) return {};
-  const char* s = reinterpret_cast<const char*>(text);
-  return iconvertFromUtf8(s, std::strlen(s));
+  return std::string(reinterpret_cast<const char*>(text));
 }
 
 // Owns a text returned by libxml2.
@@ -104,9 +104,9 @@ class LibxmlDOMNode final : public DOMNode {
 
   xmlAttr* findAttribute(const std::string& namespaceURI, const std::string& localName) const {
     if (node_->type != XML_ELEMENT_NODE) return nullptr;
-    // Names are compared in UTF-8, the document's own form.
-    std::string name = iconvertToUtf8(localName);
-    std::string ns = iconvertToUtf8(namespaceURI);
+    // Names are compared in UTF-8, the document's own form and the caller's.
+    const std::string& name = localName;
+    const std::string& ns = namespaceURI;
     for (xmlAttr* a = node_->properties; a != nullptr; a = a->next) {
       if (std::strcmp(reinterpret_cast<const char*>(a->name), name.c_str()) != 0) continue;
       const char* href = a->ns != nullptr ? reinterpret_cast<const char*>(a->ns->href) : "";

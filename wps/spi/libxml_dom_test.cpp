@@ -4,7 +4,6 @@
 #include <string>
 
 #include "wps/spi/dom.h"
-#include "wps/spi/iconvert.h"
 #include "wps/spi/log_capture.h"
 
 namespace WPS {
@@ -138,38 +137,22 @@ TEST(LibxmlDOM, DeepAndLargeDocumentsDoNotCrash) {
   }
 }
 
-TEST(Iconvert, ConvertsFromUtf8ToTheLocaleCharacterSet) {
-  const std::string utf8 = "Z\xC3\xBCrich \xE2\x82\xAC";  // "Zürich €"
-  {
-    ScopedLocale locale("C.UTF-8");
-    ASSERT_TRUE(locale.ok());
-    EXPECT_EQ(iconvertFromUtf8(utf8.data(), utf8.size()), utf8);
-    EXPECT_EQ(iconvertToUtf8(utf8), utf8);
+// Texts are UTF-8 in every locale, the "C" locale of a program that never
+// set one included, and whatever the document's encoding.
+TEST(LibxmlDOM, TextsLeaveInUtf8) {
+  for (const char* localeName : {"C", "C.UTF-8"}) {
+    ScopedLocale locale(localeName);
+    ASSERT_TRUE(locale.ok()) << localeName;
+    auto latin1 = parse("<?xml version='1.0' encoding='ISO-8859-1'?><a n='\xE9'>\xFC</a>");
+    ASSERT_TRUE(latin1);
+    EXPECT_EQ(latin1->getDocumentElement()->getNodeValue(), "\xC3\xBC") << localeName;
+    EXPECT_EQ(latin1->getDocumentElement()->getAttributeNS("", "n"), "\xC3\xA9") << localeName;
+    const std::string munich = "M\xC3\xBCnchen \xE2\x82\xAC";  // "München €"
+    auto utf8 = parse("<a xmlns:p='urn:\xC3\xA9' p:st\xC3\xA4" "dt='" + munich + "'>" + munich + "</a>");
+    ASSERT_TRUE(utf8);
+    EXPECT_EQ(utf8->getDocumentElement()->getNodeValue(), munich) << localeName;
+    EXPECT_EQ(utf8->getDocumentElement()->getAttributeNS("urn:\xC3\xA9", "st\xC3\xA4" "dt"), munich) << localeName;
   }
-  {
-    // Plain ASCII: what cannot be shown becomes one '?' per character.
-    ScopedLocale locale("C");
-    EXPECT_EQ(iconvertFromUtf8(utf8.data(), utf8.size()), "Z?rich ?");
-  }
-  EXPECT_EQ(iconvert("ISO-8859-1", "utf-8", utf8.data(), utf8.size()), "Z\xFCrich ?");
-  EXPECT_EQ(iconvert("utf-8", "ISO-8859-1", "\xFC", 1), "\xC3\xBC");
-  // Invalid input is replaced, not dropped or truncated.
-  EXPECT_EQ(iconvert("utf-8", "utf-8", "a\xFF" "b", 3), "a?b");
-  EXPECT_EQ(iconvert("no-such-set", "utf-8", "abc", 3), "abc");
-  EXPECT_EQ(iconvertFromUtf8(nullptr, 0), "");
-  // Longer than the internal buffer.
-  std::string longText(5000, 'x');
-  EXPECT_EQ(iconvertFromUtf8(longText.data(), longText.size()), longText);
-}
-
-TEST(LibxmlDOM, TextsLeaveInTheLocaleCharacterSet) {
-  ScopedLocale locale("C.UTF-8");
-  ASSERT_TRUE(locale.ok());
-  auto doc = parse("<?xml version='1.0' encoding='ISO-8859-1'?><a n='\xE9'>\xFC</a>");
-  ASSERT_TRUE(doc);
-  auto root = doc->getDocumentElement();
-  EXPECT_EQ(root->getNodeValue(), "\xC3\xBC");
-  EXPECT_EQ(root->getAttributeNS("", "n"), "\xC3\xA9");
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include "wps/spi/concurrent.h"
 #include "wps/spi/log_capture.h"
 
 #include <log4cpp/AppenderSkeleton.hh>
@@ -10,11 +11,11 @@ namespace SPI {
 class LogCapture::Sink {
  public:
   void add(Entry e) {
-    std::lock_guard<std::mutex> lock(mu);
+    StdMutexLock lock(mu);
     entries.push_back(std::move(e));
   }
-  mutable std::mutex mu;
-  std::vector<Entry> entries;
+  mutable StdMutex mu;
+  std::vector<Entry> entries WPS_GUARDED_BY(mu);
 };
 
 namespace {
@@ -56,7 +57,7 @@ LogCapture::~LogCapture() {
 }
 
 std::vector<LogCapture::Entry> LogCapture::entries() const {
-  std::lock_guard<std::mutex> lock(sink_->mu);
+  StdMutexLock lock(sink_->mu);
   return sink_->entries;
 }
 
@@ -81,7 +82,7 @@ bool LogCapture::containsFragment(const std::string& fragment) const {
 }
 
 void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(sink_->mu);
+  StdMutexLock lock(sink_->mu);
   sink_->entries.clear();
 }
 

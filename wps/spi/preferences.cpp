@@ -4,10 +4,15 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <sstream>
+
+#include "wps/spi/logger.h"
 
 namespace WPS {
 namespace SPI {
@@ -73,6 +78,28 @@ std::optional<std::string> readStringPreference(const std::string& domain, const
   std::unique_ptr<char, MallocFree> ownedText(text);
   if (text == nullptr) return std::nullopt;
   return std::string(text);
+}
+
+std::string readLibraryPreference(const char* key) {
+  std::optional<std::string> text = readStringPreference(Logger::applicationDomain(), key);
+  if (!text) text = readStringPreference(kLibraryPreferencesDomain, key);
+  return text.value_or(std::string());
+}
+
+bool hostListed(const std::string& host, const std::string& list) {
+  auto lower = [](std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+  };
+  std::string names = list;
+  std::replace(names.begin(), names.end(), ',', ' ');
+  std::istringstream in(names);
+  const std::string wanted = lower(host);
+  std::string name;
+  while (in >> name) {
+    if (name == "*" || (!wanted.empty() && lower(name) == wanted)) return true;
+  }
+  return false;
 }
 
 }  // namespace SPI

@@ -28,5 +28,14 @@ namespace SPI {
 // property list with a dictionary at its top, or the value is not a text.
 [[nodiscard]] std::optional<std::string> readStringPreference(const std::string& domain, const char* key);
 
+// A setting of the library: the text under `key` in the running program's
+// domain (Logger::applicationDomain()), else in the library's own
+// (kLibraryPreferencesDomain); empty when neither holds one.
+[[nodiscard]] std::string readLibraryPreference(const char* key);
+
+// Whether `host` is named in `list`, host names separated by commas or blanks
+// ("*" names every host); compared without regard to case.
+[[nodiscard]] bool hostListed(const std::string& host, const std::string& list);
+
 }  // namespace SPI
 }  // namespace WPS

@@ -54,8 +54,18 @@ class XmlHttpRequest {
 
   virtual ~XmlHttpRequest() = default;
 
+  // The preference (see preferences.h) naming servers, by host name, whose
+  // HTTPS certificate is accepted without a CA's signature (self-signed);
+  // names separated by commas or blanks. Every other HTTPS exchange is
+  // verified against the system's CA store.
+  static constexpr char kSelfSignedServersKey[] = "SelfSignedServers";
+
   // A new libcurl request.
   [[nodiscard]] static std::unique_ptr<XmlHttpRequest> newInstance();
+
+  // The host name of an absolute URL, lower-cased (libcurl's URL parser);
+  // empty when `url` is not an absolute URL with a host. Any thread.
+  [[nodiscard]] static std::string hostOf(const std::string& url);
 
   // Sets the time-outs that requests opened from now on use: for establishing
   // the connection, and for the whole transfer. Values <= 0 restore the

@@ -37,6 +37,37 @@ bool parseFilename(const std::string& name, uint64_t& seconds) {
   return true;
 }
 
+// How every collection line begins: the local time "%Y/%m/%d %I:%M:%S %p"
+// and a tab; '0' stands for a digit and 'X' for A or P.
+constexpr char kLineHead[] = "0000/00/00 00:00:00 XM\t";
+constexpr size_t kLineHeadLength = sizeof kLineHead - 1;
+
+bool matchesLineHead(const char* text) {
+  for (size_t i = 0; i < kLineHeadLength; ++i) {
+    const char want = kLineHead[i];
+    const char c = text[i];
+    const bool ok = want == '0' ? c >= '0' && c <= '9' : want == 'X' ? c == 'A' || c == 'P' : c == want;
+    if (!ok) return false;
+  }
+  return true;
+}
+
+struct GzCloser {
+  void operator()(gzFile_s* file) const { gzclose(file); }
+};
+
+// True when `path` is a collection file this library wrote: gzip data whose
+// text begins like a collection line. A user's file whose name happens to
+// look like one ("TODO") is neither counted nor ever deleted.
+bool isCollectionFile(const std::string& path) {
+  if (!CompressedFile::isCompressedFile(path)) return false;
+  std::unique_ptr<gzFile_s, GzCloser> file(gzopen(path.c_str(), "rb"));
+  if (!file) return false;
+  char head[kLineHeadLength];
+  return gzread(file.get(), head, static_cast<unsigned>(kLineHeadLength)) == static_cast<int>(kLineHeadLength) &&
+         matchesLineHead(head);
+}
+
 uint64_t sizeOnDisk(const std::string& path) {
   const int64_t size = SPI::File::size(path);
   return size < 0 ? 0 : static_cast<uint64_t>(size);
@@ -99,7 +130,7 @@ BoundedFileQueue::BoundedFileQueue(std::string directory, uint64_t quotaBytes)
     std::string name;
     uint64_t seconds = 0;
     while (dir->next(name)) {
-      if (parseFilename(name, seconds) && SPI::File::exists(directory_ + "/" + name)) {
+      if (parseFilename(name, seconds) && isCollectionFile(directory_ + "/" + name)) {
         found.emplace_back(seconds, name);
       }
     }

@@ -12,7 +12,8 @@
 // Files are named "T" + the creation time in whole seconds in base 36. A file
 // is closed and queued once kCloseSize uncompressed bytes (or an eighth of
 // the quota, when that is smaller) went into it, and when the collection
-// closes. The queue counts the files already in the directory at start.
+// closes. The queue counts the collection files already in the directory at
+// start; it never counts or deletes a file it cannot tell is one.
 //
 // Ownership: `newInstance` hands the collection to the caller; it owns its
 // open file and its queue. Thread safety: none (the library lock serialises
@@ -78,8 +79,10 @@ class GzipCompressedFile final : public CompressedFile {
 // size quota by deleting the oldest.
 class BoundedFileQueue {
  public:
-  // Counts the collection files ("T" + base 36) already in `directory`,
-  // oldest first, and deletes the oldest at once when they exceed the quota.
+  // Counts the collection files already in `directory` (named "T" + base 36
+  // and holding gzip data whose text begins like a collection line; other
+  // files are left alone), oldest first, and deletes the oldest at once when
+  // they exceed the quota.
   BoundedFileQueue(std::string directory, uint64_t quotaBytes);
 
   // Queues the file `name` (in the directory) with its size on disk, or

@@ -206,21 +206,54 @@ TEST_F(Tier2Test, TheDirectoryStaysWithinItsQuotaAcrossManyScansAndARestart) {
   EXPECT_EQ(std::count(after.begin(), after.end(), before.front()), 0);
 }
 
+// Writes `text` to `path`, gzip-compressed or plain.
+void writeFile(const std::string& path, const std::string& text, bool gzip) {
+  if (gzip) {
+    gzFile file = gzopen(path.c_str(), "wb");
+    ASSERT_NE(file, nullptr);
+    gzwrite(file, text.data(), static_cast<unsigned>(text.size()));
+    gzclose(file);
+  } else {
+    std::FILE* f = std::fopen(path.c_str(), "w");
+    std::fputs(text.c_str(), f);
+    std::fclose(f);
+  }
+}
+
+// Collection files found at start are trimmed oldest first; files that only
+// look like collection files by name (a user's "TODO", a gzip file of other
+// text, a collection line not compressed) are neither counted nor deleted.
 TEST_F(Tier2Test, ExistingFilesAboveTheQuotaAreTrimmedOldestFirstAtStart) {
   const Area area("tier2_start");
   const std::string& dir = area.dir;
   ASSERT_EQ(SPI::Directory::create(dir), 0);
-  const std::string big(3000, 'x');
-  for (const char* name : {"T10", "TZ", "T11", "notes.txt"}) {
-    std::FILE* f = std::fopen((dir + "/" + name).c_str(), "w");
-    std::fputs(big.c_str(), f);
-    std::fclose(f);
+  std::string lines;
+  std::mt19937_64 rng(3);
+  for (int i = 0; i < 60; ++i) {
+    char line[96];
+    std::snprintf(line, sizeof line, "2026/11/24 06:%02d:00 PM\tuser\t48.%06d\t2.%06d\t%012llX\t-61\n", i % 60,
+                  static_cast<int>(rng() % 1000000), static_cast<int>(rng() % 1000000),
+                  static_cast<unsigned long long>(rng() & 0xFFFFFFFFFFFFULL));
+    lines += line;
   }
-  BoundedFileQueue queue(dir, 7000);
+  for (const char* name : {"T10", "TZ", "T11"}) writeFile(dir + "/" + name, lines, true);
+  const std::string foreign[] = {"TODO", "T12", "T13", "notes.txt"};
+  writeFile(dir + "/TODO", "buy milk\n" + std::string(3000, 'x'), false);
+  writeFile(dir + "/T12", "a compressed file of the user's\n" + lines, true);
+  writeFile(dir + "/T13", lines, false);
+  writeFile(dir + "/notes.txt", std::string(3000, 'x'), false);
+  const uint64_t each = static_cast<uint64_t>(fs::file_size(dir + "/T10"));
+
+  BoundedFileQueue queue(dir, 2 * each + 10);
   // TZ (35) is the oldest, then T10 (36): only T10 and T11 fit.
   EXPECT_EQ(queue.names(), (std::vector<std::string>{"T10", "T11"}));
-  EXPECT_EQ(queue.totalSize(), 6000u);
-  EXPECT_EQ(filesIn(dir), (std::vector<std::string>{"T10", "T11", "notes.txt"}));
+  EXPECT_EQ(queue.totalSize(), 2 * each);
+  EXPECT_EQ(filesIn(dir), (std::vector<std::string>{"T10", "T11", "T12", "T13", "TODO", "notes.txt"}));
+
+  // Even a quota of nothing deletes only collection files.
+  BoundedFileQueue empty(dir, 0);
+  EXPECT_TRUE(empty.names().empty());
+  EXPECT_EQ(filesIn(dir), (std::vector<std::string>{"T12", "T13", "TODO", "notes.txt"}));
 }
 
 }  // namespace

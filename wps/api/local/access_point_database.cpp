@@ -43,11 +43,10 @@ AccessPointDatabase::AccessPointDatabase(const SimpleAuthentication& authenticat
 
 void AccessPointDatabase::get(const SPI::AccessPointList& scanned, const SPI::CellTowerList& cells,
                               std::vector<LocatedAccessPoint>& located) {
-  if (tiles_ != nullptr) {
-    const size_t before = located.size();
-    tiles_->get(scanned, cells, located);
-    if (located.size() > before) return;
-  }
+  const size_t before = located.size();
+  if (tiles_ != nullptr) tiles_->get(scanned, cells, located);
+  if (learned_ != nullptr) learned_->get(scanned, cells, located);
+  if (located.size() > before) return;
   const bool debug = logger_.isEnabledFor(SPI::Logger::DEBUG);
   for (const SPI::ScannedAccessPoint& ap : scanned) {
     LocatedAccessPoint lap;

@@ -2,7 +2,9 @@
 // position, and where.
 //
 // `AccessPointDatabase` asks an optional tile source first (the downloaded
-// tiles) and otherwise a fixed set of local tile files
+// tiles) together with an optional learned source (the learned places, for
+// the access points the tiles do not know), and otherwise a fixed set of
+// local tile files
 // (`CompressedFileCollection`, wps/api/tiles/compressed_file_collection.h).
 //
 // Ownership: the database owns its local files; the tile source is borrowed.
@@ -36,8 +38,8 @@ class AccessPointDatabase {
   AccessPointDatabase& operator=(const AccessPointDatabase&) = delete;
 
   // Appends to `located` the known access points among `scanned`: those of
-  // the tile source when it finds any, otherwise those of the local files in
-  // scan order.
+  // the tile source and the learned source when they find any, otherwise
+  // those of the local files in scan order.
   void get(const SPI::AccessPointList& scanned, const SPI::CellTowerList& cells,
            std::vector<LocatedAccessPoint>& located);
   void get(const SPI::AccessPointList& scanned, std::vector<LocatedAccessPoint>& located) {
@@ -46,6 +48,8 @@ class AccessPointDatabase {
 
   // Replaces the borrowed tile source (null: none).
   void setTileSource(TileSource* tiles) { tiles_ = tiles; }
+  // Replaces the borrowed learned source (null: none).
+  void setLearnedSource(TileSource* learned) { learned_ = learned; }
   [[nodiscard]] TileSource* tileSource() const { return tiles_; }
   [[nodiscard]] CompressedFileCollection& localFiles() { return collection_; }
 
@@ -53,6 +57,7 @@ class AccessPointDatabase {
   SPI::Logger& logger_;
   CompressedFileCollection collection_;
   TileSource* tiles_;
+  TileSource* learned_ = nullptr;
 };
 
 }  // namespace API

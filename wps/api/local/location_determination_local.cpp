@@ -1,6 +1,7 @@
 #include "wps/api/local/location_determination_local.h"
 
 #include "wps/api/collection/tier2_collection.h"
+#include "wps/api/learn/learned_places.h"
 #include "wps/api/local/access_point_database.h"
 #include "wps/api/local/location_determination_private.h"
 #include "wps/api/tiling/tiling.h"
@@ -30,6 +31,7 @@ int LocationDeterminationLocal::open(const SimpleAuthentication& authentication)
     tiles_ = downloadedTiles_.get();
   }
   database_ = std::make_unique<AccessPointDatabase>(authentication, paths_, tiles_);
+  database_->setLearnedSource(learned_);
   if (tier2_) tier2_->setAuthentication(authentication);
   return 0;
 }
@@ -47,6 +49,11 @@ void LocationDeterminationLocal::set_tiling(const TilingParameters& parameters) 
 void LocationDeterminationLocal::set_tile_source(TileSource* tiles) {
   tiles_ = tiles;
   if (database_) database_->setTileSource(tiles);
+}
+
+void LocationDeterminationLocal::set_learned_places(LearnedPlaces* learned) {
+  learned_ = learned;
+  if (database_) database_->setLearnedSource(learned);
 }
 
 void LocationDeterminationLocal::set_tier2_area(const char* dir, unsigned long quota_kb) {

@@ -29,6 +29,7 @@ namespace WPS {
 namespace API {
 
 class AccessPointDatabase;
+class LearnedPlaces;
 class Tier2Collection;
 class TileSource;
 class Tiling;
@@ -67,6 +68,11 @@ class LocationDeterminationLocal {
   // this object or be replaced; null: none). Takes effect at once, also for an
   // open database.
   virtual void set_tile_source(TileSource* tiles);
+  // The learned places (borrowed; null: none), asked together with the
+  // downloaded tiles. Takes effect at once, also for an open database. A
+  // location found from learned access points only is marked `learned`, and
+  // its hpe is never below their accuracy.
+  virtual void set_learned_places(LearnedPlaces* learned);
   // Creates (or replaces) the scan-collection area `dir` with a quota in
   // kilobytes; a null or empty `dir` removes it. The lines carry the user
   // name of the last `open` (empty before the first).
@@ -87,6 +93,7 @@ class LocationDeterminationLocal {
   [[nodiscard]] AccessPointDatabase* database() const { return database_.get(); }
   [[nodiscard]] Tier2Collection* tier2Collection() const { return tier2_.get(); }
   [[nodiscard]] TileSource* tileSource() const { return tiles_; }
+  [[nodiscard]] LearnedPlaces* learnedPlaces() const { return learned_; }
 
  protected:
   explicit LocationDeterminationLocal(const char* path);
@@ -100,6 +107,7 @@ class LocationDeterminationLocal {
   std::unique_ptr<AccessPointDatabase> database_;
   std::unique_ptr<Tier2Collection> tier2_;
   TileSource* tiles_ = nullptr;
+  LearnedPlaces* learned_ = nullptr;
   SimpleAuthentication authentication_;
 };
 

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "wps/api/collection/tier2_collection.h"
+#include "wps/api/learn/learned_places.h"
 #include "wps/api/local/access_point_database.h"
 
 namespace WPS {
@@ -129,6 +130,11 @@ int LocationDeterminationPrivate::determineLocationLocally(const Location* previ
   database_->get(aps, cells, located);
   const int result = calculateLocation(previous, aps, located, out);
   out.time = SPI::Time::now();
+  if (learned_ != nullptr && result == kLocationFound) {
+    // Learned positions are no better than the server fixes they came from.
+    out.hpe = std::max(out.hpe, learned_->accuracyFloor(located));
+    out.learned = learned_->allLearned(located);
+  }
   if (tier2_) {
     std::vector<SPI::ScannedAccessPoint> known, unknown;
     std::for_each(aps.begin(), aps.end(), classify_ap{located, known, unknown});

@@ -85,7 +85,10 @@ Location::operator WPS_Location*() const {
   l->nap = nap < 0 ? 0u : static_cast<unsigned>(nap);
   l->speed = speed;
   l->bearing = bearing;
-  l->source = ipBased ? WPS_SOURCE_IP_ADDRESS : WPS_SOURCE_WIFI;
+  l->source = ipBased      ? WPS_SOURCE_IP_ADDRESS
+              : learned    ? WPS_SOURCE_LEARNED
+              : fromServer ? WPS_SOURCE_SERVER
+                           : WPS_SOURCE_WIFI;
   l->street_address = streetAddress.empty() ? nullptr : static_cast<WPS_StreetAddress*>(streetAddress);
   return l;
 }

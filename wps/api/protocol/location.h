@@ -17,8 +17,8 @@
 namespace WPS {
 namespace API {
 
-// A newly allocated (malloc), zero-terminated copy of `text`, in the process's
-// multibyte character set (the texts the library holds already are). Never
+// A newly allocated (malloc), zero-terminated copy of `text`, in UTF-8 (the
+// texts the library holds already are). Never
 // null; aborts like operator new when memory is exhausted. Release with free().
 [[nodiscard]] char* mbscpy(const std::string& text);
 
@@ -77,6 +77,8 @@ struct Location {
   double bearing = 0.0;    // degrees
   SPI::Time time;          // when the location was determined; unset when unknown
   bool ipBased = false;    // found from the caller's IP address, not from Wi-Fi
+  bool learned = false;    // found on the device from learned access points only
+  bool fromServer = false; // placed by the positioning server for this request
   StreetAddress streetAddress;
 
   // A new public record; never null. Its street address is null when this

@@ -3,8 +3,10 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "wps/api/position_check.h"
 #include "wps/api/protocol/config.h"
 #include "wps/spi/conversions.h"
+#include "wps/spi/logger.h"
 
 namespace WPS {
 namespace API {
@@ -302,6 +304,20 @@ void parseStreetAddress(const DOMNode* node, StreetAddress& sa) {
   }
 }
 
+namespace {
+
+// Checks a position read from an answer; logs and refuses one that cannot be
+// a place on Earth.
+bool acceptPosition(const char* element, double latitude, double longitude, double error) {
+  const char* problem = positionProblem(latitude, longitude, error);
+  if (problem == nullptr) return true;
+  SPI::Logger::getLogger("WPS.API.Protocol")
+      .error("Refusing the server's %s %g, %g (error %g): %s", element, latitude, longitude, error, problem);
+  return false;
+}
+
+}  // namespace
+
 // ---- Parsers ----
 
 bool parseRegistrationRS(const std::string& response) {
@@ -316,8 +332,12 @@ bool parseIPLocationRS(const std::string& response, IPLocation& ipLocation) {
   if (hasErrorNode(parsed.root.get())) return false;
   std::unique_ptr<DOMNode> node = selectSingleNode(parsed.root.get(), "ip-location");
   if (!node) return false;
+  double latitude = 0, longitude = 0;
+  parseLatLon(node.get(), latitude, longitude);
+  if (!acceptPosition("ip-location", latitude, longitude, 0.0)) return false;
   ipLocation.ip = parseValue(node.get(), "ip");
-  parseLatLon(node.get(), ipLocation.latitude, ipLocation.longitude);
+  ipLocation.latitude = latitude;
+  ipLocation.longitude = longitude;
   return true;
 }
 
@@ -327,12 +347,17 @@ bool parseLocationRS(const std::string& response, Location& location) {
   if (hasErrorNode(parsed.root.get())) return false;
   std::unique_ptr<DOMNode> node = selectSingleNode(parsed.root.get(), "location");
   if (!node) return false;
-  location.hpe = parseDouble(node.get(), "hpe");
+  double latitude = 0, longitude = 0;
+  parseLatLon(node.get(), latitude, longitude);
+  const double hpe = parseDouble(node.get(), "hpe");
+  if (!acceptPosition("location", latitude, longitude, hpe)) return false;
+  location.hpe = hpe;
   std::string nap = node->getAttributeNS("", "nap");
   long napValue = nap.empty() ? 0 : SPI::atol(nap.c_str());
   if (napValue < 0 || napValue > INT32_MAX) napValue = 0;
   location.nap = static_cast<int>(napValue);
-  parseLatLon(node.get(), location.latitude, location.longitude);
+  location.latitude = latitude;
+  location.longitude = longitude;
   parseStreetAddress(node.get(), location.streetAddress);
   return true;
 }

@@ -221,6 +221,62 @@ TEST(ResponseParsers, LocationResponseEdgeCases) {
   }
 }
 
+// Positions that are no place on Earth are refused in both answers that carry
+// one, leave the output untouched and are logged.
+TEST(ResponseParsers, PositionsOutsideTheEarthAreRefused) {
+  const struct {
+    const char* name;
+    const char* latitude;
+    const char* longitude;
+    const char* hpe;
+    bool ok;
+  } cases[] = {
+      {"ordinary", "48.85", "2.35", "30", true},
+      {"the corners", "-90", "180", "0", true},
+      {"latitude nan", "nan", "2", "30", false},
+      {"longitude -nan", "48", "-nan", "30", false},
+      {"latitude inf", "inf", "2", "30", false},
+      {"latitude past the north pole", "90.0001", "2", "30", false},
+      {"latitude past the south pole", "-91", "2", "30", false},
+      {"longitude past 180", "48", "180.5", "30", false},
+      {"longitude past -180", "48", "-540", "30", false},
+      {"hpe negative", "48", "2", "-1", false},
+      {"hpe -inf", "48", "2", "-inf", false},
+      {"hpe nan", "48", "2", "nan", false},
+      {"hpe inf", "48", "2", "inf", false},
+  };
+  for (const auto& c : cases) {
+    SPI::LogCapture log("WPS.API.Protocol");
+    const std::string position = std::string("<latitude>") + c.latitude + "</latitude><longitude>" + c.longitude +
+                                  "</longitude>";
+    Location loc;
+    EXPECT_EQ(parseLocationRS(response("<location nap='3'>" + position + "<hpe>" + c.hpe + "</hpe></location>"), loc),
+              c.ok)
+        << c.name;
+    if (!c.ok) EXPECT_EQ(loc, Location()) << c.name;
+    // The IP answer carries no error estimate: its position alone decides.
+    const bool ipOk = c.ok || std::string(c.name).rfind("hpe", 0) == 0;
+    IPLocation ip;
+    EXPECT_EQ(parseIPLocationRS(response("<ip-location><ip>192.0.2.1</ip>" + position + "</ip-location>"), ip), ipOk)
+        << c.name;
+    if (!ipOk) EXPECT_EQ(ip, IPLocation()) << c.name;
+    EXPECT_EQ(log.containsFragment("Refusing the server's"), !c.ok) << c.name;
+  }
+}
+
+// A street name with non-ASCII letters arrives whole in a process that never
+// set a locale (the "C" locale, as in this test program).
+TEST(ResponseParsers, Utf8StreetNamesArriveWhole) {
+  const std::string street = "Marienplatz, M\xC3\xBCnchen";
+  Location loc;
+  ASSERT_TRUE(parseLocationRS(response("<location><latitude>48.137</latitude><longitude>11.575</longitude>"
+                                       "<street-address><address-line>" + street + "</address-line>"
+                                       "<city>M\xC3\xBCnchen</city></street-address></location>"),
+                              loc));
+  EXPECT_EQ(loc.streetAddress.addressLine, (std::vector<std::string>{street}));
+  EXPECT_EQ(loc.streetAddress.city, "M\xC3\xBCnchen");
+}
+
 TEST(ResponseParsers, ParseNameCodeLeavesOutputWithoutElement) {
   Location loc;
   loc.streetAddress.country = {"Keep", "KP"};

@@ -9,6 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "wps/api/learn/learned_store.h"
+#include "wps/api/position_check.h"
 #include "wps/api/protocol/location_client.h"
 #include "wps/spi/xml_http_request.h"
 
@@ -19,10 +21,6 @@ using nlohmann::json;
 using SPI::XmlHttpRequest;
 
 namespace {
-
-bool endsWith(const std::string& text, std::string_view suffix) {
-  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 // "01:23:45:67:89:ab".
 std::string lowerColonMac(const SPI::MAC& mac) {
@@ -65,9 +63,7 @@ int64_t utcSeconds(std::tm& tm) { return static_cast<int64_t>(timegm(&tm)); }
 // ---- Request ----
 
 bool isSendable(const SPI::ScannedAccessPoint& accessPoint) {
-  if (accessPoint.ssid.empty() || endsWith(accessPoint.ssid, "_nomap")) return false;
-  const uint64_t firstOctet = accessPoint.mac.value() >> 40;
-  if ((firstOctet & 0x02) != 0) return false;
+  if (!passesPrivacyFilters(accessPoint)) return false;
   return accessPoint.rssi == SPI::kUnknownRSSI || accessPoint.rssi > -90;
 }
 
@@ -111,12 +107,8 @@ std::optional<GeolocationAnswer> parseGeolocationAnswer(std::string_view body, s
     problem = "the answer lacks a finite latitude, longitude or accuracy";
     return std::nullopt;
   }
-  if (*latitude < -90 || *latitude > 90 || *longitude < -180 || *longitude > 180) {
-    problem = "the answer's coordinates are out of range";
-    return std::nullopt;
-  }
-  if (*accuracy < 0) {
-    problem = "the answer's accuracy is negative";
+  if (const char* invalid = positionProblem(*latitude, *longitude, *accuracy)) {
+    problem = std::string("the answer's position is refused: ") + invalid;
     return std::nullopt;
   }
   GeolocationAnswer answer{*latitude, *longitude, *accuracy, false};

@@ -53,10 +53,9 @@
 namespace WPS {
 namespace API {
 
-// True when the access point may be sent: a network name that is neither
-// empty (hidden) nor ending in "_nomap", a universally administered MAC (the
-// locally administered bit, 0x02 of the first octet, marks phone hotspots
-// and randomised addresses), and a signal stronger than -90 dBm (or unknown).
+// True when the access point may be sent: it passes the privacy filters
+// (passesPrivacyFilters: not hidden, not "_nomap", not locally administered)
+// and its signal is stronger than -90 dBm (or unknown).
 [[nodiscard]] bool isSendable(const SPI::ScannedAccessPoint& accessPoint);
 // The sendable access points of a scan, in scan order.
 [[nodiscard]] SPI::AccessPointList sendableAccessPoints(const SPI::AccessPointList& scanned);

@@ -47,29 +47,29 @@ std::string FakePositioningServer::makeTileFile(const std::vector<LocatedAccessP
 }
 
 void FakePositioningServer::setLocator(Locator locator) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   locator_ = std::move(locator);
 }
 
 void FakePositioningServer::setLocation(std::optional<LocatedAccessPoint> where, double hpe, unsigned nap) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   location_ = where;
   hpe_ = hpe;
   nap_ = nap;
 }
 
 void FakePositioningServer::setRegistrationAccepted(bool accepted) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   registrationAccepted_ = accepted;
 }
 
 void FakePositioningServer::setIPLocation(std::optional<IPLocation> where) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   ipLocation_ = std::move(where);
 }
 
 void FakePositioningServer::addTile(Tile tile) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   for (Tile& held : tiles_) {
     if (held.id == tile.id && held.version == tile.version) {
       held = std::move(tile);
@@ -80,12 +80,12 @@ void FakePositioningServer::addTile(Tile tile) {
 }
 
 void FakePositioningServer::setOfferedTiles(std::vector<std::string> names) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   offered_ = std::move(names);
 }
 
 void FakePositioningServer::setTilingReply(std::optional<std::string> body, int status) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   tilingBody_ = std::move(body);
   tilingStatus_ = status;
 }
@@ -126,7 +126,7 @@ std::string FakePositioningServer::tilingReply() const {
 }
 
 HttpResponse FakePositioningServer::answer(const HttpRequest& request) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   const std::string path = request.path();
   if (request.method == "POST" && path == "/location") {
     const std::optional<LocatedAccessPoint> where = locator_ ? locator_(request) : location_;

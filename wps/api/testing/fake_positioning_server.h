@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "wps/api/tiles/located_access_point.h"
+#include "wps/spi/concurrent.h"
 #include "wps/spi/testing/http_test_server.h"
 
 namespace WPS {
@@ -95,19 +96,19 @@ class FakePositioningServer {
 
  private:
   zonara::testing::HttpResponse answer(const zonara::testing::HttpRequest& request);
-  [[nodiscard]] std::string tilingReply() const;
+  [[nodiscard]] std::string tilingReply() const WPS_REQUIRES(mu_);
 
-  mutable std::mutex mu_;
-  std::optional<LocatedAccessPoint> location_;
-  Locator locator_;
-  double hpe_ = 25.0;
-  unsigned nap_ = 5;
-  bool registrationAccepted_ = true;
-  std::optional<IPLocation> ipLocation_;
-  std::vector<Tile> tiles_;
-  std::optional<std::vector<std::string>> offered_;
-  std::optional<std::string> tilingBody_;
-  int tilingStatus_ = 200;
+  mutable SPI::StdMutex mu_;
+  std::optional<LocatedAccessPoint> location_ WPS_GUARDED_BY(mu_);
+  Locator locator_ WPS_GUARDED_BY(mu_);
+  double hpe_ WPS_GUARDED_BY(mu_) = 25.0;
+  unsigned nap_ WPS_GUARDED_BY(mu_) = 5;
+  bool registrationAccepted_ WPS_GUARDED_BY(mu_) = true;
+  std::optional<IPLocation> ipLocation_ WPS_GUARDED_BY(mu_);
+  std::vector<Tile> tiles_ WPS_GUARDED_BY(mu_);
+  std::optional<std::vector<std::string>> offered_ WPS_GUARDED_BY(mu_);
+  std::optional<std::string> tilingBody_ WPS_GUARDED_BY(mu_);
+  int tilingStatus_ WPS_GUARDED_BY(mu_) = 200;
   std::unique_ptr<zonara::testing::HttpTestServer> http_;  // last: stops first
 };
 

@@ -43,28 +43,28 @@ GeolocationServer::~GeolocationServer() { http_.reset(); }
 std::string GeolocationServer::url() const { return http_->url(kPath); }
 
 void GeolocationServer::addAccessPoint(const std::string& mac, double latitude, double longitude) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   accessPoints_[lower(mac)] = {latitude, longitude};
 }
 
 void GeolocationServer::clearAccessPoints() {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   accessPoints_.clear();
 }
 
 void GeolocationServer::setWifiAccuracy(double metres) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   wifiAccuracy_ = metres;
 }
 
 void GeolocationServer::setIpLocation(std::optional<std::pair<double, double>> latitudeLongitude, double accuracy) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   ipLocation_ = latitudeLongitude;
   ipAccuracy_ = accuracy;
 }
 
 void GeolocationServer::setFault(Fault fault, std::string retryAfter) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   fault_ = fault;
   retryAfter_ = std::move(retryAfter);
 }
@@ -124,7 +124,7 @@ HttpResponse GeolocationServer::faultResponse(Fault fault, const std::string& re
 }
 
 HttpResponse GeolocationServer::answer(const HttpRequest& request) {
-  std::lock_guard<std::mutex> lock(mu_);
+  SPI::StdMutexLock lock(mu_);
   if (fault_ != Fault::kNone) return faultResponse(fault_, retryAfter_);
   const json body = json::parse(request.body, nullptr, false);
   if (request.method != "POST" || request.path() != kPath || !body.is_object()) {

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "wps/spi/concurrent.h"
 #include "wps/spi/testing/http_test_server.h"
 
 namespace WPS {
@@ -81,13 +82,13 @@ class GeolocationServer {
   zonara::testing::HttpResponse answer(const zonara::testing::HttpRequest& request);
   [[nodiscard]] size_t countRequests(bool considerIp) const;
 
-  mutable std::mutex mu_;
-  std::map<std::string, std::pair<double, double>> accessPoints_;  // lower-case MAC -> lat, lng
-  double wifiAccuracy_ = 30;
-  std::optional<std::pair<double, double>> ipLocation_;
-  double ipAccuracy_ = 25000;
-  Fault fault_ = Fault::kNone;
-  std::string retryAfter_;
+  mutable SPI::StdMutex mu_;
+  std::map<std::string, std::pair<double, double>> accessPoints_ WPS_GUARDED_BY(mu_);  // lower-case MAC -> lat, lng
+  double wifiAccuracy_ WPS_GUARDED_BY(mu_) = 30;
+  std::optional<std::pair<double, double>> ipLocation_ WPS_GUARDED_BY(mu_);
+  double ipAccuracy_ WPS_GUARDED_BY(mu_) = 25000;
+  Fault fault_ WPS_GUARDED_BY(mu_) = Fault::kNone;
+  std::string retryAfter_ WPS_GUARDED_BY(mu_);
   std::unique_ptr<zonara::testing::HttpTestServer> http_;  // last: stops first
 };
 

@@ -96,19 +96,21 @@ bool CompressedFileReaderProtected::loadTiles() {
   const unsigned char* table = tileCount == 0 ? nullptr : buffer_->acquire(tableOffset, tileCount * 4);
   if (tileCount != 0 && table == nullptr) return false;
 
+  // Tiles lie one after another between the magic and the length table.
   uint64_t offset = fileHEADSZ;
   uint64_t totalAccessPoints = 0;
   bool ok = true;
   for (unsigned i = 0; i < tileCount; ++i) {
+    const unsigned char* l = table + 4 * i;
+    const uint64_t length = (uint64_t{l[0]} << 24) | (uint64_t{l[1]} << 16) | (uint64_t{l[2]} << 8) | l[3];
     std::unique_ptr<Tile> tile;
-    if (offset < size) tile = Tile::load(static_cast<unsigned long>(offset), realm_, *buffer_, static_cast<int>(i));
+    if (length <= tableOffset - offset) tile = Tile::load(offset, length, realm_, *buffer_, static_cast<int>(i));
     if (!tile) {
       logger_.error("invalid tile %u in file %s", i, fileName_.c_str());
       ok = false;
       break;
     }
-    const unsigned char* l = table + 4 * i;
-    offset += (uint64_t{l[0]} << 24) | (uint64_t{l[1]} << 16) | (uint64_t{l[2]} << 8) | l[3];
+    offset += length;
     totalAccessPoints += tile->accessPointCount();
     fileOrder_.push_back(tile.get());
     cold_.push_back(std::move(tile));

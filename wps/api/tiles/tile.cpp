@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "wps/api/position_check.h"
 #include "wps/api/tiles/md4.h"
 
 namespace WPS {
@@ -29,95 +30,130 @@ double decodeSignalExponent(uint32_t e, unsigned X) {
   return e / ((std::ldexp(1.0, static_cast<int>(X)) - 1.0) * 3.0) + kSignalExponentBase;
 }
 
+namespace {
+
+// A little-endian number of `bytes` bytes at `p`.
+uint64_t readLE(const unsigned char* p, unsigned bytes) {
+  uint64_t value = 0;
+  for (unsigned i = bytes; i-- > 0;) value = (value << 8) | p[i];
+  return value;
+}
+
+}  // namespace
+
 Tile::Tile(const std::string& realm, const SPI::MemoryBuffer& buf, int tileNumber)
     : logger_(SPI::Logger::getLogger("WPS.API.Tile")), realm_(realm), buffer_(buf), tileNumber_(tileNumber) {}
 
-std::unique_ptr<Tile> Tile::load(unsigned long offset, const std::string& realm, const SPI::MemoryBuffer& buf,
-                                 int tileNumber) {
-  const size_t size = buf.size();
-  if (offset >= size) return nullptr;
-  // A tile at the very end of a small file has fewer than 25 header bytes; the
-  // stream's limit then stops every read at the end of the file.
-  const size_t headerBytes = size - offset < kHeaderBytes ? size - offset : kHeaderBytes;
-  const unsigned char* header = buf.acquire(offset, headerBytes);
-  if (header == nullptr) return nullptr;
+Tile::~Tile() {
+  if (index_ != nullptr) buffer_.release(index_);
+}
 
+std::unique_ptr<Tile> Tile::load(uint64_t offset, uint64_t length, const std::string& realm,
+                                 const SPI::MemoryBuffer& buf, int tileNumber) {
+  const uint64_t size = buf.size();
+  if (length == 0 || offset >= size || length > size - offset) return nullptr;
   std::unique_ptr<Tile> tile(new Tile(realm, buf, tileNumber));
-  BitInputStream in(header, 0, uint64_t{headerBytes} * 8);
-  tile->precisionCode_ = static_cast<uint8_t>(in.readBitUInt(3));
-  const int P = tile->precision();
-  tile->originLatitude_ = in.readBitSInt(packBits(180, P));
-  tile->originLongitude_ = in.readBitSInt(packBits(360, P));
-  tile->latitudeWidth_ = static_cast<uint8_t>(in.readBitUInt(5));
-  tile->longitudeWidth_ = static_cast<uint8_t>(in.readBitUInt(5));
-  tile->countWidth_ = static_cast<uint8_t>(in.readBitUInt(3));
-  tile->exponentWidth_ = static_cast<uint8_t>(in.readBitUInt(3));
-  const uint64_t count = readVLEU(in);
-  const uint64_t entries = readVLEU(in);
-  buf.release(header);
-
-  if (in.overrun() || tile->precisionCode_ == 0 || tile->originLatitude_ == 0 || tile->originLongitude_ == 0 ||
-      tile->latitudeWidth_ == 0 || tile->longitudeWidth_ == 0 || tile->countWidth_ == 0 ||
-      tile->exponentWidth_ == 0) {
-    return nullptr;
-  }
+  uint64_t count = 0, entries = 0, headerBytes = 0;
+  if (!tile->readHeader(offset, length, count, entries, headerBytes)) return nullptr;
   // The index holds key 0 plus (length, key) for each further entry: 8n - 2
-  // bytes. It must exist and lie inside the file.
-  if (entries == 0 || entries > UINT32_MAX || count > UINT32_MAX) return nullptr;
-  const uint64_t dataOffset = offset + in.position() / 8;
+  // bytes. It must exist, lie inside the tile and not name more blocks than
+  // there are records.
+  if (entries == 0 || entries > count || count > UINT32_MAX) return nullptr;
+  const uint64_t dataOffset = offset + headerBytes;
+  const uint64_t tileEnd = offset + length;
+  if (entries > (tileEnd - dataOffset + 2) / 8) return nullptr;
   const uint64_t dataLength = entries * 8 - 2;
-  if (dataOffset > UINT32_MAX || dataLength > UINT32_MAX || dataOffset + dataLength > size) return nullptr;
-  const unsigned char* index = buf.acquire(dataOffset, dataLength);
-  if (index == nullptr) return nullptr;
+  if (dataOffset > UINT32_MAX || dataLength > UINT32_MAX) return nullptr;
+  tile->index_ = buf.acquire(dataOffset, dataLength);
+  if (tile->index_ == nullptr) return nullptr;
 
   tile->accessPointCount_ = static_cast<uint32_t>(count);
   tile->indexEntries_ = static_cast<uint32_t>(entries);
   tile->dataOffset_ = static_cast<uint32_t>(dataOffset);
   tile->dataLength_ = static_cast<uint32_t>(dataLength);
-  tile->dataStream_.reset(index, 0, dataLength * 8);
-  tile->scale_ = std::ldexp(1.0, -P);
+  tile->recordsOffset_ = dataOffset + dataLength;
+  if (!tile->loadIndex((tileEnd - tile->recordsOffset_) * 8)) return nullptr;
+  tile->scale_ = std::ldexp(1.0, -tile->precision());
   tile->exponentDivisor_ = (std::ldexp(1.0, tile->exponentWidth_) - 1.0) * 3.0;
   return tile;
 }
 
+bool Tile::readHeader(uint64_t offset, uint64_t length, uint64_t& count, uint64_t& entries,
+                      uint64_t& headerBytes) {
+  // A short tile has fewer than 25 header bytes; the stream's limit then
+  // stops every read at the end of the tile.
+  const size_t windowBytes = length < kHeaderBytes ? static_cast<size_t>(length) : kHeaderBytes;
+  const unsigned char* header = buffer_.acquire(offset, windowBytes);
+  if (header == nullptr) return false;
+  BitInputStream in(header, 0, uint64_t{windowBytes} * 8);
+  precisionCode_ = static_cast<uint8_t>(in.readBitUInt(3));
+  const int P = precision();
+  originLatitude_ = in.readBitSInt(packBits(180, P));
+  originLongitude_ = in.readBitSInt(packBits(360, P));
+  latitudeWidth_ = static_cast<uint8_t>(in.readBitUInt(5));
+  longitudeWidth_ = static_cast<uint8_t>(in.readBitUInt(5));
+  countWidth_ = static_cast<uint8_t>(in.readBitUInt(3));
+  exponentWidth_ = static_cast<uint8_t>(in.readBitUInt(3));
+  count = readVLEU(in);
+  entries = readVLEU(in);
+  headerBytes = in.position() / 8;
+  buffer_.release(header);
+  return !in.overrun() && precisionCode_ != 0 && originLatitude_ != 0 && originLongitude_ != 0 &&
+         latitudeWidth_ != 0 && longitudeWidth_ != 0 && countWidth_ != 0 && exponentWidth_ != 0;
+}
+
+bool Tile::loadIndex(uint64_t recordBits) {
+  recordBits_ = recordBits;
+  blockStarts_.reserve(indexEntries_);
+  blockStarts_.push_back(0);
+  uint64_t previousKey = indexKey(0);
+  uint64_t start = 0;
+  for (uint32_t i = 1; i < indexEntries_; ++i) {
+    const uint64_t blockLength = readLE(index_ + 8 * i - 2, 2);
+    const uint64_t key = indexKey(i);
+    start += blockLength;
+    if (blockLength == 0 || start > recordBits || key <= previousKey) return false;
+    blockStarts_.push_back(start);
+    previousKey = key;
+  }
+  // The last block (the greatest key's record) needs at least a byte.
+  return start < recordBits;
+}
+
+uint64_t Tile::indexKey(uint32_t i) const { return readLE(index_ + 8 * uint64_t{i}, 6); }
+
 bool Tile::findAP(const SPI::MAC& mac, LocatedAccessPoint& out) {
   recordsRead_ = 0;
+  indexKeysRead_ = 2;
   const uint64_t key = searchKey(mac);
-  dataStream_.reset();
-  const uint64_t key0 = dataStream_.readAlignedLE(6);
-  if (dataStream_.overrun() || key < key0) return false;
+  // The last index key is the tile's greatest key: anything outside the
+  // first and last keys is absent without reading a record.
+  const uint32_t last = indexEntries_ - 1;
+  if (key < indexKey(0) || key > indexKey(last)) return false;
 
-  // Walk the index to the block whose first key is the greatest not above
-  // `key`. Block starts are bit offsets from the end of the index.
-  uint64_t blockStart = 0;
-  uint64_t blockKey = key0;
-  for (uint32_t i = 1; i < indexEntries_; ++i) {
-    const uint64_t length = dataStream_.readAlignedLE(2);
-    const uint64_t entryKey = dataStream_.readAlignedLE(6);
-    if (dataStream_.overrun()) return false;
-    if (key < entryKey) return scanBlock(blockStart, blockStart + length, blockKey, key, mac, out);
-    blockStart += length;
-    blockKey = entryKey;
-    // An index key is the first record of its block: read just that record.
-    if (key == entryKey) return scanBlock(blockStart, blockStart + recordFieldBits() + 8, blockKey, key, mac, out);
+  // The greatest index key not above `key`: keys[low] <= key < keys[high].
+  uint32_t low = 0, high = last;
+  if (indexKey(last) == key) low = last;
+  while (high - low > 1) {
+    const uint32_t middle = low + (high - low) / 2;
+    ++indexKeysRead_;
+    if (indexKey(middle) <= key) {
+      low = middle;
+    } else {
+      high = middle;
+    }
   }
-  // The last index key is the tile's greatest key: anything above it is absent.
-  // With a single index key, the one block runs to the end of the file.
-  if (indexEntries_ > 1 || key != key0) return false;
-  const uint64_t tail = buffer_.size() - (uint64_t{dataOffset_} + dataLength_);
-  return scanBlock(0, tail * 8, blockKey, key, mac, out);
+  const uint64_t blockEnd = low < last ? blockStarts_[low + 1] : recordBits_;
+  // An index key is the first record of its block, so a key equal to it is
+  // decided by that one record.
+  return scanBlock(blockStarts_[low], blockEnd, indexKey(low), key, mac, out);
 }
 
 bool Tile::scanBlock(uint64_t start, uint64_t end, uint64_t blockKey, uint64_t key, const SPI::MAC& mac,
                      LocatedAccessPoint& out) {
-  const uint64_t size = buffer_.size();
-  const uint64_t recordsOffset = uint64_t{dataOffset_} + dataLength_;
-  if (end <= start) return false;
-  const uint64_t firstByte = recordsOffset + start / 8;
-  uint64_t endByte = recordsOffset + (end + 7) / 8;
-  if (firstByte >= size) return false;
-  if (endByte > size) endByte = size;
-  const uint64_t bytes = endByte - firstByte;
+  // Block bounds were checked against the tile at load.
+  const uint64_t firstByte = recordsOffset_ + start / 8;
+  const uint64_t bytes = recordsOffset_ + (end + 7) / 8 - firstByte;
   const unsigned char* block = buffer_.acquire(firstByte, bytes);
   if (block == nullptr) return false;
 
@@ -141,9 +177,16 @@ bool Tile::scanBlock(uint64_t start, uint64_t end, uint64_t blockKey, uint64_t k
       const uint32_t r = in.readBitUInt(countWidth_);
       const uint32_t e = in.readBitUInt(exponentWidth_);
       if (in.overrun()) break;
+      const double latitude = static_cast<double>(int64_t{originLatitude_} + latOffset) * scale_;
+      const double longitude = static_cast<double>(int64_t{originLongitude_} + lonOffset) * scale_;
+      if (const char* problem = positionProblem(latitude, longitude)) {
+        logger_.error("Refusing access point %s of tile %d at %g, %g: %s", mac.toColonString().c_str(), tileNumber_,
+                      latitude, longitude, problem);
+        break;
+      }
       out.mac = mac;
-      out.latitude = static_cast<double>(int64_t{originLatitude_} + latOffset) * scale_;
-      out.longitude = static_cast<double>(int64_t{originLongitude_} + lonOffset) * scale_;
+      out.latitude = latitude;
+      out.longitude = longitude;
       out.reliabilityCount = r + kReliabilityCountBase;
       out.signalExponent = e / exponentDivisor_ + kSignalExponentBase;
       found = true;

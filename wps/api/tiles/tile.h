@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "wps/api/tiles/bit_input_stream.h"
 #include "wps/api/tiles/located_access_point.h"
@@ -47,19 +48,25 @@ class Tile {
   // The header is read from at most this many bytes at the tile's offset.
   static constexpr size_t kHeaderBytes = 25;
 
-  // Reads the tile header at byte `offset` of `buf` and maps its block index.
-  // Returns nullptr when the tile is invalid: precision code, an origin or a
-  // field width is zero, the header is cut off, there is no index key, or the
-  // index does not lie inside the buffer. `realm` is the reader's realm (empty
-  // for an unbound file); `tileNumber` the tile's position in its file.
-  [[nodiscard]] static std::unique_ptr<Tile> load(unsigned long offset, const std::string& realm,
+  // Reads the tile of `length` bytes at byte `offset` of `buf`, checks its
+  // header and block index and computes where each block starts. Returns
+  // nullptr when the tile is invalid: it is empty or does not lie inside the
+  // buffer; precision code, an origin or a field width is zero; the header is
+  // cut off; there is no index key or more index keys than records; the index
+  // does not lie inside the tile; its keys are not strictly ascending; a block
+  // length is zero or the lengths add up to more than the tile's records.
+  // Reads every index entry once (cost linear in the index, paid at open).
+  // `realm` is the reader's realm (empty for an unbound file); `tileNumber`
+  // the tile's position in its file.
+  [[nodiscard]] static std::unique_ptr<Tile> load(uint64_t offset, uint64_t length, const std::string& realm,
                                                   const SPI::MemoryBuffer& buf, int tileNumber);
 
+  ~Tile();
   Tile(const Tile&) = delete;
   Tile& operator=(const Tile&) = delete;
 
-  // Looks `mac` up: walks the block index to the one block that can hold its
-  // key and reads that block's records. On a hit fills `out` (with `mac`) and
+  // Looks `mac` up: a binary search of the block index finds the one block
+  // that can hold its key, and only that block's records are read. On a hit fills `out` (with `mac`) and
   // returns true; otherwise returns false and leaves `out` unchanged.
   [[nodiscard]] bool findAP(const SPI::MAC& mac, LocatedAccessPoint& out);
 
@@ -86,12 +93,24 @@ class Tile {
   [[nodiscard]] unsigned recordFieldBits() const {
     return latitudeWidth_ + longitudeWidth_ + countWidth_ + exponentWidth_;
   }
-  // Records decoded (key deltas read) by the last `findAP`; for diagnostics.
+  // Records decoded (key deltas read) and index keys compared by the last
+  // `findAP`; for diagnostics and tests.
   [[nodiscard]] unsigned recordsReadByLastSearch() const { return recordsRead_; }
+  [[nodiscard]] unsigned indexKeysReadByLastSearch() const { return indexKeysRead_; }
 
  private:
   Tile(const std::string& realm, const SPI::MemoryBuffer& buf, int tileNumber);
-  // Reads the records of the block starting `start` bits after the index and
+  // Reads the header fields from the first bytes of the tile; false when
+  // cut off or a field that must not be zero is.
+  [[nodiscard]] bool readHeader(uint64_t offset, uint64_t length, uint64_t& count, uint64_t& entries,
+                                uint64_t& headerBytes);
+  // Checks the index (ascending keys, block lengths) against `recordBits`,
+  // the size of the records part, and fills `blockStarts_`.
+  [[nodiscard]] bool loadIndex(uint64_t recordBits);
+  // Index key `i` (0 <= i < indexEntries_): entries are 8 bytes apart, key 0
+  // at byte 0 and key i after its 2-byte block length at byte 8i.
+  [[nodiscard]] uint64_t indexKey(uint32_t i) const;
+  // Reads the records of the block starting `start` bits into the records and
   // ending at bit `end` (exclusive) whose first record has `blockKey`.
   bool scanBlock(uint64_t start, uint64_t end, uint64_t blockKey, uint64_t key, const SPI::MAC& mac,
                  LocatedAccessPoint& out);
@@ -99,7 +118,12 @@ class Tile {
   SPI::Logger& logger_;
   std::string realm_;
   const SPI::MemoryBuffer& buffer_;
-  BitInputStream dataStream_;
+  // The block index, held from load to destruction.
+  const unsigned char* index_ = nullptr;
+  // Bit offset of each block within the records; one per index key.
+  std::vector<uint64_t> blockStarts_;
+  uint64_t recordsOffset_ = 0;
+  uint64_t recordBits_ = 0;
   uint32_t dataOffset_ = 0;
   uint32_t dataLength_ = 0;
   int32_t originLatitude_ = 0;
@@ -115,6 +139,7 @@ class Tile {
   uint32_t indexEntries_ = 0;
   int tileNumber_ = 0;
   unsigned recordsRead_ = 0;
+  unsigned indexKeysRead_ = 0;
 };
 
 }  // namespace API

@@ -4,10 +4,10 @@
 // faults even without a sanitizer.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <random>
 
 #include "wps/api/tiles/compressed_file_reader.h"
-#include "wps/api/tiles/md4.h"
 #include "wps/api/tiles/tile_test_support.h"
 #include "wps/api/tiles/tile_writer.h"
 #include "wps/spi/log_capture.h"
@@ -110,14 +110,6 @@ TEST_F(TileCorruptionTest, EveryByteSetToExtremes) {
   }
 }
 
-// Rewrites a file's trailer after changing its body, as a server bug would.
-std::vector<unsigned char> withTrailer(std::vector<unsigned char> bytes, const std::string& realm) {
-  unsigned char digest[kMD4DigestSize];
-  MD4(std::string(fileHEAD) + realm, digest);
-  std::copy(digest, digest + kMD4DigestSize, bytes.end() - kMD4DigestSize);
-  return bytes;
-}
-
 TEST_F(TileCorruptionTest, InvalidTileHeadersBreakTheFile) {
   // The first tile's header starts at byte 4: ppp then 26 bits of latitude.
   struct Case {
@@ -136,7 +128,7 @@ TEST_F(TileCorruptionTest, InvalidTileHeadersBreakTheFile) {
          const size_t table = b.size() - kTileFileTrailerSize - 8;
          b[table] = 0x7F;  // first tile's length
        },
-       "invalid tile 1 in file f.wps"},
+       "invalid tile 0 in file f.wps"},
       {"tile count too large",
        [](auto& b) {
          b[b.size() - kTileFileTrailerSize] = 0xFF;
@@ -148,7 +140,7 @@ TEST_F(TileCorruptionTest, InvalidTileHeadersBreakTheFile) {
     SPI::LogCapture log("WPS.API.CompressedFileReader");
     auto bytes = file_;
     c.corrupt(bytes);
-    bytes = withTrailer(bytes, kRealm);
+    bytes = testing::withTrailer(bytes, kRealm);
     CompressedFileReaderProtected reader;
     EXPECT_EQ(reader.openBuffer(kRealm, "f.wps", std::make_unique<GuardedBuffer>(bytes)), -1) << c.name;
     EXPECT_TRUE(log.contains(c.message)) << c.name;
@@ -167,14 +159,14 @@ TEST_F(TileCorruptionTest, TileHeaderAgainstTheEndOfTheFile) {
     bytes[table + 1] = static_cast<unsigned char>(length >> 16);
     bytes[table + 2] = static_cast<unsigned char>(length >> 8);
     bytes[table + 3] = static_cast<unsigned char>(length);
-    (void)exercise(withTrailer(bytes, kRealm));
+    (void)exercise(testing::withTrailer(bytes, kRealm));
     // Other realms put other digest bytes under the header.
-    for (const char* realm : {"", "a", "b", "c"}) (void)exercise(withTrailer(bytes, realm), realm);
+    for (const char* realm : {"", "a", "b", "c"}) (void)exercise(testing::withTrailer(bytes, realm), realm);
   }
 }
 
 TEST_F(TileCorruptionTest, ShortFilesAndWrongMagicAreBroken) {
-  const std::vector<unsigned char> trailerOnly = withTrailer(std::vector<unsigned char>(22, 0), "");
+  const std::vector<unsigned char> trailerOnly = testing::withTrailer(std::vector<unsigned char>(22, 0), "");
   std::vector<unsigned char> magicAndTrailer = trailerOnly;
   std::copy(fileHEAD, fileHEAD + fileHEADSZ, magicAndTrailer.begin());
   EXPECT_FALSE(exercise(magicAndTrailer, ""));  // 22 bytes: too short
@@ -183,7 +175,7 @@ TEST_F(TileCorruptionTest, ShortFilesAndWrongMagicAreBroken) {
   EXPECT_TRUE(exercise(magicAndTrailer, ""));
   auto wrongMagic = file_;
   wrongMagic[3] = '1';
-  EXPECT_FALSE(exercise(withTrailer(wrongMagic, kRealm)));
+  EXPECT_FALSE(exercise(testing::withTrailer(wrongMagic, kRealm)));
 }
 
 // Files that pass the header and trailer checks but whose insides are random:
@@ -210,8 +202,141 @@ TEST_F(TileCorruptionTest, RandomBodiesBehindAValidTrailer) {
     bytes.push_back(0);
     bytes.push_back(static_cast<unsigned char>(n));
     bytes.resize(bytes.size() + kMD4DigestSize);
-    (void)exercise(withTrailer(bytes, kRealm));
+    (void)exercise(testing::withTrailer(bytes, kRealm));
   }
+}
+
+TEST(TileValidationTest, TheStallingFileIsBroken) {
+  for (uint32_t firstLength : {0u, 8u * 24000u}) {
+    SPI::LogCapture log("WPS.API.CompressedFileReader");
+    const auto bytes = testing::stallingTileFile(firstLength);
+    EXPECT_GT(bytes.size(), 450000u);
+    CompressedFileReaderProtected reader;
+    EXPECT_EQ(reader.openBuffer("", "stall.wps", std::make_unique<GuardedBuffer>(bytes)), -1) << firstLength;
+    EXPECT_TRUE(log.contains("Compressed file stall.wps is broken"));
+    EXPECT_TRUE(reader.get(SPI::MAC::fromValue(0x0012A3B4C5D6ULL)).empty());
+  }
+}
+
+// One index entry spoiled at a time in an otherwise valid unbound file: the
+// tile is invalid and the file broken. Key i of the index lies at byte 8i,
+// the length of block i - 1 just before it.
+TEST(TileValidationTest, EachIndexRuleBreaksTheFile) {
+  std::mt19937_64 rng(5);
+  const auto aps = testing::randomAccessPoints(rng, 40, 7.1, 7.2, 8.1, 8.2);
+  TileWriterOptions options;
+  options.blockRecords = 4;
+  std::vector<unsigned char> file;
+  std::string error;
+  ASSERT_TRUE(buildTileFile(aps, options, file, error)) << error;
+  size_t index = 0;
+  {
+    CompressedFileReaderProtected reader;
+    ASSERT_EQ(reader.openBuffer("", "f.wps", std::make_unique<GuardedBuffer>(file)), 0);
+    ASSERT_EQ(reader.tiles().size(), 1u);
+    ASSERT_EQ(reader.tiles()[0]->indexEntries(), 11u);  // 0, 4, ..., 36, 39
+    index = reader.tiles()[0]->dataOffset();
+  }
+  const size_t table = file.size() - kTileFileTrailerSize - 4;
+  const size_t tileLength = table - fileHEADSZ;
+  auto setLength = [table](std::vector<unsigned char>& b, uint32_t length) {
+    for (int i = 0; i < 4; ++i) b[table + i] = static_cast<unsigned char>(length >> (24 - 8 * i));
+  };
+  struct Case {
+    const char* name;
+    std::function<void(std::vector<unsigned char>&)> corrupt;
+  };
+  const Case cases[] = {
+      {"key equal to the one before", [&](auto& b) { std::copy_n(&b[index + 8 * 3], 6, &b[index + 8 * 4]); }},
+      {"key below the one before", [&](auto& b) { std::copy_n(&b[index + 8 * 3], 6, &b[index + 8 * 5]); }},
+      {"keys all zero", [&](auto& b) { std::fill_n(&b[index], 8 * 11 - 2, 0); }},
+      {"block length 0", [&](auto& b) { b[index + 8 * 2 - 2] = b[index + 8 * 2 - 1] = 0; }},
+      {"block lengths past the tile", [&](auto& b) { b[index + 8 * 10 - 1] = 0x7F; }},
+      {"more index keys than records", [&](auto& b) { b[index - 2] = 10; }},
+      {"tile length 0", [&](auto& b) { setLength(b, 0); }},
+      {"tile longer than the file", [&](auto& b) { setLength(b, static_cast<uint32_t>(tileLength + 1)); }},
+      {"tile shorter than its index", [&](auto& b) { setLength(b, static_cast<uint32_t>(index - fileHEADSZ + 40)); }},
+  };
+  for (const auto& c : cases) {
+    auto bytes = file;
+    c.corrupt(bytes);
+    SPI::LogCapture log("WPS.API.CompressedFileReader");
+    CompressedFileReaderProtected reader;
+    EXPECT_EQ(reader.openBuffer("", "f.wps", std::make_unique<GuardedBuffer>(bytes)), -1) << c.name;
+    EXPECT_TRUE(log.contains("invalid tile 0 in file f.wps")) << c.name;
+  }
+}
+
+// Look-ups in a large valid tile read one index search and one block: a
+// bound on keys and records read, whatever the MAC.
+TEST(TileValidationTest, LookUpsReadOneSearchAndOneBlock) {
+  std::mt19937_64 rng(6);
+  const auto aps = testing::randomAccessPoints(rng, 20000, 7.1, 7.9, 8.1, 8.9);
+  TileWriterOptions options;
+  options.realm = kRealm;
+  options.blockRecords = 64;
+  std::vector<unsigned char> file;
+  std::string error;
+  ASSERT_TRUE(buildTileFile(aps, options, file, error)) << error;
+  CompressedFileReaderProtected reader;
+  ASSERT_EQ(reader.openBuffer(kRealm, "big.wps", std::make_unique<GuardedBuffer>(file)), 0);
+  const Tile* tile = reader.tiles().at(0);
+  const unsigned blocks = tile->indexEntries();  // 20000 / 64 + 1 = 314: 9 halvings
+  ASSERT_EQ(blocks, 314u);
+  for (size_t i = 0; i < aps.size(); i += 97) {
+    for (uint64_t mac : {aps[i].mac.value(), aps[i].mac.value() ^ 1}) {
+      (void)reader.get(SPI::MAC::fromValue(mac));
+      EXPECT_LE(tile->recordsReadByLastSearch(), 64u);
+      EXPECT_LE(tile->indexKeysReadByLastSearch(), 2u + 9u);
+    }
+  }
+}
+
+// A tile whose origin places its access points past the pole (the origin
+// field reaches about 128 degrees): each such access point is refused and
+// logged, never handed out as a position.
+TEST(TileValidationTest, AccessPointsOffTheEarthAreRefused) {
+  std::mt19937_64 rng(7);
+  const auto aps = testing::randomAccessPoints(rng, 30, 80.1, 80.2, 170.1, 170.2);
+  TileWriterOptions options;  // unbound: keys do not depend on the origin
+  std::vector<unsigned char> file;
+  std::string error;
+  ASSERT_TRUE(buildTileFile(aps, options, file, error)) << error;
+  // Precision code 7 (P = 18): the 26-bit origin latitude follows the 3-bit
+  // code, the 27-bit origin longitude follows it.
+  auto setBits = [&file](size_t firstBit, unsigned width, uint64_t value) {
+    for (unsigned i = 0; i < width; ++i) {
+      const size_t bit = 8 * fileHEADSZ + firstBit + i;
+      const auto mask = static_cast<unsigned char>(0x80 >> (bit % 8));
+      if ((value >> (width - 1 - i)) & 1) {
+        file[bit / 8] |= mask;
+      } else {
+        file[bit / 8] &= static_cast<unsigned char>(~mask);
+      }
+    }
+  };
+  struct Case {
+    const char* name;
+    size_t firstBit;
+    unsigned width;
+    uint64_t origin;
+  } cases[] = {
+      {"latitude past 90", 3, 26, (uint64_t{1} << 25) - (uint64_t{1} << 20)},     // 124 degrees
+      {"longitude past 180", 29, 27, (uint64_t{1} << 26) - (uint64_t{1} << 18)},  // 255 degrees
+  };
+  const auto intact = file;
+  for (const auto& c : cases) {
+    file = intact;
+    setBits(c.firstBit, c.width, c.origin);
+    SPI::LogCapture log("WPS.API.Tile");
+    CompressedFileReaderProtected reader;
+    ASSERT_EQ(reader.openBuffer("", "far.wps", std::make_unique<GuardedBuffer>(file)), 0) << c.name;
+    for (const auto& ap : aps) EXPECT_TRUE(reader.get(ap.mac).empty()) << c.name;
+    EXPECT_TRUE(log.containsFragment("Refusing access point")) << c.name;
+  }
+  CompressedFileReaderProtected reader;
+  ASSERT_EQ(reader.openBuffer("", "near.wps", std::make_unique<GuardedBuffer>(intact)), 0);
+  for (const auto& ap : aps) EXPECT_FALSE(reader.get(ap.mac).empty());
 }
 
 }  // namespace

@@ -150,15 +150,20 @@ TEST(TileFileTest, BoundKeysDependOnRealmAndTile) {
   EXPECT_NE(key, tileSearchKey(mac, "r", 100, -201));
 }
 
-// The block index walk: which records a look-up reads.
-TEST(TileFileTest, IndexWalkReadsOnlyTheNeededBlock) {
+// The length of the only tile of a one-tile file.
+uint64_t onlyTileLength(const std::vector<unsigned char>& file) {
+  return file.size() - kTileFileTrailerSize - 4 - fileHEADSZ;
+}
+
+// The block index search: which index keys and records a look-up reads.
+TEST(TileFileTest, IndexSearchReadsOnlyTheNeededBlock) {
   std::mt19937_64 rng(3);
   auto aps = randomAccessPoints(rng, 101, 1.2, 1.3, 1.2, 1.3);
   TileWriterOptions options;
   options.blockRecords = 4;
   const auto bytes = build(aps, options);
   GuardedBuffer buffer(bytes);
-  auto tile = Tile::load(fileHEADSZ, "", buffer, 0);
+  auto tile = Tile::load(fileHEADSZ, onlyTileLength(bytes), "", buffer, 0);
   ASSERT_TRUE(tile);
   EXPECT_EQ(tile->accessPointCount(), 101u);
   EXPECT_EQ(tile->indexEntries(), 26u);  // 0, 4, ..., 100 (the last is the greatest)
@@ -185,11 +190,13 @@ TEST(TileFileTest, IndexWalkReadsOnlyTheNeededBlock) {
     LocatedAccessPoint out;
     EXPECT_EQ(tile->findAP(SPI::MAC::fromValue(c.mac), out), c.found) << c.name;
     EXPECT_EQ(tile->recordsReadByLastSearch(), c.recordsRead) << c.name;
+    // Binary search of 26 keys: the first and last, then at most 5 more.
+    EXPECT_LE(tile->indexKeysReadByLastSearch(), 7u) << c.name;
   }
-  // A single-record tile: the one index key, and its block to the end.
+  // A single-record tile: the one index key, its record alone.
   const auto single = build({aps[5]}, options);
   GuardedBuffer singleBuffer(single);
-  auto one = Tile::load(fileHEADSZ, "", singleBuffer, 0);
+  auto one = Tile::load(fileHEADSZ, onlyTileLength(single), "", singleBuffer, 0);
   ASSERT_TRUE(one);
   EXPECT_EQ(one->indexEntries(), 1u);
   LocatedAccessPoint out;

@@ -1,10 +1,12 @@
-// Helpers shared by the tile tests: random access points, tile files in
-// memory behind guard pages, and temporary files.
+// Helpers shared by the tile tests and benchmarks: random access points,
+// tile files in memory behind guard pages, temporary files, and hostile files.
 #pragma once
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -13,7 +15,10 @@
 #include <string>
 #include <vector>
 
+#include "wps/api/tiles/compressed_file_reader.h"
 #include "wps/api/tiles/located_access_point.h"
+#include "wps/api/tiles/md4.h"
+#include "wps/api/tiles/tile_writer.h"
 #include "wps/spi/file.h"
 
 namespace WPS {
@@ -92,6 +97,60 @@ inline std::string tempPath(const std::string& name) {
 inline void writeBytes(const std::string& path, const std::vector<unsigned char>& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc)
       .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+// Rewrites a file's trailer after changing its body, as a server bug would.
+inline std::vector<unsigned char> withTrailer(std::vector<unsigned char> bytes, const std::string& realm) {
+  unsigned char digest[kMD4DigestSize];
+  MD4(std::string(fileHEAD) + realm, digest);
+  std::copy(digest, digest + kMD4DigestSize, bytes.end() - kMD4DigestSize);
+  return bytes;
+}
+
+// Bits written most significant first, as the tile header holds them.
+class BitPacker {
+ public:
+  void put(uint64_t value, unsigned bits) {
+    for (unsigned i = bits; i-- > 0;) {
+      if (used_ % 8 == 0) bytes_.push_back(0);
+      if ((value >> i) & 1) bytes_.back() |= static_cast<unsigned char>(0x80 >> (used_ % 8));
+      ++used_;
+    }
+  }
+  std::vector<unsigned char> bytes() const { return bytes_; }
+
+ private:
+  std::vector<unsigned char> bytes_;
+  unsigned used_ = 0;
+};
+
+inline void appendBE32(std::vector<unsigned char>& out, uint32_t value) {
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<unsigned char>(value >> shift));
+}
+
+// An unbound file built to stall a reader: one tile header with an index of
+// 24,000 keys all 0 (block lengths 0), and 65,535 tiles, the first
+// `tileLength` bytes long and all others of length 0, so they share that
+// header (about 454 KB). A reader that trusted it would walk every index of
+// every tile for each absent MAC.
+inline std::vector<unsigned char> stallingTileFile(uint32_t tileLength) {
+  std::vector<unsigned char> file(fileHEAD, fileHEAD + fileHEADSZ);
+  BitPacker header;
+  header.put(1, 3);                                        // precision code 1, P = 12
+  header.put(4096, 20);                                    // origin latitude 1 degree
+  header.put(8192, 21);                                    // origin longitude 2 degrees
+  for (unsigned width : {3u, 4u, 2u, 1u}) header.put(width, width == 3u || width == 4u ? 5 : 3);
+  const auto headerBytes = header.bytes();
+  file.insert(file.end(), headerBytes.begin(), headerBytes.end());
+  const unsigned entries = 24000;
+  for (int twice = 0; twice < 2; ++twice) encodeVLEU(entries, file);  // records, index keys
+  file.resize(file.size() + 8 * entries - 2, 0);                        // every key and block length 0
+  file.resize(file.size() + 16, 0);                                     // some records
+  for (unsigned i = 0; i < 0xFFFF; ++i) appendBE32(file, i == 0 ? tileLength : 0);
+  file.push_back(0xFF);
+  file.push_back(0xFF);
+  file.resize(file.size() + kMD4DigestSize);
+  return withTrailer(file, "");
 }
 
 }  // namespace testing

@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "wps/api/position_check.h"
 #include "wps/api/tiles/bit_input_stream.h"
 #include "wps/api/tiles/compressed_file_reader.h"  // fileHEAD
 #include "wps/api/tiles/md4.h"
@@ -64,10 +65,7 @@ void appendBE(std::vector<unsigned char>& out, uint64_t value, unsigned bytes) {
   for (unsigned i = bytes; i > 0; --i) out.push_back(static_cast<unsigned char>(value >> (8 * (i - 1))));
 }
 
-bool validCoordinates(const LocatedAccessPoint& ap) {
-  return std::isfinite(ap.latitude) && std::isfinite(ap.longitude) && ap.latitude >= -90.0 &&
-         ap.latitude <= 90.0 && ap.longitude >= -180.0 && ap.longitude <= 180.0;
-}
+bool validCoordinates(const LocatedAccessPoint& ap) { return positionProblem(ap.latitude, ap.longitude) == nullptr; }
 
 std::string trim(const std::string& s) {
   const auto first = s.find_first_not_of(" \t\r\n");
@@ -92,6 +90,11 @@ struct Coded {
 };
 
 }  // namespace
+
+int32_t cellOrigin(double degrees, double cellDegrees, unsigned precisionCode) {
+  const double units = std::ldexp(1.0, static_cast<int>(std::clamp(precisionCode, 1u, 7u)) + kPrecisionBase);
+  return static_cast<int32_t>(std::llround(std::floor(degrees / cellDegrees) * cellDegrees * units) - 1);
+}
 
 void encodeVLEU(uint64_t value, std::vector<unsigned char>& out) {
   if (value > kMaxVLEValue) value = kMaxVLEValue;
@@ -177,12 +180,14 @@ bool checkAccessPoints(const std::vector<LocatedAccessPoint>& accessPoints, std:
 }
 
 // Precision: the finest requested one whose offsets fit the 5-bit widths.
-TileGrid chooseGrid(const std::vector<LocatedAccessPoint>& accessPoints, unsigned precisionCode) {
+// With cell origins the origin is no later than the corner of the first
+// access point's cell.
+TileGrid chooseGrid(const std::vector<LocatedAccessPoint>& accessPoints, const TileWriterOptions& options) {
   const size_t count = accessPoints.size();
   TileGrid g;
   g.lat.resize(count);
   g.lon.resize(count);
-  for (g.code = std::clamp(precisionCode, 1u, 7u);; --g.code) {
+  for (g.code = std::clamp(options.precisionCode, 1u, 7u);; --g.code) {
     g.P = static_cast<int>(g.code) + kPrecisionBase;
     const double units = std::ldexp(1.0, g.P);
     for (size_t i = 0; i < count; ++i) {
@@ -195,6 +200,10 @@ TileGrid chooseGrid(const std::vector<LocatedAccessPoint>& accessPoints, unsigne
     g.originLon = *std::min_element(g.lon.begin(), g.lon.end());
     if (g.originLat == 0) g.originLat = -1;
     if (g.originLon == 0) g.originLon = -1;
+    if (options.cellOrigins) {
+      g.originLat = std::min<int64_t>(g.originLat, cellOrigin(accessPoints[0].latitude, options.tileSizeDegrees, g.code));
+      g.originLon = std::min<int64_t>(g.originLon, cellOrigin(accessPoints[0].longitude, options.tileSizeDegrees, g.code));
+    }
     g.A = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(g.lat.begin(), g.lat.end()) - g.originLat)));
     g.B = std::max(1u, bitsFor(static_cast<uint64_t>(*std::max_element(g.lon.begin(), g.lon.end()) - g.originLon)));
     if ((g.A <= 31 && g.B <= 31) || g.code == 1) return g;
@@ -243,7 +252,8 @@ TileFields chooseFields(const std::vector<LocatedAccessPoint>& accessPoints) {
   return f;
 }
 
-// Search keys in ascending order; the first of colliding keys stays.
+// Search keys in ascending order; the first of colliding keys stays. Preset
+// keys are computed without a realm.
 std::vector<Coded> sortedKeys(const std::vector<LocatedAccessPoint>& accessPoints, const std::string& realm,
                               const TileGrid& g) {
   std::vector<Coded> coded(accessPoints.size());
@@ -264,7 +274,7 @@ std::vector<size_t> blockStartsFor(size_t records, unsigned requestedBlockRecord
   const size_t blockRecords =
       requestedBlockRecords != 0
           ? std::clamp(requestedBlockRecords, 1u, 256u)
-          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 256);
+          : std::clamp<size_t>(static_cast<size_t>(std::lround(std::sqrt(static_cast<double>(records)))), 16, 32);
   std::vector<size_t> blockStarts;
   for (size_t i = 0; i < records; i += blockRecords) blockStarts.push_back(i);
   if (blockStarts.back() != records - 1) blockStarts.push_back(records - 1);
@@ -334,10 +344,10 @@ void writeHeader(BitOutputStream& tile, const TileGrid& g, const TileFields& f, 
 bool encodeTile(const std::vector<LocatedAccessPoint>& accessPoints, const TileWriterOptions& options,
                 std::vector<unsigned char>& out, std::string& error) {
   if (!checkAccessPoints(accessPoints, error)) return false;
-  const TileGrid grid = chooseGrid(accessPoints, options.precisionCode);
+  const TileGrid grid = chooseGrid(accessPoints, options);
   if (!gridFits(grid, error)) return false;
   const TileFields fields = chooseFields(accessPoints);
-  const std::vector<Coded> coded = sortedKeys(accessPoints, options.realm, grid);
+  const std::vector<Coded> coded = sortedKeys(accessPoints, options.presetKeys ? std::string() : options.realm, grid);
   const std::vector<size_t> blockStarts = blockStartsFor(coded.size(), options.blockRecords);
 
   std::vector<uint64_t> blockBits;
@@ -404,8 +414,8 @@ bool buildTileFile(const std::vector<LocatedAccessPoint>& accessPoints, const Ti
   return assembleTileFile(tiles, options.realm, out, error);
 }
 
-bool writeTileFile(const std::string& path, const std::vector<unsigned char>& bytes, std::string& error) {
-  const std::string temporary = path + ".tmp";
+bool writeTemporaryFile(const std::string& path, const std::vector<unsigned char>& bytes, std::string& error) {
+  const std::string temporary = path + kTemporarySuffix;
   auto file = SPI::File::newInstance();
   if (!file || file->open(temporary, SPI::File::WRITE | SPI::File::CREATE | SPI::File::TRUNCATE) != 0) {
     error = "cannot create " + temporary;
@@ -418,12 +428,21 @@ bool writeTileFile(const std::string& path, const std::vector<unsigned char>& by
     error = "cannot write " + temporary;
     return false;
   }
+  return true;
+}
+
+bool replaceWithTemporaryFile(const std::string& path, std::string& error) {
+  const std::string temporary = path + kTemporarySuffix;
   if (SPI::File::rename(temporary, path) != 0) {
     (void)SPI::File::remove(temporary);
     error = "cannot rename " + temporary + " to " + path;
     return false;
   }
   return true;
+}
+
+bool writeTileFile(const std::string& path, const std::vector<unsigned char>& bytes, std::string& error) {
+  return writeTemporaryFile(path, bytes, error) && replaceWithTemporaryFile(path, error);
 }
 
 }  // namespace API

@@ -35,11 +35,28 @@ struct TileWriterOptions {
   // access point into one tile.
   double tileSizeDegrees = 1.0;
   // Records per block of the block index (1..256), or 0 to choose per tile.
-  // A look-up walks the index linearly and then reads one block, so its cost
-  // is about n/2 index entries plus B/2 records for n blocks of B records;
-  // the automatic choice is sqrt(records), kept within 16..256.
+  // A look-up binary-searches the index and then reads one block, so its
+  // cost is about log2(n) index keys plus B/2 records for n blocks of B
+  // records; the automatic choice is sqrt(records), kept within 16..32 (the
+  // index costs 8 bytes per block).
   unsigned blockRecords = 0;
+  // Each tile's origin at its grid cell's south-west corner less one unit
+  // (cellOrigin) instead of its smallest coordinates, so that a record's
+  // search key depends only on its MAC and its cell, never on the other
+  // access points. Needs tileSizeDegrees > 0 and the precision code kept
+  // (cells of a degree or less).
+  bool cellOrigins = false;
+  // The MACs given are the search keys already (tileSearchKey for the cell's
+  // origin, with cellOrigins): they are written as they are and the realm
+  // goes only into the trailer. Lets a file be rewritten without knowing the
+  // MACs behind its keys.
+  bool presetKeys = false;
 };
+
+// The origin, in units of 2^-(precisionCode + 11) degrees, of the grid cell
+// of `cellDegrees` holding `degrees`: the cell's south-west corner less one
+// unit (never 0, which marks an invalid tile).
+[[nodiscard]] int32_t cellOrigin(double degrees, double cellDegrees, unsigned precisionCode);
 
 // Appends the VLEU encoding of `value` (at most kMaxVLEValue) to `out`.
 void encodeVLEU(uint64_t value, std::vector<unsigned char>& out);
@@ -71,6 +88,15 @@ void encodeVLEU(uint64_t value, std::vector<unsigned char>& out);
 // reader never sees a half-written tile file.
 [[nodiscard]] bool writeTileFile(const std::string& path, const std::vector<unsigned char>& bytes,
                                  std::string& error);
+
+// The two steps of writeTileFile, for a caller that replaces several files
+// together: write `path` + kTemporarySuffix, then rename it over `path`.
+// Until the rename the old file stays whole; a failed step removes the
+// temporary file and returns false with `error` set.
+inline constexpr const char* kTemporarySuffix = ".tmp";
+[[nodiscard]] bool writeTemporaryFile(const std::string& path, const std::vector<unsigned char>& bytes,
+                                      std::string& error);
+[[nodiscard]] bool replaceWithTemporaryFile(const std::string& path, std::string& error);
 
 }  // namespace API
 }  // namespace WPS

@@ -6,6 +6,7 @@
 #include "wps/api/protocol/location_client.h"
 #include "wps/api/protocol/protocol.h"
 #include "wps/api/tiling/tile_collection.h"
+#include "wps/spi/preferences.h"
 
 namespace WPS {
 namespace API {
@@ -41,6 +42,15 @@ void ScanCache::clear() {
   cells_.clear();
 }
 
+// ---- Tile hosts ----
+
+bool tileUrlAllowed(const std::string& url, const std::string& serverHost, const std::string& allowedHosts) {
+  if (url.find("://") == std::string::npos) return true;  // relative to the server
+  const std::string host = XmlHttpRequest::hostOf(url);
+  if (host.empty()) return false;
+  return SPI::hostListed(host, serverHost) || SPI::hostListed(host, allowedHosts);
+}
+
 // ---- FileDownloadQueue ----
 
 FileDownloadQueue::FileDownloadQueue(Listener& listener)
@@ -59,6 +69,7 @@ bool FileDownloadQueue::start(const TileInfoList& tiles, unsigned long maxBytes)
   maxBytes_ = maxBytes;
   bytes_ = 0;
   stopped_ = false;
+  allowedHosts_ = SPI::readLibraryPreference(kAllowedTileHostsKey);
   next();
   return true;
 }
@@ -73,6 +84,10 @@ std::unique_ptr<XmlHttpRequest> FileDownloadQueue::openDownload(const std::strin
   // A location relative to the server (no scheme) is requested from it.
   if (url.find("://") == std::string::npos) return client.openHttpRequest(XmlHttpRequest::GET, url, true);
   const ConnectionSettings::Values v = client.settings();
+  if (!tileUrlAllowed(url, XmlHttpRequest::hostOf(v.serverUrl), allowedHosts_)) {
+    queueLogger_.error("tile URL %s is not on the positioning server's host, refused", url.c_str());
+    return nullptr;
+  }
   std::unique_ptr<XmlHttpRequest> request = XmlHttpRequest::newInstance();
   const int rc = request->open(XmlHttpRequest::GET, url, v.proxyHost, v.proxyPort, v.proxyUser, v.proxyPassword, true);
   if (rc != 0) {
@@ -86,6 +101,12 @@ std::unique_ptr<XmlHttpRequest> FileDownloadQueue::openDownload(const std::strin
 void FileDownloadQueue::next() {
   const unsigned count = static_cast<unsigned>(tiles_.size());
   while (!stopped_.load() && index_ < tiles_.size()) {
+    if (bytes_.load() >= maxBytes_) {
+      queueLogger_.info("per-session limit of %lu bytes reached, %u tiles not downloaded", maxBytes_,
+                        static_cast<unsigned>(tiles_.size() - index_));
+      stopped_ = true;
+      break;
+    }
     const TileInfo& tile = tiles_[index_];
     queueLogger_.info("downloading tile %s (%u of %u) from %s", tileName(tile).c_str(),
                       static_cast<unsigned>(index_ + 1), count, tile.url.c_str());
@@ -95,11 +116,14 @@ void FileDownloadQueue::next() {
     const int rc = request ? RESTClient::send(std::move(request), XmlHttpRequest::GET, nullptr, 0, this) : -1;
     if (rc == 0) return;  // continues in onSuccess or onFailure
     queueLogger_.error("failed to start the download of tile %s: %d", tileName(tile).c_str(), rc);
+    chargeFailedAttempt();
     const size_t failed = index_++;
     if (!listener_.onFileFailed(static_cast<unsigned>(failed + 1), count, tiles_[failed], rc)) stopped_ = true;
   }
   finish();
 }
+
+void FileDownloadQueue::chargeFailedAttempt() { bytes_ += kFailedAttemptBytes; }
 
 void FileDownloadQueue::finish() {
   const unsigned downloaded = downloaded_;
@@ -150,6 +174,7 @@ void FileDownloadQueue::onFailure(int error) {
     return;
   }
   queueLogger_.error("failed to download tile %s: %d", tileName(tile).c_str(), error);
+  chargeFailedAttempt();
   if (!listener_.onFileFailed(number, count, tile, error)) stopped_ = true;
   next();
 }
@@ -240,6 +265,11 @@ void TilingClient::onTilingRS(int status, const char* data, unsigned long length
       logger_.error("failed to parse TilingRS");
       owner_.onTilingFailed("failed to parse TilingRS", -1);
     } else {
+      if (tiles.size() > kMaxTilesPerAnswer) {
+        logger_.error("TilingRS lists %lu tiles, only the first %lu are taken", static_cast<unsigned long>(tiles.size()),
+                      static_cast<unsigned long>(kMaxTilesPerAnswer));
+        tiles.resize(kMaxTilesPerAnswer);
+      }
       owner_.onTilingRS(tiles);
     }
   }

@@ -12,6 +12,14 @@
 // of the tiles it listed. Only one session runs at a time; the per-session
 // byte count starts at zero with each.
 //
+// Hostile answers: the client takes at most `kMaxTilesPerAnswer` tiles of one
+// answer (the collection keeps no more open anyway); every download attempt
+// counts against the session's byte allowance, a failed one as
+// `FileDownloadQueue::kFailedAttemptBytes`, and no download starts once the
+// allowance is spent; an absolute tile URL is fetched only from the
+// positioning server's own host or a host the preference
+// `kAllowedTileHostsKey` names.
+//
 // Downloads: tiles are fetched in the server's order (its first tile, the main
 // tile, first). A tile whose download fails or times out is skipped without a
 // retry in this session; it is still missing from the collection, so the next
@@ -81,9 +89,25 @@ class ScanCache {
   std::vector<SPI::ScannedCellTower> cells_;
 };
 
+// The preference (a text in the program's preferences domain, else in the
+// library's) naming hosts besides the positioning server's own from which
+// absolute tile URLs are fetched: host names separated by commas or blanks,
+// or "*" for any host.
+inline constexpr char kAllowedTileHostsKey[] = "AllowedTileHosts";
+
+// Whether a tile at `url` may be fetched: a URL relative to the server, or an
+// absolute one on `serverHost` or on one of `allowedHosts` (the preference's
+// text). Host names compare without regard to case.
+[[nodiscard]] bool tileUrlAllowed(const std::string& url, const std::string& serverHost,
+                                  const std::string& allowedHosts);
+
 // Downloads a list of tiles one after another through the REST client.
 class FileDownloadQueue final : public RESTClient::Callback {
  public:
+  // What a failed download attempt (refused, not started, or failed in
+  // transfer) counts against the session's allowance.
+  static constexpr unsigned long kFailedAttemptBytes = 4096;
+
   class Listener {
    public:
     virtual ~Listener() = default;
@@ -107,8 +131,9 @@ class FileDownloadQueue final : public RESTClient::Callback {
   // would take the count past it is dropped and ends the queue ("per-session
   // limit of %lu bytes reached..."). Each download is itself stopped as soon
   // as its body outgrows what the session has left, so an oversized tile is
-  // never held in memory. Returns false (and does nothing) while a queue is
-  // running.
+  // never held in memory. A failed attempt counts kFailedAttemptBytes; once
+  // the count reaches `maxBytes` no further download starts. Returns false
+  // (and does nothing) while a queue is running.
   bool start(const TileInfoList& tiles, unsigned long maxBytes);
   // Ends the queue: the running download is aborted and no further one
   // starts. Any thread but a handler's; does not wait.
@@ -125,10 +150,13 @@ class FileDownloadQueue final : public RESTClient::Callback {
   void next();
   void finish();
   [[nodiscard]] std::unique_ptr<SPI::XmlHttpRequest> openDownload(const std::string& url);
+  // Counts a failed attempt against the allowance.
+  void chargeFailedAttempt();
 
   Listener& listener_;
   SPI::Logger& queueLogger_;  // "WPS.API.FileDownloadQueue"
   std::vector<TileInfo> tiles_;
+  std::string allowedHosts_;  // the kAllowedTileHostsKey preference, read at start
   size_t index_ = 0;  // the tile being downloaded
   unsigned downloaded_ = 0;
   unsigned long maxBytes_ = 0;
@@ -162,6 +190,9 @@ class TilingClient final : private FileDownloadQueue::Listener {
   static constexpr int kTooFewAccessPoints = -4;
   static constexpr int kBusy = -5;            // a session is running
   static constexpr int kNoNetwork = -6;       // network mode is off (no server URL)
+
+  // The most tiles taken from one answer; the rest are dropped and logged.
+  static constexpr size_t kMaxTilesPerAnswer = 64;
 
   TilingClient(Owner& owner, SimpleAuthentication authentication, unsigned long maxDataSizePerSession,
                ScanCache::Limits limits);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -417,6 +419,95 @@ TEST_F(TilingExchangeTest, DestroyingTilingDuringADownloadAbortsIt) {
   ASSERT_TRUE(server_.http().waitForRequests(2, std::chrono::milliseconds(kWaitMs)));
   tiling.reset();  // must return promptly and leave nothing behind
   EXPECT_TRUE(dir_.names().empty());
+}
+
+// An answer listing 10,000 tiles, none of which the server has: the client
+// takes the first 64, and every failed attempt counts against the session's
+// allowance, so a small allowance stops the attempts sooner.
+TEST_F(TilingExchangeTest, AnAnswerListingThousandsOfTilesStartsFewDownloads) {
+  std::string body = "<TilingRS xmlns='" + std::string(kProtocolNamespace) + "'>";
+  for (int i = 0; i < 10000; ++i) {
+    const std::string id = "X" + std::to_string(i);
+    body += "<tile id='" + id + "' version='1'><url>" + server_.http().url("/tiles/" + id + "_1") + "</url></tile>";
+  }
+  server_.setTilingReply(body + "</TilingRS>");
+  struct Case {
+    unsigned long allowance;
+    size_t attempts;
+    const char* message;
+  } cases[] = {
+      {1 << 20, TilingClient::kMaxTilesPerAnswer, "TilingRS lists 10000 tiles, only the first 64 are taken"},
+      {5 * FileDownloadQueue::kFailedAttemptBytes, 5, "per-session limit of 20480 bytes reached, 59 tiles not downloaded"},
+  };
+  for (const Case& c : cases) {
+    SPI::LogCapture clientLog("WPS.API.TilingClient");
+    SPI::LogCapture queueLog("WPS.API.FileDownloadQueue");
+    const size_t before = server_.downloadCount();
+    auto tiling = makeTiling(c.allowance);
+    runSession(*tiling, scanOf(apsA_));
+    EXPECT_EQ(server_.downloadCount() - before, c.attempts) << c.allowance;
+    EXPECT_TRUE(clientLog.contains(c.message) || queueLog.contains(c.message)) << c.message;
+  }
+  EXPECT_TRUE(dir_.names().empty());
+}
+
+TEST(TileUrlAllowedTest, OnlyTheServersHostUnlessAllowed) {
+  struct Case {
+    const char* url;
+    const char* allowed;
+    bool ok;
+  } cases[] = {
+      {"/tiles/A_1", "", true},
+      {"https://wps.example.org/tiles/A_1", "", true},
+      {"https://WPS.Example.org:8443/tiles/A_1", "", true},
+      {"https://evil.example.net/tiles/A_1", "", false},
+      {"https://wps.example.org.evil.example.net/A_1", "", false},
+      {"https://wps.example.org@evil.example.net/A_1", "", false},
+      {"https://evil.example.net/tiles/A_1", "cdn.example.org, Evil.Example.NET", true},
+      {"https://other.example.net/tiles/A_1", "cdn.example.org,evil.example.net", false},
+      {"https://other.example.net/tiles/A_1", "*", true},
+      {"not a url://", "", false},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(tileUrlAllowed(c.url, "wps.example.org", c.allowed), c.ok) << c.url << " / " << c.allowed;
+  }
+}
+
+// An absolute tile URL naming another host ("localhost" reaches the same
+// loopback server under another name) is refused unless the program's
+// preferences allow that host.
+TEST_F(TilingExchangeTest, TilesFromAnotherHostNeedThePreference) {
+  serve("D", "1", apsA_);
+  std::string foreign = server_.http().url("/tiles/D_1");
+  foreign.replace(foreign.find("127.0.0.1"), 9, "localhost");
+  server_.setTilingReply("<TilingRS xmlns='" + std::string(kProtocolNamespace) + "'><tile id='D' version='1'><url>" +
+                         foreign + "</url></tile></TilingRS>");
+  TileDir config;
+  const char* old = std::getenv("XDG_CONFIG_HOME");
+  const std::string saved = old ? old : "";
+  setenv("XDG_CONFIG_HOME", config.path().c_str(), 1);
+  {
+    SPI::LogCapture log("WPS.API.FileDownloadQueue");
+    auto tiling = makeTiling(1 << 20);
+    runSession(*tiling, scanOf(apsA_));
+    EXPECT_TRUE(log.containsFragment("is not on the positioning server's host, refused"));
+    EXPECT_EQ(server_.downloadCount(), 0u);
+    EXPECT_TRUE(dir_.names().empty());
+  }
+  std::ofstream(config.file(SPI::Logger::applicationDomain() + ".plist"))
+      << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>" << kAllowedTileHostsKey
+      << "</key><string>tiles.example.org, localhost</string></dict></plist>\n";
+  {
+    auto tiling = makeTiling(1 << 20);
+    runSession(*tiling, scanOf(apsA_));
+    EXPECT_EQ(server_.downloadCount(), 1u);
+    EXPECT_EQ(dir_.names(), std::set<std::string>{"D_1.dat"});
+  }
+  if (old) {
+    setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
+  } else {
+    unsetenv("XDG_CONFIG_HOME");
+  }
 }
 
 }  // namespace

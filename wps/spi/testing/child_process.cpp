@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 extern char** environ;
 
@@ -144,7 +145,82 @@ bool prepareStream(const ChildProcess::Stream& stream, int* childFd, int* parent
   return false;
 }
 
+
+// The program's argument and environment vectors, made before fork: after
+// it, in a process with threads, only async-signal-safe calls are allowed.
+class ExecVectors {
+ public:
+  explicit ExecVectors(const ChildProcess::Options& options) : argText_(options.argv) {
+    std::map<std::string, std::string> environment;
+    for (char** entry = environ; *entry; ++entry) {
+      const std::string text = *entry;
+      const size_t eq = text.find('=');
+      if (eq != std::string::npos) environment[text.substr(0, eq)] = text.substr(eq + 1);
+    }
+    for (const std::string& name : options.unsetEnvironment) environment.erase(name);
+    for (const auto& [name, value] : options.setEnvironment) environment[name] = value;
+    for (const auto& [name, value] : environment) envText_.push_back(name + "=" + value);
+    for (std::string& entry : envText_) envp_.push_back(entry.data());
+    envp_.push_back(nullptr);
+    for (std::string& arg : argText_) argv_.push_back(arg.data());
+    argv_.push_back(nullptr);
+  }
+  char* const* argv() const { return argv_.data(); }
+  char* const* envp() const { return envp_.data(); }
+
+ private:
+  std::vector<std::string> argText_, envText_;
+  std::vector<char*> argv_, envp_;
+};
+
+// The descriptors of a start: the child's ends (standard input from
+// /dev/null, the output streams) and the test's ends of the captured ones.
+// Whatever is still open when the object goes is closed.
+struct StartDescriptors {
+  int input = -1, childOut = -1, childErr = -1, parentOut = -1, parentErr = -1;
+
+  ~StartDescriptors() {
+    for (int f : {input, childOut, childErr, parentOut, parentErr})
+      if (f >= 0) ::close(f);
+  }
+  // Hands the test's end of a stream over (it is no longer closed here).
+  int release(int* fd) { return std::exchange(*fd, -1); }
+};
+
+// In the forked child: a session of its own, no blocked signals, the
+// standard descriptors in place, then the program. Only async-signal-safe
+// calls from here on.
+[[noreturn]] void execInChild(const std::string& program, const ExecVectors& vectors,
+                              const StartDescriptors& fds, const char* workingDirectory) {
+  ::setsid();
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  ::dup2(fds.input, STDIN_FILENO);
+  if (fds.childOut >= 0) ::dup2(fds.childOut, STDOUT_FILENO);
+  if (fds.childErr >= 0) ::dup2(fds.childErr, STDERR_FILENO);
+  // Descriptors above 2 were opened close-on-exec by this object; others
+  // the test holds must not leak into the program either.
+  ::close_range(3, ~0U, 0);
+  if (workingDirectory && ::chdir(workingDirectory) != 0) ::_exit(126);
+  ::execve(program.c_str(), vectors.argv(), vectors.envp());
+  ::_exit(127);
+}
+
 }  // namespace
+
+// Reads the test's end of a captured stream on a thread of its own; null
+// when the stream is not captured.
+std::unique_ptr<ChildProcess::Capture> ChildProcess::startCapture(int fd, const Stream& stream) {
+  if (fd < 0) return nullptr;
+  auto c = std::make_unique<Capture>();
+  c->fd = fd;
+  if (::pipe2(c->wake, O_CLOEXEC) != 0) return c;  // no reader: the text stays empty
+  if (!stream.mirrorFile.empty())
+    c->mirror = ::open(stream.mirrorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  c->reader = std::thread([raw = c.get()] { raw->run(); });
+  return c;
+}
 
 std::unique_ptr<ChildProcess> ChildProcess::start(const Options& options, std::string* error) {
   errno = 0;
@@ -157,38 +233,15 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const Options& options, std::s
     fail(error, "not found: " + options.argv[0]);
     return nullptr;
   }
-
-  // Everything the child needs is made before fork: after it, in a process
-  // with threads, only async-signal-safe calls are allowed.
-  std::map<std::string, std::string> environment;
-  for (char** entry = environ; *entry; ++entry) {
-    const std::string text = *entry;
-    const size_t eq = text.find('=');
-    if (eq != std::string::npos) environment[text.substr(0, eq)] = text.substr(eq + 1);
+  const ExecVectors vectors(options);
+  StartDescriptors fds;
+  fds.input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (fds.input < 0) {
+    fail(error, "/dev/null");
+    return nullptr;
   }
-  for (const std::string& name : options.unsetEnvironment) environment.erase(name);
-  for (const auto& [name, value] : options.setEnvironment) environment[name] = value;
-  std::vector<std::string> envText;
-  for (const auto& [name, value] : environment) envText.push_back(name + "=" + value);
-  std::vector<char*> envp;
-  for (std::string& entry : envText) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-  std::vector<std::string> argText = options.argv;
-  std::vector<char*> argv;
-  for (std::string& arg : argText) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-
-  std::unique_ptr<ChildProcess> child(new ChildProcess);
-  int childOut = -1, childErr = -1, parentOut = -1, parentErr = -1;
-  const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  auto closeAll = [&] {
-    for (int f : {childOut, childErr, parentOut, parentErr, input})
-      if (f >= 0) ::close(f);
-  };
-  if (input < 0 || !prepareStream(options.out, &childOut, &parentOut, error) ||
-      !prepareStream(options.err, &childErr, &parentErr, error)) {
-    if (input < 0) fail(error, "/dev/null");
-    closeAll();
+  if (!prepareStream(options.out, &fds.childOut, &fds.parentOut, error) ||
+      !prepareStream(options.err, &fds.childErr, &fds.parentErr, error)) {
     return nullptr;
   }
   const char* workingDirectory = options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str();
@@ -196,41 +249,14 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const Options& options, std::s
   const pid_t pid = ::fork();
   if (pid < 0) {
     fail(error, "fork");
-    closeAll();
     return nullptr;
   }
-  if (pid == 0) {
-    ::setsid();
-    sigset_t none;
-    sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    ::dup2(input, STDIN_FILENO);
-    if (childOut >= 0) ::dup2(childOut, STDOUT_FILENO);
-    if (childErr >= 0) ::dup2(childErr, STDERR_FILENO);
-    // Descriptors above 2 were opened close-on-exec by this object; others
-    // the test holds must not leak into the program either.
-    ::close_range(3, ~0U, 0);
-    if (workingDirectory && ::chdir(workingDirectory) != 0) ::_exit(126);
-    ::execve(program.c_str(), argv.data(), envp.data());
-    ::_exit(127);
-  }
+  if (pid == 0) execInChild(program, vectors, fds, workingDirectory);
+  std::unique_ptr<ChildProcess> child(new ChildProcess);
   child->pid_ = pid;
-  for (int f : {childOut, childErr, input})
-    if (f >= 0) ::close(f);
-
-  auto capture = [](int fd, const Stream& stream) -> std::unique_ptr<Capture> {
-    if (fd < 0) return nullptr;
-    auto c = std::make_unique<Capture>();
-    c->fd = fd;
-    if (::pipe2(c->wake, O_CLOEXEC) != 0) return c;  // no reader: the text stays empty
-    if (!stream.mirrorFile.empty())
-      c->mirror = ::open(stream.mirrorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    c->reader = std::thread([raw = c.get()] { raw->run(); });
-    return c;
-  };
-  child->out_ = capture(parentOut, options.out);
-  child->err_ = capture(parentErr, options.err);
-  return child;
+  child->out_ = startCapture(fds.release(&fds.parentOut), options.out);
+  child->err_ = startCapture(fds.release(&fds.parentErr), options.err);
+  return child;  // `fds` closes the child's ends here
 }
 
 ChildProcess::~ChildProcess() {

@@ -108,6 +108,7 @@ class ChildProcess {
  private:
   struct Capture;
   ChildProcess() = default;
+  static std::unique_ptr<Capture> startCapture(int fd, const Stream& stream);
   void reap(int status);
 
   pid_t pid_ = -1;
