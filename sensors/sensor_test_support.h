@@ -17,6 +17,7 @@
 #include "platform/reachability.h"
 #include "platform/run_loop.h"
 #include "sensors/telluro_helper.h"
+#include "wps/spi/simulated_clock.h"
 
 namespace zonara::testing {
 
@@ -176,7 +177,7 @@ class FakeFetcher final : public HttpFetcher {
 
 // Moves virtual time forward in steps of `step`, letting the main run loop
 // fire what became due after each step.
-inline void advanceMainLoop(VirtualClock& clock, std::chrono::milliseconds total,
+inline void advanceMainLoop(WPS::SPI::SimulatedClock& clock, std::chrono::milliseconds total,
                             std::chrono::milliseconds step = std::chrono::milliseconds(100)) {
   for (auto done = std::chrono::milliseconds(0); done < total; done += step) {
     clock.advance(step);

@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "platform/clock.h"
 #include "platform/file_system.h"
 
 namespace zonara {
@@ -57,15 +56,6 @@ WPS_ReturnCode WpsLocationLibrary::ipLocation(double* longitude, double* latitud
 bool WpsLocationLibrary::usesAccounts() { return WPS_server_protocol() == WPS_PROTOCOL_XML; }
 
 void WpsLocationLibrary::setServerURL(const std::string& url) { (void)WPS_set_server_url(url.c_str()); }
-
-void WpsLocationLibrary::shareClock() {
-  static const WPS_Clock clock{
-      nullptr,
-      [](void*) -> long long { return Clock::get().wallNow().time_since_epoch().count(); },
-      [](void*, long long milliseconds) { Clock::get().sleepFor(Clock::Duration(milliseconds)); },
-  };
-  (void)WPS_set_clock(&clock);
-}
 
 LearnedPlaces::LearnedPlaces(std::string dataFolder)
     : folder_(dataFolder + "/Learned"), accountPath_(dataFolder + "/Telluro.plist") {}

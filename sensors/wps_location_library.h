@@ -24,10 +24,6 @@ class WpsLocationLibrary final : public LocationLibrary {
   [[nodiscard]] bool usesAccounts() override;
   // Points the library at `url`; "" means no server (no network use).
   static void setServerURL(const std::string& url);
-  // Makes the library keep the helper's time: it reads the time and sleeps
-  // through the installed Clock (looked up at every call), so a sped-up or
-  // test clock applies to both. Call before the library's first use.
-  static void shareClock();
 };
 
 // Learned places of the installation whose data folder is `dataFolder`

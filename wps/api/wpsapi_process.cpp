@@ -1,6 +1,7 @@
 // The public functions that set up the process rather than ask for a
-// location. They need none of the library's components and do not take the
-// library lock.
+// location, and the library's clock as the embedding program sees it. They
+// need none of the library's components and do not take the library lock.
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -11,35 +12,18 @@
 
 namespace {
 
-// The embedding program's clock as the library's.
-class ProgramClock final : public WPS::SPI::Clock {
- public:
-  explicit ProgramClock(const WPS_Clock& clock) : clock_(clock) {}
-
-  WPS::SPI::Time now() override {
-    const long long ms = clock_.now_ms(clock_.context);
-    return WPS::SPI::Time(static_cast<int32_t>(ms / 1000), static_cast<int32_t>(ms % 1000));
-  }
-  void sleepMilliseconds(int64_t milliseconds) override {
-    if (milliseconds > 0) clock_.sleep_ms(clock_.context, milliseconds);
-  }
-
- private:
-  const WPS_Clock clock_;
-};
-
-// Every program clock installed; replaced ones are kept (never freed), since
-// a thread of the library may still be reading one.
-struct InstalledClocks {
+// Every sped-up clock installed; replaced ones are kept (never freed), since
+// a thread may still be reading one.
+struct ScaledClocks {
   WPS::SPI::StdMutex mu;
-  std::vector<std::unique_ptr<ProgramClock>> clocks WPS_GUARDED_BY(mu);
+  std::vector<std::unique_ptr<WPS::SPI::ScaledClock>> clocks WPS_GUARDED_BY(mu);
 };
 
-WPS::SPI::Clock* keepClock(std::unique_ptr<ProgramClock> clock) {
-  static InstalledClocks* installed = new InstalledClocks;
-  WPS::SPI::StdMutexLock lock(installed->mu);
-  installed->clocks.push_back(std::move(clock));
-  return installed->clocks.back().get();
+WPS::SPI::Clock* keepClock(std::unique_ptr<WPS::SPI::ScaledClock> clock) {
+  static ScaledClocks* kept = new ScaledClocks;
+  WPS::SPI::StdMutexLock lock(kept->mu);
+  kept->clocks.push_back(std::move(clock));
+  return kept->clocks.back().get();
 }
 
 }  // namespace
@@ -52,14 +36,33 @@ WPS_ReturnCode WPS_set_preferences_domain(const char* domain) {
   return WPS_OK;
 }
 
-WPS_ReturnCode WPS_set_clock(const WPS_Clock* clock) {
-  if (clock == nullptr) {
+long long WPS_clock_wall_ms(void) {
+  const WPS::SPI::Time now = WPS::SPI::Clock::get().now();
+  return static_cast<long long>(now.seconds) * 1000 + now.milliseconds;
+}
+
+long long WPS_clock_monotonic_ms(void) { return WPS::SPI::Clock::get().monotonicMilliseconds(); }
+
+void WPS_clock_sleep_ms(long long milliseconds) { WPS::SPI::Clock::get().sleepMilliseconds(milliseconds); }
+
+int WPS_clock_is_simulated(void) { return WPS::SPI::Clock::get().isSimulated() ? 1 : 0; }
+
+long long WPS_clock_real_ms(long long milliseconds) {
+  return WPS::SPI::Clock::get().realMilliseconds(milliseconds);
+}
+
+WPS_ReturnCode WPS_set_time_scale(double factor) {
+  if (!std::isfinite(factor) || factor < 1.0) return WPS_ERROR;
+  if (factor == 1.0) {
     WPS::SPI::Clock::set(nullptr);
     return WPS_OK;
   }
-  if (clock->now_ms == nullptr || clock->sleep_ms == nullptr) return WPS_ERROR;
-  WPS::SPI::Clock::set(keepClock(std::make_unique<ProgramClock>(*clock)));
+  WPS::SPI::Clock::set(keepClock(std::make_unique<WPS::SPI::ScaledClock>(factor)));
   return WPS_OK;
+}
+
+void WPS_set_clock_listener(void (*moved)(void* context), void* context) {
+  WPS::SPI::Clock::setMovedListener(moved, context);
 }
 
 }  // extern "C"

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -25,7 +26,6 @@
 #include "wps/api/protocol/config.h"
 #include "wps/api/testing/geolocation_server.h"
 #include "wps/api/wpsapi_internal.h"
-#include "wps/spi/concurrent.h"
 #include "wps/spi/log_capture.h"
 #include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/http_test_server.h"
@@ -192,40 +192,48 @@ TEST(PublicSetup, ThePreferencesDomainMustBeNamed) {
   EXPECT_EQ(WPS_set_preferences_domain("org.example.WpsApiTest"), WPS_OK);
 }
 
-// The embedding program's clock is the library's: the library reads its time
-// and sleeps on it; null restores the system's clock.
-TEST(PublicSetup, TheProgramsClockIsTheLibrarys) {
-  struct ProgramTime {
-    long long nowMs = 1700000000250LL;
-    long long slept = 0;
-  } time;
-  const WPS_Clock clock{&time, [](void* c) -> long long { return static_cast<ProgramTime*>(c)->nowMs; },
-                        [](void* c, long long ms) {
-                          auto* t = static_cast<ProgramTime*>(c);
-                          t->slept += ms;
-                          t->nowMs += ms;
-                        }};
-  const WPS_Clock withoutTime{&time, nullptr, clock.sleep_ms};
-  const WPS_Clock withoutSleep{&time, clock.now_ms, nullptr};
-  EXPECT_EQ(WPS_set_clock(&withoutTime), WPS_ERROR);
-  EXPECT_EQ(WPS_set_clock(&withoutSleep), WPS_ERROR);
+// The program reads the library's clock: a simulated one moves only when
+// told (and tells the listener every move), a sped-up one only for a factor
+// of at least 1.
+TEST(PublicSetup, TheProgramReadsTheLibrarysClock) {
+  int moves = 0;
+  WPS_set_clock_listener([](void* counter) { ++*static_cast<int*>(counter); }, &moves);
+  struct Quiet {
+    ~Quiet() { WPS_set_clock_listener(nullptr, nullptr); }
+  } quiet;
+  {
+    SPI::SimulatedClock clock(SPI::Time(1700000000, 250));
+    SPI::ScopedClock installed(clock);
+    EXPECT_EQ(moves, 1);
+    EXPECT_EQ(WPS_clock_is_simulated(), 1);
+    EXPECT_EQ(WPS_clock_wall_ms(), 1700000000250LL);
+    EXPECT_EQ(WPS_clock_monotonic_ms(), 0);
+    WPS_clock_sleep_ms(1500);
+    WPS_clock_sleep_ms(0);
+    clock.advance(500);
+    EXPECT_EQ(WPS_clock_monotonic_ms(), 2000);
+    EXPECT_EQ(SPI::Time::now(), SPI::Time(1700000002, 250));
+    EXPECT_EQ(clock.totalSlept(), 1500);
+    EXPECT_EQ(moves, 3);
+  }
+  EXPECT_EQ(moves, 4);
+  EXPECT_EQ(WPS_clock_is_simulated(), 0);
+  EXPECT_EQ(WPS_clock_real_ms(250), 250);
 
-  struct Restore {
-    ~Restore() { (void)WPS_set_clock(nullptr); }
-  } restore;
-  ASSERT_EQ(WPS_set_clock(&clock), WPS_OK);
-  const SPI::Time start = SPI::Time::now();
-  EXPECT_EQ(start.seconds, 1700000000);
-  EXPECT_EQ(start.milliseconds, 250);
-  SPI::Thread::msleep(1500);
-  SPI::Thread::msleep(0);
-  EXPECT_EQ(time.slept, 1500);
-  EXPECT_EQ(SPI::Time::now() - start, 1500);
-
-  ASSERT_EQ(WPS_set_clock(nullptr), WPS_OK);
-  const auto realSeconds = std::chrono::duration_cast<std::chrono::seconds>(
-                               std::chrono::system_clock::now().time_since_epoch()).count();
-  EXPECT_NEAR(SPI::Time::now().seconds, realSeconds, 2);
+  for (double refused : {0.5, -2.0, std::nan(""), HUGE_VAL}) EXPECT_EQ(WPS_set_time_scale(refused), WPS_ERROR);
+  EXPECT_EQ(moves, 4);
+  ASSERT_EQ(WPS_set_time_scale(50), WPS_OK);
+  EXPECT_EQ(WPS_clock_real_ms(1000), 20);
+  EXPECT_EQ(WPS_clock_real_ms(1), 1);
+  const long long start = WPS_clock_monotonic_ms();
+  WPS_clock_sleep_ms(500);  // about 10 ms of real time
+  EXPECT_GE(WPS_clock_monotonic_ms() - start, 500);
+  ASSERT_EQ(WPS_set_time_scale(1), WPS_OK);
+  EXPECT_EQ(WPS_clock_real_ms(1000), 1000);
+  const auto realMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          std::chrono::system_clock::now().time_since_epoch()).count();
+  EXPECT_NEAR(static_cast<double>(WPS_clock_wall_ms()), static_cast<double>(realMs), 2000.0);
+  EXPECT_EQ(moves, 6);
 }
 
 // When the server is asked, what it is sent, and when the scanning stops.
