@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/dbus.h"
+#include "platform/testing/network_namespace.h"
 #include "platform/testing/test_bus.h"
 #include "platform/zonara_names.h"
 #include "sensors/telluro_helper.h"
@@ -30,13 +31,6 @@ namespace {
 
 bool g_namespace = false;
 
-bool writeProcFile(const char* path, const std::string& text) {
-  const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ::close(fd);
-  return ok;
-}
 
 bool run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
 
@@ -61,16 +55,7 @@ std::vector<std::string> lines(const std::string& text) {
 // ---------------------------------------------------------------- namespace
 
 bool NetworkNamespace::enterAtStart() {
-  const uid_t uid = ::getuid();
-  const gid_t gid = ::getgid();
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
-  writeProcFile("/proc/self/setgroups", "deny");
-  if (!writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-      !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-    return false;
-  }
-  // The loopback interface starts down in a fresh namespace.
-  g_namespace = run("ip link set lo up");
+  g_namespace = enterNetworkNamespace();
   return g_namespace;
 }
 
