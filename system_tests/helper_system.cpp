@@ -338,6 +338,7 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 HelperSystem::~HelperSystem() {
   helper_.reset();  // kills it when a test left it running
   if (wireless_) run(std::string("ip link del ") + wirelessInterface());
+  if (vpn_) (void)runIp(std::string("tuntap del dev ") + vpnInterface() + " mode tun");
   // The servers go before the state their handlers read.
   gates_.clear();
   ipPage_.reset();
@@ -432,6 +433,26 @@ bool HelperSystem::startHelper(const std::map<std::string, std::string>& environ
   helper_ = ChildProcess::start(options, &problem);
   if (!helper_) fail("cannot start the helper: " + problem);
   return helper_ != nullptr;
+}
+
+bool HelperSystem::vpnUp() {
+  if (!NetworkNamespace::available()) return false;
+  const std::string tun = vpnInterface();
+  (void)runIp("tuntap del dev " + tun + " mode tun");  // left over from a test that crashed
+  vpn_ = runIp("tuntap add dev " + tun + " mode tun");
+  return vpn_ && runIp("addr add 10.213.0.2/24 dev " + tun) && runIp("link set " + tun + " up") &&
+         runIp("route replace default dev " + tun);
+}
+
+std::optional<int> HelperSystem::runZonara(const std::vector<std::string>& arguments) {
+  ChildProcess::Options options;
+  options.argv = {(binDir() / "zonara").string()};
+  options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+  options.setEnvironment = helperEnvironment();
+  options.err.kind = ChildProcess::Output::Inherit;
+  std::unique_ptr<ChildProcess> zonara = ChildProcess::start(options);
+  if (!zonara) return std::nullopt;
+  return zonara->waitFor(timeout(std::chrono::seconds(20)));
 }
 
 std::optional<int> HelperSystem::stopHelper(std::chrono::milliseconds grace) {
