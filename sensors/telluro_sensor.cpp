@@ -149,7 +149,7 @@ bool TelluroSensor::isConnected(uint32_t flags) {
 void TelluroSensor::waitForConnectivity() {
   while (!ready_) {
     uint32_t flags = 0;
-    if (!reachability_.checkReachabilityByName(config_.reachabilityHost, &flags)) {
+    if (!reachability_.checkReachabilityByName(config().reachabilityHost, &flags)) {
       Clock::get().sleepFor(500ms);
       continue;
     }
@@ -210,7 +210,7 @@ void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location
 void TelluroSensor::refreshLocation() {
   // Only primes the resolver; the answer does not matter.
   uint32_t flags = 0;
-  (void)reachability_.checkReachabilityByName(config_.reachabilityHost, &flags);
+  (void)reachability_.checkReachabilityByName(config().reachabilityHost, &flags);
   helper_.reportCurrentLocation(callbackTo(&TelluroSensor::finishRefresh));
 }
 
@@ -241,9 +241,10 @@ void TelluroSensor::startIPLocationCheck() {
 std::optional<TelluroLocation> TelluroSensor::performIPLocationCheck(const std::stop_token& stop) {
   SystemLog("performing ip location");
   std::optional<TelluroLocation> location;
-  if (!config_.ipLocationURL.empty()) {
+  const std::string ipLocationURL = config().ipLocationURL;
+  if (!ipLocationURL.empty()) {
     std::optional<std::string> body;
-    std::string base = config_.ipLocationURL;
+    std::string base = ipLocationURL;
     while (!base.empty() && base.back() == '/') base.pop_back();
     const std::string url = base + kIPLocationPath;
     for (int attempt = 0; attempt < 10 && !body && !stop.stop_requested(); ++attempt) {
@@ -275,6 +276,12 @@ std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::st
   if (*next == '/') ++next;
   const double longitude = std::strtod(next, &end);
   if (end == next) return std::nullopt;
+  // strtod reads "nan", "inf" and any magnitude: none of them is a place.
+  if (!std::isfinite(latitude) || !std::isfinite(longitude) || std::fabs(latitude) > 90 ||
+      std::fabs(longitude) > 180) {
+    SystemLogAt(LogPriority::Warning, "IP-location page gives no place on Earth: %g / %g", latitude, longitude);
+    return std::nullopt;
+  }
   return TelluroLocation{longitude, latitude, {kUnstatedIPAccuracyMetres, PositionSource::IPAddress}};
 }
 
@@ -291,6 +298,16 @@ bool TelluroSensor::statusIsEqualToStatus(const TelluroStatus& other) const {
       static_cast<float>(*mine.currentLongitude), static_cast<float>(mine.currentLatitude.value_or(NAN)),
       static_cast<float>(*other.currentLongitude), static_cast<float>(other.currentLatitude.value_or(NAN)));
   return distance < 0.01f;  // NaN compares unequal
+}
+
+TelluroSensor::Config TelluroSensor::config() const {
+  MutexLock lock(mu_);
+  return config_;
+}
+
+void TelluroSensor::setConfig(Config config) {
+  MutexLock lock(mu_);
+  config_ = std::move(config);
 }
 
 void TelluroSensor::willSleep() {
@@ -310,6 +327,8 @@ void TelluroSensor::didWake() {
   if (seconds / 60 > 2) {
     SystemLog("clearing Telluro currentLongitutde/currentLatitude because it's been more than 2 minutes since sleep occured");
     setPosition(std::nullopt, std::nullopt);
+    // The computer may have travelled meanwhile: look where it is now.
+    performLocationCheck();
   }
 }
 

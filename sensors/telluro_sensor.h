@@ -111,7 +111,9 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   [[nodiscard]] std::optional<TelluroLocation> performIPLocationCheck(const std::stop_token& stop = {});
   // Whether the IP-location fallback is queued or running (tests).
   [[nodiscard]] bool ipLocationCheckRunning() const { return worker_.busy(); }
-  // Reads "Latitude/Longitude ... class=output ... >LAT/LON" from a page.
+  // Reads "Latitude/Longitude ... class=output ... >LAT/LON" from a page;
+  // nullopt unless both numbers are there and finite, latitude within
+  // [-90, 90] and longitude within [-180, 180].
   [[nodiscard]] static std::optional<TelluroLocation> scrapeIPLocationPage(const std::string& page);
 
   [[nodiscard]] static bool isConnected(uint32_t flags);
@@ -119,11 +121,16 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   [[nodiscard]] bool statusIsEqualToStatus(const TelluroStatus& other) const override;
 
   // Sleep and wake: a wake at least 3 whole minutes after the sleep clears
-  // the position.
+  // the position and starts a check (`performLocationCheck`).
   void willSleep();
   void didWake();
 
   [[nodiscard]] bool ready() const { return ready_; }
+
+  // Settings for the checks from now on (a check in progress may still use
+  // the old ones). Any thread.
+  void setConfig(Config config);
+  [[nodiscard]] Config config() const;
 
  private:
   void refreshLocation();
@@ -143,10 +150,10 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   Reachability& reachability_;
   HttpFetcher& fetcher_;
   LocationTrigger& trigger_;
-  const Config config_;
 
   std::atomic<bool> ready_{true};
   mutable Mutex mu_;
+  Config config_ ZONARA_GUARDED_BY(mu_);
   std::optional<double> currentLongitude_ ZONARA_GUARDED_BY(mu_);
   std::optional<double> currentLatitude_ ZONARA_GUARDED_BY(mu_);
   std::optional<PositionQuality> currentQuality_ ZONARA_GUARDED_BY(mu_);
