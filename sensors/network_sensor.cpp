@@ -4,6 +4,7 @@
 
 #include "platform/clock.h"
 #include "platform/system_log.h"
+#include "platform/zonara_names.h"
 
 namespace zonara {
 namespace {
@@ -99,6 +100,7 @@ void NetworkSensor::update(const Notification& notification) {
     return it == value->end() ? 0 : it->second.asInteger();
   };
   if (integer("Power Status") != 0 && integer("Busy") == 0) {
+    center_.post(Notification{kNetworkChangedNotification, this, {}});
     Clock::get().sleepFor(1000ms);
     check_.performLocationCheck();
   }

@@ -1,7 +1,8 @@
 // Finds the wireless and wired interfaces in the dynamic store, watches
 // them through the system configuration monitor, and asks the positioning
 // sensor for a location check when the wireless interface is powered and no
-// longer busy (it has just joined a network).
+// longer busy (it has just joined a network); the local notification
+// "ZonaraNetworkChanged" is posted on `center` just before.
 //
 // Discovery looks at the store's interfaces in index order: one with an
 // "AirPort" entity is the wireless interface, else one with a "Link" entity
