@@ -56,3 +56,34 @@ function(zonara_add_program name)
   endif()
   install(TARGETS ${name} RUNTIME DESTINATION ${ARG_INSTALL_DESTINATION})
 endfunction()
+
+# zonara_add_manual_page(<source> [ALIASES <names...>])
+#   A roff manual page <source> (named NAME.SECTION), compressed at build time
+#   into build/share/man/manSECTION/NAME.SECTION.gz and installed into
+#   <prefix>/share/man/manSECTION/. Each alias is a page that includes it
+#   (".so"), for a program known under two names.
+function(zonara_add_manual_page source)
+  cmake_parse_arguments(ARG "" "" "ALIASES" ${ARGN})
+  get_filename_component(page ${source} NAME)
+  string(REGEX REPLACE "^.*\\.([0-9])$" "\\1" section ${page})
+  set(dir ${CMAKE_BINARY_DIR}/share/man/man${section})
+  set(pages ${dir}/${page}.gz)
+  # gzip -n: no name or time stamp inside, so the package is reproducible.
+  add_custom_command(OUTPUT ${dir}/${page}.gz
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${dir}
+    COMMAND gzip -9 -n -c ${CMAKE_CURRENT_SOURCE_DIR}/${source} > ${dir}/${page}.gz
+    DEPENDS ${source}
+    COMMENT "Compressing the manual page ${page}"
+    VERBATIM)
+  foreach(alias ${ARG_ALIASES})
+    file(WRITE ${dir}/${alias}.${section}.so ".so man${section}/${page}\n")
+    add_custom_command(OUTPUT ${dir}/${alias}.${section}.gz
+      COMMAND gzip -9 -n -c ${dir}/${alias}.${section}.so > ${dir}/${alias}.${section}.gz
+      DEPENDS ${dir}/${alias}.${section}.so
+      VERBATIM)
+    list(APPEND pages ${dir}/${alias}.${section}.gz)
+  endforeach()
+  string(REPLACE "." "_" target "manual_page_${page}")
+  add_custom_target(${target} ALL DEPENDS ${pages})
+  install(FILES ${pages} DESTINATION share/man/man${section})
+endfunction()

@@ -13,6 +13,9 @@
 #   <prefix>/share/icons/hicolor/64x64/apps/zonara.png
 #   <prefix>/share/polkit-1/rules.d/50-zonara-timezone.rules   (app/)
 #   <prefix>/lib/systemd/user/zonara-helper.service
+#   <prefix>/share/man/man1/zonara.1.gz, ZonaraHelper.1.gz, zonara-helper.1.gz   (tools/, app/)
+#   <prefix>/share/bash-completion/completions/zonara                          (tools/)
+#   <prefix>/share/doc/zonara/README.md
 #
 # A process is recognised as the helper by the bundle its executable lives
 # in, so the commands on PATH are links (which /proc resolves), not copies.
@@ -43,6 +46,7 @@ install(FILES ${_helper}/Contents/Info.plist DESTINATION ${ZONARA_HELPER_DIR}/Co
 install(FILES ${PROJECT_SOURCE_DIR}/app/resources/Zonara.png DESTINATION ${ZONARA_HELPER_DIR}/Contents/Resources)
 install(FILES ${PROJECT_SOURCE_DIR}/app/resources/Zonara.png
         DESTINATION share/icons/hicolor/64x64/apps RENAME zonara.png)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION share/doc/zonara)
 
 # Links, the desktop entry and the user unit name the final prefix, which is
 # only known when installing (cmake --install --prefix P).

@@ -48,7 +48,9 @@ grep -q "sudo install -m 644 $P/share/polkit-1/rules.d/50-zonara-timezone.rules"
 # --- Layout ---------------------------------------------------------------
 for f in "$PANE/Contents/Info.plist" "$HELPER/Contents/Info.plist" "$HELPER/Contents/Resources/Zonara.png" \
          "$P/share/applications/org.quillon.Zonara.desktop" "$P/share/icons/hicolor/64x64/apps/zonara.png" \
-         "$P/share/polkit-1/rules.d/50-zonara-timezone.rules" "$P/lib/systemd/user/zonara-helper.service"; do
+         "$P/share/polkit-1/rules.d/50-zonara-timezone.rules" "$P/lib/systemd/user/zonara-helper.service" \
+         "$P/share/man/man1/zonara.1.gz" "$P/share/man/man1/ZonaraHelper.1.gz" "$P/share/man/man1/zonara-helper.1.gz" \
+         "$P/share/bash-completion/completions/zonara" "$P/share/doc/zonara/README.md"; do
   [ -f "$f" ] || fail "missing $f"
 done
 for f in "$PANE/Contents/MacOS/zonara" "$HELPER_EXE" "$P/bin/wps-tool"; do

@@ -4,7 +4,9 @@
 // of the data set, registers users and offers the tile files built from it;
 // a geolocation JSON API server that knows the same access points and places
 // the computer's IP address in the IP city;
-// a time-zone service and an IP-location page for the cities of the table.
+// a time-zone service and an IP-location page for the cities of the table
+// (not with --without-city-services: zones then come from the boundary data
+// alone, and the IP position from the geolocation server).
 // On the session bus (DBUS_SESSION_BUS_ADDRESS) it is the desktop
 // notification service. Everything it is asked, and every notification (with
 // its id and its actions), is printed as it happens.
@@ -22,7 +24,7 @@
 // shell assignments:
 //   POSITIONING_SERVER_URL=http://127.0.0.1:PORT
 //   GEOLOCATION_SERVER_URL=http://127.0.0.1:PORT/v1/geolocate
-//   CITY_SERVICES_URL=http://127.0.0.1:PORT
+//   CITY_SERVICES_URL=http://127.0.0.1:PORT      (not with --without-city-services)
 // and it appends "SUMMARY: BODY" for each notification to the
 // --notifications file. It runs until SIGTERM or SIGINT.
 //
@@ -58,7 +60,8 @@ namespace {
 
 const char kUsage[] =
     "usage: zonara-demo-services --cities FILE --access-points CSV... --ready FILE\n"
-    "                            [--tile ID_VERSION=FILE]... [--ip-city ID] [--notifications FILE]\n";
+    "                            [--tile ID_VERSION=FILE]... [--ip-city ID] [--notifications FILE]\n"
+    "                            [--without-city-services]\n";
 
 struct Options {
   std::string cities;
@@ -67,11 +70,16 @@ struct Options {
   std::string ipCity;
   std::string ready;
   std::string notifications;
+  bool cityServices = true;
 };
 
 bool parseOptions(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
+    if (option == "--without-city-services") {
+      options.cityServices = false;
+      continue;
+    }
     if (i + 1 >= argc) return false;
     const std::string value = argv[++i];
     if (option == "--cities") {
@@ -239,11 +247,11 @@ std::unique_ptr<World> loadWorld(const Options& options) {
 class Servers {
  public:
   // Throws std::runtime_error when a server cannot listen.
-  explicit Servers(const World& world)
+  Servers(const World& world, bool cityServices)
       : world_(world),
         positioning_(std::make_unique<FakePositioningServer>()),
         geolocation_(std::make_unique<GeolocationServer>()),
-        cityServices_(std::make_unique<CityServices>(world.table, *world.ipCity, say)),
+        cityServices_(cityServices ? std::make_unique<CityServices>(world.table, *world.ipCity, say) : nullptr),
         reporter_(*positioning_),
         geolocationReporter_(*geolocation_, world.locator, world.table, *world.ipCity) {
     for (const FakePositioningServer::Tile& tile : world.tiles) positioning_->addTile(tile);
@@ -265,8 +273,10 @@ class Servers {
 
   // The addresses, as shell assignments for the --ready file.
   [[nodiscard]] std::string addresses() const {
-    return "POSITIONING_SERVER_URL=" + positioning_->url() + "\nGEOLOCATION_SERVER_URL=" + geolocation_->url() +
-           "\nCITY_SERVICES_URL=" + cityServices_->url() + "\n";
+    std::string text =
+        "POSITIONING_SERVER_URL=" + positioning_->url() + "\nGEOLOCATION_SERVER_URL=" + geolocation_->url() + "\n";
+    if (cityServices_) text += "CITY_SERVICES_URL=" + cityServices_->url() + "\n";
+    return text;
   }
 
   // Prints the requests that came since the last call.
@@ -346,7 +356,7 @@ int main(int argc, char** argv) {
 
   std::unique_ptr<Servers> servers;
   try {
-    servers = std::make_unique<Servers>(*world);
+    servers = std::make_unique<Servers>(*world, options.cityServices);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zonara-demo-services: %s\n", e.what());
     return 1;

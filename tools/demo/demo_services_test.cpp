@@ -242,7 +242,7 @@ class ShippedDataTest : public ::testing::Test {
  protected:
   void SetUp() override {
     cities_ = shippedCities();
-    ASSERT_EQ(cities_.cities().size(), 3u);
+    ASSERT_GE(cities_.cities().size(), 5u);
     for (const City& city : cities_.cities()) {
       std::ifstream in(kDemoData / "access-points" / (city.id + ".csv"));
       ASSERT_TRUE(in) << city.id;
@@ -271,7 +271,7 @@ TEST_F(ShippedDataTest, TheTimeZoneLookupFindsEveryCitysZoneThroughTheService) {
     // A point a few hundred metres off the centre, as a position fix is.
     EXPECT_EQ(helper.timezoneForLongitude(city.longitude + 0.003, city.latitude - 0.002), city.zone) << city.name;
   }
-  // The IP-location page names the first city of the itinerary.
+  // The IP-location page names the city it was given: the first of the table.
   std::optional<std::string> page = fetcher.fetch(services.url() + "/app/locate_my_ip", std::chrono::seconds(5));
   ASSERT_TRUE(page);
   std::optional<TelluroLocation> ip = TelluroSensor::scrapeIPLocationPage(*page);
@@ -279,7 +279,7 @@ TEST_F(ShippedDataTest, TheTimeZoneLookupFindsEveryCitysZoneThroughTheService) {
   EXPECT_EQ(cities_.nearest(ip->latitude, ip->longitude).id, cities_.cities().front().id);
 
   std::lock_guard<std::mutex> lock(reportsMu);
-  ASSERT_EQ(reports.size(), 4u);
+  ASSERT_EQ(reports.size(), cities_.cities().size() + 1);
   EXPECT_NE(reports[0].find(cities_.cities()[0].zone), std::string::npos) << reports[0];
 }
 
