@@ -91,7 +91,8 @@ TEST(UndoScenarioTest, UndoFromTheNotificationAndFromTheTerminal) {
   std::ifstream file(system.historyFile());
   const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   EXPECT_EQ(history.out, text);
-  EXPECT_NE(text.find("\tEurope/Paris\t-\tapplied\t"), std::string::npos) << text;
+  EXPECT_NE(text.find("\t48.85660,2.35220\tEurope/Paris\t"), std::string::npos) << text;
+  EXPECT_NE(text.find("\tapplied\t"), std::string::npos) << text;
   EXPECT_NE(text.find("\t-\t-\t-\tUTC\t-\tundone\tthe user undid the change to Europe/Paris\n"), std::string::npos)
       << text;
   EXPECT_EQ(system.stopHelper(), 0);
