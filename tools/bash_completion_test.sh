@@ -28,7 +28,7 @@ offered() {
 sorted_words() { tr -s ' \n' '\n\n' | sed '/^$/d' | sort -u; }
 
 # Commands: the first word of each line of the help's command list.
-help_commands=$("$zonara" --help | sed -n '/^commands:/,$p' | sed -n 's/^  \([^ ]\+\).*/\1/p' | sort -u)
+help_commands=$("$zonara" --help | sed -n '/^commands:/,/^$/p' | sed -n 's/^  \([^ ]\+\).*/\1/p' | sort -u)
 [ -n "$help_commands" ] || fail "no commands in zonara --help"
 completed_commands=$(offered "" | sort -u)
 [ "$help_commands" = "$completed_commands" ] ||
