@@ -101,6 +101,12 @@ class AppControllerTest : public ::testing::Test {
     while (RunLoop::main().runOnce()) {
     }
   }
+  // A new position, and the controller's look-up of it.
+  void locateAt(AppController& controller, double lat, double lon) {
+    location_.set(lat, lon);
+    center_.post(kSensorNotification);
+    settle(controller);
+  }
   bool logged(const std::string& m) { return log_.has(m); }
   void setCalendar(std::optional<bool> support) {
     PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
@@ -377,11 +383,7 @@ TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
 TEST_F(AppControllerTest, UndoRestoresThePreviousZoneAndHoldsItUntilTheNetworkOrTheZoneChanges) {
   auto controller = start();
   RunLoop::main().runOnce();
-  auto lookUp = [&](double lat, double lon) {
-    location_.set(lat, lon);
-    center_.post(kSensorNotification);
-    settle(*controller);
-  };
+  auto lookUp = [&](double lat, double lon) { locateAt(*controller, lat, lon); };
   lookUp(48.8566, 2.3522);
   ASSERT_EQ(notifier_.actionKeys.back(), std::vector<std::string>{"undo"});
   const size_t parisMessage = notifier_.shown.size() - 1;
@@ -430,11 +432,7 @@ TEST_F(AppControllerTest, AskingFirstAppliesOnlyOnChangeAndRemembersKeepUntilThe
   ASSERT_TRUE(prefs_->synchronize());
   auto controller = start();
   RunLoop::main().runOnce();
-  auto lookUp = [&](double lat, double lon) {
-    location_.set(lat, lon);
-    center_.post(kSensorNotification);
-    settle(*controller);
-  };
+  auto lookUp = [&](double lat, double lon) { locateAt(*controller, lat, lon); };
   lookUp(48.8566, 2.3522);
   lookUp(48.8566, 2.3522);
   EXPECT_TRUE(commands().empty());
