@@ -9,7 +9,6 @@
 // it exactly as it maps a file on disk.
 #include <sys/mman.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <cmath>
 #include <cstddef>
@@ -20,29 +19,11 @@
 #include <string>
 #include <vector>
 
-#include "timezone/boundary_format.h"
 #include "timezone/boundary_index.h"
 #include "timezone/boundary_test_data.h"
 #include "timezone/tzdata_convert.h"
 
 namespace {
-
-namespace fmt = zonara::timezone::format;
-
-// Rewrites the file size and the checksums the reader verifies at open.
-void fixHeader(std::string& file) {
-  if (file.size() < fmt::kHeaderSize) return;
-  fmt::store<uint64_t>(file, 16, file.size());
-  for (uint32_t i = 0; i < fmt::kSectionCount; ++i) {
-    size_t rec = 24 + i * fmt::kSectionRecord;
-    uint64_t offset = fmt::load<uint64_t>(reinterpret_cast<const uint8_t*>(file.data()) + rec);
-    uint64_t length = fmt::load<uint64_t>(reinterpret_cast<const uint8_t*>(file.data()) + rec + 8);
-    if (offset > file.size() || length > file.size() - offset) continue;
-    fmt::store<uint32_t>(file, rec + 16, uint32_t(crc32(0, reinterpret_cast<const Bytef*>(file.data() + offset), uInt(length))));
-  }
-  size_t crcAt = fmt::kHeaderSize - 8;
-  fmt::store<uint32_t>(file, crcAt, uint32_t(crc32(0, reinterpret_cast<const Bytef*>(file.data()), uInt(crcAt))));
-}
 
 double scaled(const uint8_t* p, double range) {
   uint32_t v;
@@ -68,7 +49,7 @@ std::vector<unsigned char> boundaryFuzzSeed() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   std::string file(reinterpret_cast<const char*>(data + 1), size - 1);
-  if (data[0] & 1) fixHeader(file);
+  if (data[0] & 1) zonara::timezone::testing::fixHeader(file);
   int fd = memfd_create("timezone_boundaries_fuzz", MFD_CLOEXEC);
   if (fd < 0) return 0;
   if (write(fd, file.data(), file.size()) != ssize_t(file.size())) {

@@ -163,10 +163,14 @@ plist_t ToNode(const PrefValue& v) {
 std::optional<PrefValue> FromNode(plist_t node) {
   switch (plist_get_node_type(node)) {
     case PLIST_STRING: {
-      char* s = nullptr;
-      plist_get_string_val(node, &s);
-      MallocPtr<char> owned(s);
-      return PrefValue::string(s ? s : "");
+      // Not plist_get_string_val: it aborts the process on a string holding
+      // a NUL character, which any file can contain. Such a string is kept
+      // up to its first NUL, which is all a written file could hold.
+      uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
+      if (!s) return PrefValue::string("");
+      const std::string text(s, length);
+      return PrefValue::string(text.substr(0, text.find('\0')));
     }
     case PLIST_BOOLEAN: {
       uint8_t b = 0;
@@ -402,9 +406,21 @@ bool ReplaceDomainFile(const std::string& name, const std::string& path, const s
 
 std::optional<PrefValue::Dictionary> parsePropertyList(const std::string& bytes) {
   if (bytes.empty() || bytes.size() > UINT32_MAX) return std::nullopt;
-  plist_t root = nullptr;
+  plist_t first = nullptr;
   // Accepts the XML form we write and also binary property lists.
-  plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
+  plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &first);
+  PlistPtr ownedFirst(first);
+  if (!first || plist_get_node_type(first) != PLIST_DICT) return std::nullopt;
+  // libplist aborts the process when asked for a dictionary key holding a NUL
+  // character (a raw NUL byte in XML, U+0000 in a binary list's UTF-16 key),
+  // and has no call that tells such a key apart. Its XML writer cuts every
+  // key at its first NUL, so the tree walked is the one read back from that.
+  char* xml = nullptr;
+  uint32_t length = 0;
+  plist_to_xml(first, &xml, &length);
+  MallocPtr<char> ownedXml(xml);
+  plist_t root = nullptr;
+  if (xml) plist_from_xml(xml, length, &root);
   PlistPtr owned(root);
   if (!root || plist_get_node_type(root) != PLIST_DICT) return std::nullopt;
   auto value = FromNode(root);

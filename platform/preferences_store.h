@@ -22,8 +22,8 @@
 //
 // Limits: values libplist reads but `PrefValue` cannot hold (dates, UIDs) are
 // left out when a file is read, and so are not written back by the next
-// write; strings cannot contain NUL characters; integers above INT64_MAX read
-// back modulo 2^64.
+// write; strings cannot contain NUL characters (a string read with one ends
+// at it); integers above INT64_MAX read back modulo 2^64.
 //
 // Thread safety: a `PreferencesDomain` may be used from any thread; each
 // operation is atomic with respect to the others.

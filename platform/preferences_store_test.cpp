@@ -121,6 +121,37 @@ TEST_F(PreferencesStoreTest, ParseRejectsTextThatIsNotADictionaryPlist) {
   }
 }
 
+TEST_F(PreferencesStoreTest, AStringHoldingANulEndsAtItAndWritesBackUnchanged) {
+  // libplist's usual string accessor aborts the process on such a string.
+  const std::string xml = std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>a</key>") +
+                          "<array><string>x" + '\0' + "y</string></array></dict></plist>";
+  auto parsed = parsePropertyList(xml);
+  ASSERT_TRUE(parsed.has_value());
+  const PrefValue::Dictionary expected{{"a", PrefValue::array({PrefValue::string("x")})}};
+  EXPECT_TRUE(*parsed == expected);
+  auto reread = parsePropertyList(serializePropertyList(*parsed));
+  ASSERT_TRUE(reread.has_value());
+  EXPECT_TRUE(*reread == expected);
+}
+
+TEST_F(PreferencesStoreTest, AKeyHoldingANulEndsAtIt) {
+  // libplist aborts the process when asked for such a key.
+  const std::string xmlKey = std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>a") + '\0' +
+                             "b</key><string>x</string></dict></plist>";
+  // The same in a binary list: the key "k\0e\u0301" in UTF-16.
+  const std::string binaryKey(std::string("bplist00") +
+                              std::string("\xd1\x01\x02\x64\x00\x6b\x00\x00\x00\x65\x03\x01\x51\x78\x08\x0b\x14\x00\x00\x00\x00\x00\x00\x01"
+                                          "\x01\x00\x00\x00\x00\x00\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
+                                          "\x16",
+                                          49));
+  for (const auto& [bytes, key] : {std::pair{xmlKey, "a"}, std::pair{binaryKey, "k"}}) {
+    auto parsed = parsePropertyList(bytes);
+    ASSERT_TRUE(parsed.has_value()) << key;
+    const PrefValue::Dictionary expected{{key, PrefValue::string("x")}};
+    EXPECT_TRUE(*parsed == expected) << key;
+  }
+}
+
 TEST_F(PreferencesStoreTest, ConversionsBetweenScalarTypes) {
   struct Case {
     PrefValue value;

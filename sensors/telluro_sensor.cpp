@@ -275,6 +275,12 @@ std::optional<TelluroLocation> TelluroSensor::scrapeIPLocationPage(const std::st
   if (*next == '/') ++next;
   const double longitude = std::strtod(next, &end);
   if (end == next) return std::nullopt;
+  // strtod reads "nan", "inf" and any magnitude: none of them is a place.
+  if (!std::isfinite(latitude) || !std::isfinite(longitude) || std::fabs(latitude) > 90 ||
+      std::fabs(longitude) > 180) {
+    SystemLogAt(LogPriority::Warning, "IP-location page gives no place on Earth: %g / %g", latitude, longitude);
+    return std::nullopt;
+  }
   return TelluroLocation{longitude, latitude, {kUnstatedIPAccuracyMetres, PositionSource::IPAddress}};
 }
 

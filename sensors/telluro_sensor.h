@@ -111,7 +111,9 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   [[nodiscard]] std::optional<TelluroLocation> performIPLocationCheck(const std::stop_token& stop = {});
   // Whether the IP-location fallback is queued or running (tests).
   [[nodiscard]] bool ipLocationCheckRunning() const { return worker_.busy(); }
-  // Reads "Latitude/Longitude ... class=output ... >LAT/LON" from a page.
+  // Reads "Latitude/Longitude ... class=output ... >LAT/LON" from a page;
+  // nullopt unless both numbers are there and finite, latitude within
+  // [-90, 90] and longitude within [-180, 180].
   [[nodiscard]] static std::optional<TelluroLocation> scrapeIPLocationPage(const std::string& page);
 
   [[nodiscard]] static bool isConnected(uint32_t flags);

@@ -323,6 +323,13 @@ TEST(TelluroSensorScrape, ReadsLatitudeThenLongitude) {
       {"Latitude/Longitude class=output 45.5/-73.6", std::nullopt},
       {"Latitude/Longitude class=output>n/a", std::nullopt},
       {"Latitude/Longitude class=output>45.5/", std::nullopt},
+      // Numbers that are no place on Earth.
+      {"Latitude/Longitude class=output>nan/-73.6", std::nullopt},
+      {"Latitude/Longitude class=output>45.5/inf", std::nullopt},
+      {"Latitude/Longitude class=output>-33.\t8188651.2093", std::nullopt},
+      {"Latitude/Longitude class=output>90.5/0", std::nullopt},
+      {"Latitude/Longitude class=output>1e999/10", std::nullopt},
+      {"Latitude/Longitude class=output>-90/180", std::make_pair(180.0, -90.0)},
       {"", std::nullopt},
   };
   for (const Case& c : cases) {

@@ -261,6 +261,8 @@ class ChainReader {
     uint64_t dx = 0, dy = 0, mask = 0, chains = 0;
     ok_ = fmt::getVarint(&p_, end_, &dx) && fmt::getVarint(&p_, end_, &dy) && fmt::getVarint(&p_, end_, &mask) &&
           fmt::getVarint(&p_, end_, &chains) && mask < (uint64_t(1) << cell.featureCount) && dx <= kMaxDelta && dy <= kMaxDelta;
+    // A step beyond the limit would overflow the sum below: nothing more is read.
+    if (!ok_) return;
     refX_ = cx + fmt::unzigzag(dx);
     refY_ = cy + fmt::unzigzag(dy);
     refMask_ = uint32_t(mask);

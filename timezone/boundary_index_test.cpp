@@ -14,6 +14,7 @@
 #include <limits>
 
 #include "wps/spi/testing/temp_dir.h"
+#include "timezone/boundary_format.h"
 #include "timezone/boundary_test_data.h"
 #include "timezone/tzdata_convert.h"
 
@@ -178,6 +179,34 @@ TEST_F(SmallWorld, CorruptBytesNeverCrash) {
       (void)index->zonesWithin(lat, lon, 50000, &error);
     }
   }
+}
+
+TEST_F(SmallWorld, AnOversizedChainReferenceStepIsCorruptNotAnOverflow) {
+  // The chains section's first record starts with its reference point's step
+  // from the sub-cell's centre; make it the largest varint (about -2^63) in a
+  // file whose checksums are right again, so only the step is wrong.
+  std::string bytes = readFile(path_);
+  const size_t record = 24 + format::kChains * format::kSectionRecord;
+  const uint64_t chains = format::load<uint64_t>(reinterpret_cast<const uint8_t*>(bytes.data()) + record);
+  ASSERT_LT(chains + 10, bytes.size());
+  bytes.replace(chains, 10, "\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01", 10);
+  testing::fixHeader(bytes);
+  const std::string bad = tmpDir() + "/oversized-step.dat";
+  writeFile(bad, bytes);
+  std::string error;
+  auto index = BoundaryIndex::open(bad, &error);
+  ASSERT_NE(index, nullptr) << error;
+  int refused = 0;
+  for (double lat = -85; lat <= 85; lat += 10) {
+    for (double lon = -175; lon <= 175; lon += 10) {
+      error.clear();
+      if (!index->borderDistance(lat, lon, &error)) {
+        EXPECT_FALSE(error.empty());
+        ++refused;
+      }
+    }
+  }
+  EXPECT_GT(refused, 0);
 }
 
 TEST_F(SmallWorld, ConcurrentLookUpsAgree) {

@@ -3,6 +3,9 @@
 #include <cmath>
 #include <fstream>
 #include <protozero/pbf_writer.hpp>
+#include <zlib.h>
+
+#include "timezone/boundary_format.h"
 
 namespace zonara::timezone::testing {
 
@@ -76,6 +79,22 @@ std::pair<std::string, std::string> writeSmallWorld(const std::string& dir) {
   writeFile(paths.first, index);
   writeFile(paths.second, pad + blob);
   return paths;
+}
+
+void fixHeader(std::string& file) {
+  namespace fmt = zonara::timezone::format;
+  if (file.size() < fmt::kHeaderSize) return;
+  const auto* bytes = reinterpret_cast<const uint8_t*>(file.data());
+  fmt::store<uint64_t>(file, 16, file.size());
+  for (uint32_t i = 0; i < fmt::kSectionCount; ++i) {
+    const size_t rec = 24 + i * fmt::kSectionRecord;
+    const uint64_t offset = fmt::load<uint64_t>(bytes + rec);
+    const uint64_t length = fmt::load<uint64_t>(bytes + rec + 8);
+    if (offset > file.size() || length > file.size() - offset) continue;
+    fmt::store<uint32_t>(file, rec + 16, uint32_t(crc32(0, bytes + offset, uInt(length))));
+  }
+  const size_t crcAt = fmt::kHeaderSize - 8;
+  fmt::store<uint32_t>(file, crcAt, uint32_t(crc32(0, bytes, uInt(crcAt))));
 }
 
 }  // namespace zonara::timezone::testing

@@ -23,10 +23,6 @@ struct PlistFree {
 };
 using PlistPtr = std::unique_ptr<void, PlistFree>;
 
-struct MallocFree {
-  void operator()(char* p) const { std::free(p); }
-};
-
 std::optional<std::string> readWholeFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return std::nullopt;
@@ -73,11 +69,13 @@ std::optional<std::string> readStringPreference(const std::string& domain, const
   if (root == nullptr || plist_get_node_type(root) != PLIST_DICT) return std::nullopt;
   plist_t value = plist_dict_get_item(root, key);
   if (value == nullptr || plist_get_node_type(value) != PLIST_STRING) return std::nullopt;
-  char* text = nullptr;
-  plist_get_string_val(value, &text);
-  std::unique_ptr<char, MallocFree> ownedText(text);
+  // Not plist_get_string_val: it aborts the process on a string holding a
+  // NUL character, which any file can contain. The text ends at the first NUL.
+  uint64_t length = 0;
+  const char* text = plist_get_string_ptr(value, &length);
   if (text == nullptr) return std::nullopt;
-  return std::string(text);
+  const std::string whole(text, length);
+  return whole.substr(0, whole.find('\0'));
 }
 
 std::string readLibraryPreference(const char* key) {

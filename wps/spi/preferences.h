@@ -26,6 +26,7 @@ namespace SPI {
 // The text stored under `key` in the top-level dictionary of `domain`'s file.
 // nullopt when the domain is empty, the file is missing, unreadable or not a
 // property list with a dictionary at its top, or the value is not a text.
+// A text holding a NUL character ends at it.
 [[nodiscard]] std::optional<std::string> readStringPreference(const std::string& domain, const char* key);
 
 // A setting of the library: the text under `key` in the running program's

@@ -62,6 +62,11 @@ TEST(PreferencesTest, ReadsTextsAndRefusesEverythingElse) {
        "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>Path</string></array></plist>", "Path",
        std::nullopt},
       {"garbage", "\x01\x02not a property list", "Path", std::nullopt},
+      // libplist's usual accessor aborts the process on this text.
+      {"NUL in the text",
+       std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Path</key><string>/etc/a") + '\0' +
+           "b</string></dict></plist>",
+       "Path", "/etc/a"},
   };
   for (const auto& c : cases) {
     const std::string domain = std::string("example.") + std::to_string(&c - cases);
