@@ -10,6 +10,8 @@
 #include "platform/file_system.h"
 #include "platform/system_log.h"
 #include "platform/xdg.h"
+#include "prefs/HelperPreferences.h"
+#include "prefs/ZonaraPreferencesController.h"
 
 namespace zonara {
 namespace {
@@ -77,7 +79,10 @@ void AppController::setAppController(AppController* controller) { g_controller =
 
 AppController::AppController(Services services)
     : services_(std::move(services)),
-      history_(services_.historyPath.empty() ? DecisionHistory::defaultPath() : services_.historyPath) {}
+      history_(services_.historyPath.empty() ? DecisionHistory::defaultPath() : services_.historyPath),
+      recheck_(std::make_unique<RecheckTimer>(*services_.runLoop, [this] {
+        if (services_.lookAgain) services_.lookAgain();
+      })) {}
 
 AppController::~AppController() {
   for (RunLoop::TimerId id : timers_) services_.runLoop->cancelTimer(id);
@@ -124,11 +129,10 @@ std::unique_ptr<AppController> AppController::create(Services services) {
     return nullptr;
   }
 
-  // New preferences (another command, another service) deserve another try
-  // of a zone that did not take.
   if (self->services_.distributedCenter) {
     self->preferencesObserver_ = self->services_.distributedCenter->addObserver(
-        kPreferencesChangedNotification, [self](const DistributedNotification&) { self->refusal_.reset(); });
+        kPreferencesChangedNotification,
+        [self](const DistributedNotification& notification) { self->preferencesChanged(notification.object); });
   }
   self->sensorObserver_ = self->services_.notificationCenter->addObserver(
       kSensorNotification, [self](const Notification&) { self->telluroLocationChanged(); });
@@ -152,6 +156,20 @@ void AppController::setupSensor() {
   sensorAggregator_ = services_.sensorAggregator ? services_.sensorAggregator() : nullptr;
   if (!sensorAggregator_) return;
   timers_.push_back(services_.runLoop->performAfterDelay(3000ms, [this] { sensorAggregator_->triggerNotification(); }));
+  if (services_.preferences) recheck_->setInterval(recheckInterval(*services_.preferences));
+}
+
+void AppController::preferencesChanged(const std::string& key) {
+  SystemLog("preferences changed (%s): reading them again", key.empty() ? "-" : key.c_str());
+  // New preferences (another command, another service) deserve another try
+  // of a zone that did not take.
+  refusal_.reset();
+  if (!services_.preferences) return;
+  (void)services_.preferences->synchronize();
+  if (services_.preferencesReloaded) services_.preferencesReloaded();
+  if (!sensorAggregator_) return;  // the sensors start later, with the new values
+  recheck_->setInterval(recheckInterval(*services_.preferences));
+  if (key != ZonaraPreferencesController::kZonaraEnabledKey) sensorAggregator_->triggerNotification();
 }
 
 GeolocationHelper AppController::geolocationHelper() const {
@@ -166,17 +184,30 @@ void AppController::telluroLocationChanged() {
   std::optional<double> latitude = services_.location->currentLatitude();
   if (!longitude || !latitude) return;
   if (!isUsablePosition(*longitude, *latitude)) return;
+  recheck_->lookedUp();
   const PositionQuality quality = services_.location->currentQuality().value_or(PositionQuality{});
   SystemLog("looking up the zone at %s, %s (accuracy %.0f m, from the %s)",
             GeoNamesClient::numberString(*latitude).c_str(), GeoNamesClient::numberString(*longitude).c_str(),
             quality.accuracyMetres, positionSourceName(quality.source));
 
+  ZoneDecisionInput input{*latitude, *longitude, quality, services_.zones->systemTimeZoneName(), Clock::get().wallNow()};
+  const bool screenForVpn = quality.source == PositionSource::IPAddress && services_.vpn &&
+                            !(services_.preferences && trustIPLocationOverVPN(*services_.preferences));
+  lookUpZone(input, screenForVpn);
+}
+
+void AppController::lookUpZone(const ZoneDecisionInput& input, bool screenForVpn) {
   // The service may take minutes to answer (ten attempts, 30 s apart): ask on
   // the worker, and decide there too (comparing clocks over a year takes a
   // moment). The helper object is made here, from the preferences as they
   // are now.
-  ZoneDecisionInput input{*latitude, *longitude, quality, services_.zones->systemTimeZoneName(), Clock::get().wallNow()};
-  worker_.post([this, helper = geolocationHelper(), input](const std::stop_token& stop) {
+  worker_.post([this, helper = geolocationHelper(), input, screenForVpn](const std::stop_token& stop) {
+    if (screenForVpn) {
+      if (std::optional<std::string> vpn = services_.vpn->activeVpn()) {
+        worker_.deliver([this, input, vpn = *vpn] { ipPositionIgnored(input, vpn); });
+        return;
+      }
+    }
     Lookup lookup{input, helper.timezoneForLongitude(input.longitude, input.latitude, stop), {}, {}};
     if (stop.stop_requested()) return;
     if (services_.boundaries) {
@@ -186,6 +217,14 @@ void AppController::telluroLocationChanged() {
     }
     worker_.deliver([this, lookup] { timezoneLookedUp(lookup); });
   });
+}
+
+void AppController::ipPositionIgnored(const ZoneDecisionInput& input, const std::string& vpn) {
+  SystemLog("not using the position from the IP address: a VPN carries the default route (%s); "
+            "set TrustIPLocationOverVPN to use it anyway",
+            vpn.c_str());
+  record(HistoryEntry{input.now, input.quality, input.latitude, input.longitude, "", {}, HistoryAction::kNoChange,
+                      "the position from the IP address is not used: a VPN carries the default route (" + vpn + ")"});
 }
 
 void AppController::timezoneLookedUp(const Lookup& lookup) {

@@ -212,8 +212,9 @@ class HelperSystem {
     int status = -1;  // -1: could not be run or did not end within 30 s
     std::string out, err;
   };
-  // Runs build/bin/zonara with `arguments` in the helper's environment.
-  [[nodiscard]] ProgramRun runZonara(const std::vector<std::string>& arguments) const;
+  // Runs build/bin/zonara with `arguments` in the helper's environment and
+  // captures what it prints.
+  [[nodiscard]] ProgramRun captureZonara(const std::vector<std::string>& arguments) const;
 
   // ---- Sleep and wake: logind's PrepareForSleep(sleeping) on the system bus.
   [[nodiscard]] bool prepareForSleep(bool sleeping);
@@ -246,6 +247,18 @@ class HelperSystem {
   [[nodiscard]] bool wirelessJoin();
   [[nodiscard]] bool wirelessSearch();
   [[nodiscard]] bool wirelessOff();
+
+  // ---- A VPN (only with the network namespace): a tun device "zvpn0" that
+  // holds the default route, as a VPN client makes one. Taken down by the
+  // destructor. False when it cannot be made.
+  [[nodiscard]] bool vpnUp();
+  [[nodiscard]] static constexpr const char* vpnInterface() { return "zvpn0"; }
+
+  // ---- The control program: `zonara ARGUMENTS` in the helper's environment
+  // (its buses, preferences and data). Its exit status (what it printed on
+  // standard error is passed on); nullopt when it cannot be started or does
+  // not end within 30 s.
+  [[nodiscard]] std::optional<int> runZonara(const std::vector<std::string>& arguments);
 
   // ---- Polling.
   // Calls `condition` every 20 ms until it holds or `timeout` passes.
@@ -283,6 +296,7 @@ class HelperSystem {
   std::string ipCity_;
   std::unique_ptr<PreferencesDomain> preferences_;
   bool wireless_ = false;
+  bool vpn_ = false;
   std::string helperLog_;
   std::unique_ptr<ChildProcess> helper_;
 };

@@ -64,7 +64,7 @@ TEST(UndoScenarioTest, UndoFromTheNotificationAndFromTheTerminal) {
   EXPECT_EQ(lastText(system), "Zonara|Timezone changed back to: UTC");
   EXPECT_FALSE(system.pressNotificationAction("undo"));  // answered: the service closed it
 
-  HelperSystem::ProgramRun nothing = system.runZonara({"undo"});
+  HelperSystem::ProgramRun nothing = system.captureZonara({"undo"});
   EXPECT_EQ(nothing.status, 1) << nothing.err;
   EXPECT_EQ(nothing.err, "zonara: there is no time-zone change to undo\n");
 
@@ -72,13 +72,13 @@ TEST(UndoScenarioTest, UndoFromTheNotificationAndFromTheTerminal) {
     rejoin(system);
     ASSERT_TRUE(system.waitForAppliedZones(3, patience(15s))) << system.helperLogFile();
     EXPECT_EQ(system.systemZone(), "Europe/Paris");
-    HelperSystem::ProgramRun undone = system.runZonara({"undo"});
+    HelperSystem::ProgramRun undone = system.captureZonara({"undo"});
     EXPECT_EQ(undone.status, 0) << undone.err;
     EXPECT_EQ(undone.out, "Time zone changed back to UTC\n");
     EXPECT_EQ(system.systemZone(), "UTC");
   }
 
-  HelperSystem::ProgramRun status = system.runZonara({"status"});
+  HelperSystem::ProgramRun status = system.captureZonara({"status"});
   EXPECT_EQ(status.status, 0) << status.err;
   EXPECT_NE(status.out.find("Last position: 48.85660, 2.35220 (accuracy "), std::string::npos) << status.out;
   EXPECT_NE(status.out.find("Zone found: Europe/Paris\n"), std::string::npos) << status.out;
@@ -86,7 +86,7 @@ TEST(UndoScenarioTest, UndoFromTheNotificationAndFromTheTerminal) {
   EXPECT_NE(status.out.find("Last decision: undone UTC\n"), std::string::npos) << status.out;
   EXPECT_NE(status.out.find("Reason: the user undid the change to Europe/Paris\n"), std::string::npos) << status.out;
 
-  HelperSystem::ProgramRun history = system.runZonara({"history"});
+  HelperSystem::ProgramRun history = system.captureZonara({"history"});
   EXPECT_EQ(history.status, 0) << history.err;
   std::ifstream file(system.historyFile());
   const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -98,7 +98,7 @@ TEST(UndoScenarioTest, UndoFromTheNotificationAndFromTheTerminal) {
   EXPECT_EQ(system.stopHelper(), 0);
 
   // Without the helper there is nothing to undo.
-  HelperSystem::ProgramRun stopped = system.runZonara({"undo"});
+  HelperSystem::ProgramRun stopped = system.captureZonara({"undo"});
   EXPECT_EQ(stopped.status, 3);
   EXPECT_EQ(stopped.err, "zonara: ZonaraHelper is not running; nothing to undo\n");
 }
