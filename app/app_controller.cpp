@@ -9,6 +9,8 @@
 #include "platform/file_system.h"
 #include "platform/system_log.h"
 #include "platform/xdg.h"
+#include "prefs/HelperPreferences.h"
+#include "prefs/ZonaraPreferencesController.h"
 
 namespace zonara {
 namespace {
@@ -52,7 +54,10 @@ const std::vector<std::string>& AppController::defaultSetTimezoneCommand() {
 AppController* AppController::appController() { return g_controller; }
 void AppController::setAppController(AppController* controller) { g_controller = controller; }
 
-AppController::AppController(Services services) : services_(std::move(services)) {}
+AppController::AppController(Services services)
+    : services_(std::move(services)), recheck_(std::make_unique<RecheckTimer>(*services_.runLoop, [this] {
+        if (services_.lookAgain) services_.lookAgain();
+      })) {}
 
 AppController::~AppController() {
   for (RunLoop::TimerId id : timers_) services_.runLoop->cancelTimer(id);
@@ -98,11 +103,10 @@ std::unique_ptr<AppController> AppController::create(Services services) {
     return nullptr;
   }
 
-  // New preferences (another command, another service) deserve another try
-  // of a zone that did not take.
   if (self->services_.distributedCenter) {
     self->preferencesObserver_ = self->services_.distributedCenter->addObserver(
-        kPreferencesChangedNotification, [self](const DistributedNotification&) { self->refusal_.reset(); });
+        kPreferencesChangedNotification,
+        [self](const DistributedNotification& notification) { self->preferencesChanged(notification.object); });
   }
   self->sensorObserver_ = self->services_.notificationCenter->addObserver(
       kSensorNotification, [self](const Notification&) { self->telluroLocationChanged(); });
@@ -124,6 +128,20 @@ void AppController::setupSensor() {
   sensorAggregator_ = services_.sensorAggregator ? services_.sensorAggregator() : nullptr;
   if (!sensorAggregator_) return;
   timers_.push_back(services_.runLoop->performAfterDelay(3000ms, [this] { sensorAggregator_->triggerNotification(); }));
+  if (services_.preferences) recheck_->setInterval(recheckInterval(*services_.preferences));
+}
+
+void AppController::preferencesChanged(const std::string& key) {
+  SystemLog("preferences changed (%s): reading them again", key.empty() ? "-" : key.c_str());
+  // New preferences (another command, another service) deserve another try
+  // of a zone that did not take.
+  refusal_.reset();
+  if (!services_.preferences) return;
+  (void)services_.preferences->synchronize();
+  if (services_.preferencesReloaded) services_.preferencesReloaded();
+  if (!sensorAggregator_) return;  // the sensors start later, with the new values
+  recheck_->setInterval(recheckInterval(*services_.preferences));
+  if (key != ZonaraPreferencesController::kZonaraEnabledKey) sensorAggregator_->triggerNotification();
 }
 
 GeolocationHelper AppController::geolocationHelper() const {
@@ -138,23 +156,42 @@ void AppController::telluroLocationChanged() {
   std::optional<double> latitude = services_.location->currentLatitude();
   if (!longitude || !latitude) return;
   if (!isUsablePosition(*longitude, *latitude)) return;
+  recheck_->lookedUp();
   const PositionQuality quality = services_.location->currentQuality().value_or(PositionQuality{});
   SystemLog("looking up the zone at %s, %s (accuracy %.0f m, from the %s)",
             GeoNamesClient::numberString(*latitude).c_str(), GeoNamesClient::numberString(*longitude).c_str(),
             quality.accuracyMetres, positionSourceName(quality.source));
 
+  ZoneDecisionInput input{*latitude, *longitude, quality, services_.zones->systemTimeZoneName(), Clock::get().wallNow()};
+  const bool screenForVpn = quality.source == PositionSource::IPAddress && services_.vpn &&
+                            !(services_.preferences && trustIPLocationOverVPN(*services_.preferences));
+  lookUpZone(input, screenForVpn);
+}
+
+void AppController::lookUpZone(const ZoneDecisionInput& input, bool screenForVpn) {
   // The service may take minutes to answer (ten attempts, 30 s apart): ask on
   // the worker, and decide there too (comparing clocks over a year takes a
   // moment). The helper object is made here, from the preferences as they
   // are now.
-  ZoneDecisionInput input{*latitude, *longitude, quality, services_.zones->systemTimeZoneName(), Clock::get().wallNow()};
-  worker_.post([this, helper = geolocationHelper(), input](const std::stop_token& stop) {
+  worker_.post([this, helper = geolocationHelper(), input, screenForVpn](const std::stop_token& stop) {
+    if (screenForVpn) {
+      if (std::optional<std::string> vpn = services_.vpn->activeVpn()) {
+        worker_.deliver([this, vpn = *vpn] { ipPositionIgnored(vpn); });
+        return;
+      }
+    }
     std::optional<std::string> zone = helper.timezoneForLongitude(input.longitude, input.latitude, stop);
     if (stop.stop_requested()) return;
     std::optional<ZoneDecision> decision;
     if (zone && services_.boundaries) decision = decideZone(input, *services_.boundaries, *services_.zones);
     worker_.deliver([this, input, zone, decision] { timezoneLookedUp(input.longitude, input.latitude, zone, decision); });
   });
+}
+
+void AppController::ipPositionIgnored(const std::string& vpn) {
+  SystemLog("not using the position from the IP address: a VPN carries the default route (%s); "
+            "set TrustIPLocationOverVPN to use it anyway",
+            vpn.c_str());
 }
 
 void AppController::timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,

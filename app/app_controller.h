@@ -41,8 +41,10 @@
 #include "platform/preferences_store.h"
 #include "platform/run_loop.h"
 #include "platform/time_zone_database.h"
+#include "platform/vpn_detector.h"
 #include "platform/workspace.h"
 #include "platform/zonara_names.h"
+#include "app/recheck_timer.h"
 #include "app/zone_decision.h"
 #include "sensors/location_source.h"
 #include "timezone/geolocation_helper.h"
@@ -89,6 +91,14 @@ class AppController {
     // Makes the sensor aggregator when `setupSensor` runs; null, or returning
     // null, leaves the helper without one.
     std::function<LocationTrigger*()> sensorAggregator;
+    // Tells whether a VPN carries the default route (positions from the IP
+    // address are then not used); null: never asked. Called on the worker.
+    VpnDetector* vpn = nullptr;
+    // Starts a fresh position look-up (the re-check); may be empty.
+    std::function<void()> lookAgain;
+    // Told after the preferences were read again, so location sensing can
+    // take its settings anew; may be empty.
+    std::function<void()> preferencesReloaded;
   };
 
   // The default command that sets the system zone; the zone's name is
@@ -110,15 +120,24 @@ class AppController {
   void zonaraHelperShouldShutdown();
   // Makes the notification controller and announces the start to the user.
   void setupNotificationController();
-  // Obtains the sensor aggregator and asks it for a first check 3.0 s later.
+  // Obtains the sensor aggregator and asks it for a first check 3.0 s later;
+  // starts the re-check countdown ("RecheckMinutes").
   void setupSensor();
+  // "ZonaraPreferencesChanged": reads the preferences again, lets location
+  // sensing take its settings anew, restarts the re-check countdown with
+  // "RecheckMinutes", forgets a zone that did not take, and decides again on
+  // the current position (except for a change of "ZonaraEnabled" alone).
+  void preferencesChanged(const std::string& key);
 
   // Looks up the zone at the current position on the worker; with boundary
   // data the position's accuracy then decides what is done (`decideZone`:
   // near a border with another clock the system's zone may be kept; a
   // position worse than 100 km changes nothing). The outcome is applied on
   // the main thread (`foundTimezone`) and "CurrentLocation" is announced as
-  // changed.
+  // changed. A position from the IP address is not used while a VPN carries
+  // the default route, unless "TrustIPLocationOverVPN" is true (logged
+  // "not using the position from the IP address: ..."). Each call restarts
+  // the re-check countdown.
   void telluroLocationChanged();
   // Whether a look-up is queued or running (tests).
   [[nodiscard]] bool lookupInProgress() const { return worker_.busy(); }
@@ -160,6 +179,10 @@ class AppController {
   explicit AppController(Services services);
   [[nodiscard]] GeolocationHelper geolocationHelper() const;
   void createSupportFolders();
+  // The look-up and decision on the worker (see `telluroLocationChanged`);
+  // `screenForVpn`: first ask whether a VPN carries the default route.
+  void lookUpZone(const ZoneDecisionInput& input, bool screenForVpn);
+  void ipPositionIgnored(const std::string& vpn);
   void timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,
                         const std::optional<ZoneDecision>& decision);
   // Acts on the decision for the zone `zone` looked up at the position.
@@ -191,6 +214,7 @@ class AppController {
   };
   std::optional<Refusal> refusal_;
   std::string userToldOfRefusal_;  // the zone the user last heard could not be set
+  std::unique_ptr<RecheckTimer> recheck_;
   // Last: stopped first, while what its jobs deliver to still exists.
   BackgroundWorker worker_;
 };

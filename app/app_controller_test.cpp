@@ -59,6 +59,17 @@ class FakeLocation final : public LocationSource {
   PositionQuality quality;
 };
 
+// A VPN as a test sets it, counting the questions.
+class FakeVpn final : public VpnDetector {
+ public:
+  std::optional<std::string> activeVpn() override {
+    ++asked;
+    return vpn;
+  }
+  std::optional<std::string> vpn;
+  std::atomic<int> asked{0};
+};
+
 class FakeTrigger final : public LocationTrigger {
  public:
   void triggerNotification() override { triggeredAt.push_back(Clock::get().now().time_since_epoch()); }
@@ -102,6 +113,14 @@ class AppControllerTest : public ::testing::Test {
     }
   }
   bool logged(const std::string& m) { return log_.has(m); }
+  // Moves virtual time on by `step`s, running what falls due.
+  void advance(Clock::Duration total, Clock::Duration step) {
+    for (Clock::Duration done{0}; done < total; done += step) {
+      clock_.advance(step);
+      while (RunLoop::main().runOnce()) {
+      }
+    }
+  }
   void setCalendar(std::optional<bool> support) {
     PreferencesDomain ical(AppController::kCalendarDomain, (root_ / "config").string());
     if (support) ical.setValue("TimeZone support enabled", PrefValue::boolean(*support));
@@ -310,6 +329,104 @@ TEST_F(AppControllerTest, PositionsNearZeroZeroAreNotLookedUp) {
   EXPECT_EQ(http_.requests().front().query(), "lat=-1&lng=0&style=full");
   EXPECT_TRUE(logged("foundtimezone for (0.4, 12) = Europe/Paris"));
   EXPECT_EQ(commands(), std::vector<std::string>{"Europe/Paris"});  // applied once, confirmed after
+}
+
+// A position from the IP address is not used while a VPN carries the default
+// route, unless the user trusts it; positions from access points always are.
+TEST_F(AppControllerTest, IPPositionsAreNotUsedWhileAVpnCarriesTheDefaultRoute) {
+  struct Case {
+    const char* name;
+    PositionSource source;
+    bool vpnUp;
+    std::optional<bool> trust;  // TrustIPLocationOverVPN, absent: the default
+    bool used;
+  };
+  const Case cases[] = {
+      {"IP, no VPN", PositionSource::IPAddress, false, std::nullopt, true},
+      {"IP, VPN", PositionSource::IPAddress, true, std::nullopt, false},
+      {"IP, VPN, not trusted", PositionSource::IPAddress, true, false, false},
+      {"IP, VPN, trusted", PositionSource::IPAddress, true, true, true},
+      {"server, VPN", PositionSource::PositioningServer, true, std::nullopt, true},
+      {"tiles, VPN", PositionSource::DeviceTiles, true, std::nullopt, true},
+      {"learned, VPN", PositionSource::LearnedPlaces, true, std::nullopt, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeVpn vpn;
+    if (c.vpnUp) vpn.vpn = "tun0, a tun interface";
+    if (c.trust) {
+      prefs_->setValue("TrustIPLocationOverVPN", PrefValue::boolean(*c.trust));
+    } else {
+      prefs_->removeValue("TrustIPLocationOverVPN");
+    }
+    AppController::Services s = services();
+    s.vpn = &vpn;
+    auto controller = AppController::create(s);
+    ASSERT_TRUE(controller);
+    http_.clearRequests();
+    log_.clear();
+    location_.set(35.7, 139.7, {20000, c.source});
+    center_.post(kSensorNotification);
+    settle(*controller);
+    EXPECT_EQ(http_.requestCount(), c.used ? 1u : 0u);
+    EXPECT_EQ(log_.contains("not using the position from the IP address: a VPN carries the default route (tun0, "
+                            "a tun interface)"),
+              !c.used);
+    // Only positions from the IP address make the helper ask.
+    EXPECT_EQ(vpn.asked.load(), c.source == PositionSource::IPAddress && c.trust != true ? 1 : 0);
+  }
+  EXPECT_EQ(commands(), std::vector<std::string>{"Asia/Tokyo"});
+}
+
+// "ZonaraPreferencesChanged": what another process wrote is read at once,
+// location sensing is told, the current position is decided again (not for
+// "ZonaraEnabled" alone) and a new "RecheckMinutes" counts from the last
+// look-up.
+TEST_F(AppControllerTest, ChangedPreferencesAreReadAtOnce) {
+  FakeVpn vpn;
+  vpn.vpn = "wg0, a wireguard interface";
+  int reloaded = 0;
+  int lookedAgain = 0;
+  AppController::Services s = services();
+  s.vpn = &vpn;
+  s.preferencesReloaded = [&] { ++reloaded; };
+  s.lookAgain = [&] { ++lookedAgain; };
+  auto controller = AppController::create(s);
+  ASSERT_TRUE(controller);
+  advance(4s, 100ms);  // the sensors are set up, the first trigger asked for
+  ASSERT_EQ(trigger_.triggeredAt.size(), 1u);
+
+  location_.set(35.7, 139.7, {20000, PositionSource::IPAddress});
+  center_.post(kSensorNotification);
+  settle(*controller);
+  EXPECT_TRUE(commands().empty());
+
+  // Another process (`zonara set`) writes the file and tells everyone.
+  PreferencesDomain other(kPreferencesDomain, (root_ / "config").string());
+  other.setValue("TrustIPLocationOverVPN", PrefValue::boolean(true));
+  other.setValue("RecheckMinutes", PrefValue::integer(5));
+  ASSERT_TRUE(other.synchronize());
+  distributed_.post({kPreferencesChangedNotification, "TrustIPLocationOverVPN", {}});
+  RunLoop::main().runOnce();  // delivered
+  EXPECT_EQ(reloaded, 1);
+  EXPECT_EQ(trigger_.triggeredAt.size(), 2u);  // decided again on the current position
+  center_.post(kSensorNotification);           // what the aggregator then posts
+  settle(*controller);
+  EXPECT_EQ(commands(), std::vector<std::string>{"Asia/Tokyo"});
+  EXPECT_TRUE(log_.contains("preferences changed (TrustIPLocationOverVPN): reading them again"));
+
+  // Five minutes after that look-up, one re-check; then one every five.
+  advance(299s, 1s);
+  EXPECT_EQ(lookedAgain, 0);
+  advance(1s, 1s);
+  EXPECT_EQ(lookedAgain, 1);
+  advance(300s, 10s);
+  EXPECT_EQ(lookedAgain, 2);
+
+  distributed_.post({kPreferencesChangedNotification, "ZonaraEnabled", {}});
+  RunLoop::main().runOnce();
+  EXPECT_EQ(reloaded, 2);
+  EXPECT_EQ(trigger_.triggeredAt.size(), 2u);
 }
 
 TEST_F(AppControllerTest, NoZoneFoundChangesNothingButTheLocation) {

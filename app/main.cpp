@@ -17,6 +17,7 @@
 #include "platform/sleep_watcher.h"
 #include "platform/system_log.h"
 #include "platform/termination_signals.h"
+#include "platform/vpn_detector.h"
 #include "platform/xdg.h"
 #include "platform/zonara_names.h"
 #include "sensors/location_sensing.h"
@@ -142,21 +143,30 @@ class HelperSensing final : public LocationSource {
       : services_(services),
         application_(application),
         settings_(LocationSensingSettings::fromPreferences(services.preferences, WPS_DEFAULT_SERVER_URL)) {
-    WpsLocationLibrary::setServerURL(settings_.positioningServerURL);
-    if (settings_.learnPlaces) {
-      const bool learning = LearnedPlaces(xdgDataHome() + "/Zonara").enable();
-      SystemLog("learned places: %s", learning ? "on" : "unavailable (no realm can be kept)");
-    } else {
-      SystemLog("learned places: off (LearnPlaces)");
-    }
-    SystemLog("positioning server: %s",
-              settings_.positioningServerURL.empty() ? "none" : settings_.positioningServerURL.c_str());
+    applyLibrarySettings();
     // Tests and the demonstration present a link of their own as the
     // wireless interface.
     if (const char* sysfs = std::getenv("ZONARA_SYSFS_ROOT"); sysfs && *sysfs) {
       CSystemConfigurationMonitor::setStoreFactory(
           [root = std::string(sysfs)] { return std::make_unique<NetlinkDynamicStore>(root); });
     }
+  }
+
+  // Takes the location settings anew from the (just re-read) preferences;
+  // when they changed, looks for the position again with them.
+  void reloadSettings() {
+    LocationSensingSettings fresh =
+        LocationSensingSettings::fromPreferences(services_.preferences, WPS_DEFAULT_SERVER_URL);
+    if (fresh == settings_) return;
+    settings_ = std::move(fresh);
+    applyLibrarySettings();
+    if (!sensing_) return;
+    sensing_->applySettings(settings_);
+    sensing_->lookAgain();
+  }
+
+  void lookAgain() {
+    if (sensing_) sensing_->lookAgain();
   }
 
   // Makes the sensors; the aggregator is the controller's trigger. Null when
@@ -203,34 +213,53 @@ class HelperSensing final : public LocationSource {
   }
 
  private:
+  // The positioning library's server and learned places.
+  void applyLibrarySettings() {
+    WpsLocationLibrary::setServerURL(settings_.positioningServerURL);
+    if (settings_.learnPlaces) {
+      const bool learning = LearnedPlaces(xdgDataHome() + "/Zonara").enable();
+      SystemLog("learned places: %s", learning ? "on" : "unavailable (no realm can be kept)");
+    } else {
+      LearnedPlaces::disable();
+      SystemLog("learned places: off (LearnPlaces)");
+    }
+    SystemLog("positioning server: %s",
+              settings_.positioningServerURL.empty() ? "none" : settings_.positioningServerURL.c_str());
+  }
+
   PlatformServices& services_;
   ZonaraApplication& application_;
-  const LocationSensingSettings settings_;
+  LocationSensingSettings settings_;
   WpsLocationLibrary library_;
   LinuxReachability reachability_;
   std::unique_ptr<LocationSensing> sensing_;
 };
 
+// The system bus (null without one), for logind and NetworkManager.
+std::unique_ptr<DBusConnection> openSystemBus() {
+  std::string error;
+  std::unique_ptr<DBusConnection> bus = LogindSleepWatcher::openSystemBus(&error);
+  if (!bus) SystemLog("no system bus: %s", error.c_str());
+  return bus;
+}
+
 // Sleep and wake, when logind is there to tell.
 class SleepWatch {
  public:
-  explicit SleepWatch(HelperSensing& sensing) {
-    std::string error;
-    systemBus_ = LogindSleepWatcher::openSystemBus(&error);
-    if (!systemBus_) return;
+  SleepWatch(DBusConnection* systemBus, HelperSensing& sensing) {
+    if (!systemBus) return;
     watcher_ = std::make_unique<LogindSleepWatcher>(
-        *systemBus_, [&sensing](bool sleeping) { sensing.sleepChanged(sleeping); });
+        *systemBus, [&sensing](bool sleeping) { sensing.sleepChanged(sleeping); });
   }
 
  private:
-  std::unique_ptr<DBusConnection> systemBus_;
   std::unique_ptr<LogindSleepWatcher> watcher_;
 };
 
 // --- The controller -------------------------------------------------------------
 
 AppController::Services controllerServices(ZonaraApplication& application, PlatformServices& platform,
-                                           HelperSensing& sensing) {
+                                           HelperSensing& sensing, VpnDetector& vpn) {
   AppController::Services services;
   services.application = &application;
   services.runLoop = &RunLoop::main();
@@ -248,6 +277,9 @@ AppController::Services controllerServices(ZonaraApplication& application, Platf
   services.polkitRulePath = polkitRulePath();
   services.location = &sensing;
   services.sensorAggregator = [&sensing] { return sensing.start(); };
+  services.vpn = &vpn;
+  services.lookAgain = [&sensing] { sensing.lookAgain(); };
+  services.preferencesReloaded = [&sensing] { sensing.reloadSettings(); };
   return services;
 }
 
@@ -266,10 +298,12 @@ int main() {
 
   PlatformServices platform;
   HelperSensing sensing(platform, application);
-  std::optional<SleepWatch> sleepWatch(std::in_place, sensing);
+  std::unique_ptr<DBusConnection> systemBus = openSystemBus();
+  std::optional<SleepWatch> sleepWatch(std::in_place, systemBus.get(), sensing);
+  LinuxVpnDetector vpn(systemBus.get());
 
   std::unique_ptr<AppController> controller =
-      AppController::create(controllerServices(application, platform, sensing));
+      AppController::create(controllerServices(application, platform, sensing, vpn));
   AppController::setAppController(controller.get());
   application.setDelegate(controller.get());
 

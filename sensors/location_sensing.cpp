@@ -40,7 +40,7 @@ std::unique_ptr<LocationSensing> LocationSensing::create(const Dependencies& d) 
   sensing->helper_ = std::make_unique<TelluroHelper>(*d.library, d.dataFolder);
   sensing->telluroSensor_ = std::make_unique<TelluroSensor>(
       *sensing->helper_, *d.reachability, *d.fetcher, *sensing->aggregator_,
-      TelluroSensor::Config{d.settings.reachabilityHost, d.settings.ipLocationURL});
+      TelluroSensor::Config{d.settings.reachabilityHost, d.settings.ipLocationURL});  // see applySettings
   sensing->aggregator_->setStatusSource(sensing->telluroSensor_.get());
   if (d.watchNetwork) {
     sensing->networkSensor_ =
@@ -62,5 +62,11 @@ void LocationSensing::willSleep() {
 }
 
 void LocationSensing::didWake() { telluroSensor_->didWake(); }
+
+void LocationSensing::lookAgain() { telluroSensor_->performLocationCheck(); }
+
+void LocationSensing::applySettings(const LocationSensingSettings& settings) {
+  telluroSensor_->setConfig(TelluroSensor::Config{settings.reachabilityHost, settings.ipLocationURL});
+}
 
 }  // namespace zonara

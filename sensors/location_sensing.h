@@ -13,6 +13,7 @@
 //                           "/app/locate_my_ip" is appended (default: none,
 //                           the positioning server is asked for the IP
 //                           address's position instead)
+//   "LearnPlaces"           keep what servers teach (default true)
 //
 // Thread safety: main thread.
 #pragma once
@@ -36,6 +37,8 @@ struct LocationSensingSettings {
   std::string reachabilityHost;
   std::string ipLocationURL;
   bool learnPlaces = true;  // LearnPlaces: keep what servers teach (default true)
+
+  friend bool operator==(const LocationSensingSettings&, const LocationSensingSettings&) = default;
 
   // Reads the keys above; a missing PositioningServerURL gives
   // `defaultServerURL`, and the reachability host defaults to the server's.
@@ -69,9 +72,16 @@ class LocationSensing {
   [[nodiscard]] NetworkSensor* networkSensor() { return networkSensor_.get(); }
   [[nodiscard]] TelluroHelper& helper() { return *helper_; }
 
-  // System sleep and wake.
+  // System sleep and wake (a long sleep leads to a check, see
+  // TelluroSensor::didWake).
   void willSleep();
   void didWake();
+  // A fresh look-up of the position (TelluroSensor::performLocationCheck).
+  void lookAgain();
+  // The positioning sensor's settings from `settings` for the checks from
+  // now on. (The positioning server and learned places are the library's,
+  // set by the caller.)
+  void applySettings(const LocationSensingSettings& settings);
 
  private:
   LocationSensing() = default;

@@ -1,5 +1,6 @@
 #include "sensors/network_sensor.h"
 
+#include <algorithm>
 #include <cctype>
 
 #include "platform/clock.h"
@@ -79,6 +80,7 @@ NetworkSensor::NetworkSensor(std::shared_ptr<CSystemConfigurationMonitor> monito
       monitor_->notifyForPattern(ethernetKey_);
       ethernetIPKey_ = replaceLinkWithIPv4(ethernetKey_);
       monitor_->notifyForPattern(ethernetIPKey_);
+      wiredAddresses_ = wiredAddresses();
     }
   }
   observer_ = center_.addObserver(kSystemConfigurationMonitorNotification,
@@ -87,21 +89,51 @@ NetworkSensor::NetworkSensor(std::shared_ptr<CSystemConfigurationMonitor> monito
 
 NetworkSensor::~NetworkSensor() { center_.removeObserver(observer_); }
 
+std::vector<std::string> NetworkSensor::wiredAddresses() {
+  if (ethernetIPKey_.empty()) return {};
+  const std::optional<PrefValue::Dictionary> value = monitor_->valueForPattern(ethernetIPKey_);
+  std::vector<std::string> addresses;
+  if (!value) return addresses;
+  if (auto it = value->find("Addresses"); it != value->end()) {
+    for (const PrefValue& address : it->second.asArray()) addresses.push_back(address.asString());
+  }
+  return addresses;
+}
+
+bool NetworkSensor::wiredNetworkChanged(const std::vector<std::string>& changed) {
+  if (ethernetIPKey_.empty() || std::find(changed.begin(), changed.end(), ethernetIPKey_) == changed.end()) {
+    return false;
+  }
+  std::vector<std::string> addresses = wiredAddresses();
+  const bool joined = !addresses.empty() && addresses != wiredAddresses_;
+  wiredAddresses_ = std::move(addresses);
+  return joined;
+}
+
 void NetworkSensor::update(const Notification& notification) {
   const std::vector<std::string> changed = CSystemConfigurationMonitor::changedKeysFromNotification(notification);
   if (changed.empty()) return;
-  const std::string& key = changed.front();  // the others are ignored
+  const bool wiredChanged = wiredNetworkChanged(changed);
+  const std::string& key = changed.front();  // the others are ignored for the wireless interface
   const std::optional<PrefValue::Dictionary> value = monitor_->valueForPattern(key);
   SystemLog("NetworkSensor change detected, path = %s, change = %s", key.c_str(), describeStoreValue(value).c_str());
-  if (airportKey_.empty() || key != airportKey_ || !value) return;
+  if (wirelessJoined(key, value)) {
+    Clock::get().sleepFor(1000ms);
+    check_.performLocationCheck();
+  } else if (wiredChanged) {
+    SystemLog("the wired network changed (%s has new addresses): looking for the position",
+              ethernetInterface_.value_or("?").c_str());
+    check_.performLocationCheck();
+  }
+}
+
+bool NetworkSensor::wirelessJoined(const std::string& key, const std::optional<PrefValue::Dictionary>& value) const {
+  if (airportKey_.empty() || key != airportKey_ || !value) return false;
   auto integer = [&](const char* name) -> int64_t {
     auto it = value->find(name);
     return it == value->end() ? 0 : it->second.asInteger();
   };
-  if (integer("Power Status") != 0 && integer("Busy") == 0) {
-    Clock::get().sleepFor(1000ms);
-    check_.performLocationCheck();
-  }
+  return integer("Power Status") != 0 && integer("Busy") == 0;
 }
 
 }  // namespace zonara

@@ -1,7 +1,9 @@
 // Finds the wireless and wired interfaces in the dynamic store, watches
 // them through the system configuration monitor, and asks the positioning
 // sensor for a location check when the wireless interface is powered and no
-// longer busy (it has just joined a network).
+// longer busy (it has just joined a network), or when the wired interface
+// has IPv4 addresses it did not have before (it has joined a network; losing
+// them is no reason to look).
 //
 // Discovery looks at the store's interfaces in index order: one with an
 // "AirPort" entity is the wireless interface, else one with a "Link" entity
@@ -15,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/notification_center.h"
 #include "sensors/system_configuration_monitor.h"
@@ -32,7 +35,8 @@ class NetworkSensor {
   NetworkSensor& operator=(const NetworkSensor&) = delete;
 
   // Change handler for the monitor's notification: looks only at the first
-  // changed key.
+  // changed key for the wireless interface, and at all of them for the
+  // wired interface's IPv4 key. At most one check per change.
   void update(const Notification& notification);
 
   [[nodiscard]] const std::optional<std::string>& airportInterface() const { return airportInterface_; }
@@ -43,6 +47,13 @@ class NetworkSensor {
   [[nodiscard]] const std::optional<std::string>& ethernetInterface() const { return ethernetInterface_; }
 
  private:
+  // The wireless interface's key `key` with `value` says it joined a network.
+  [[nodiscard]] bool wirelessJoined(const std::string& key, const std::optional<PrefValue::Dictionary>& value) const;
+  // The wired interface's IPv4 key is among `changed` with new addresses
+  // (remembered for the next change).
+  [[nodiscard]] bool wiredNetworkChanged(const std::vector<std::string>& changed);
+  [[nodiscard]] std::vector<std::string> wiredAddresses();
+
   std::shared_ptr<CSystemConfigurationMonitor> monitor_;
   LocationCheck& check_;
   NotificationCenter& center_;
@@ -53,6 +64,7 @@ class NetworkSensor {
   std::string ethernetKey_;
   std::string ethernetIPKey_;
   std::optional<std::string> ethernetInterface_;
+  std::vector<std::string> wiredAddresses_;
 };
 
 // A dictionary as "{key = value; ...}" for the log.

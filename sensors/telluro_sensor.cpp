@@ -149,7 +149,7 @@ bool TelluroSensor::isConnected(uint32_t flags) {
 void TelluroSensor::waitForConnectivity() {
   while (!ready_) {
     uint32_t flags = 0;
-    if (!reachability_.checkReachabilityByName(config_.reachabilityHost, &flags)) {
+    if (!reachability_.checkReachabilityByName(config().reachabilityHost, &flags)) {
       Clock::get().sleepFor(500ms);
       continue;
     }
@@ -210,7 +210,7 @@ void TelluroSensor::triggerSensor(const std::optional<TelluroLocation>& location
 void TelluroSensor::refreshLocation() {
   // Only primes the resolver; the answer does not matter.
   uint32_t flags = 0;
-  (void)reachability_.checkReachabilityByName(config_.reachabilityHost, &flags);
+  (void)reachability_.checkReachabilityByName(config().reachabilityHost, &flags);
   helper_.reportCurrentLocation(callbackTo(&TelluroSensor::finishRefresh));
 }
 
@@ -241,9 +241,10 @@ void TelluroSensor::startIPLocationCheck() {
 std::optional<TelluroLocation> TelluroSensor::performIPLocationCheck(const std::stop_token& stop) {
   SystemLog("performing ip location");
   std::optional<TelluroLocation> location;
-  if (!config_.ipLocationURL.empty()) {
+  const std::string ipLocationURL = config().ipLocationURL;
+  if (!ipLocationURL.empty()) {
     std::optional<std::string> body;
-    std::string base = config_.ipLocationURL;
+    std::string base = ipLocationURL;
     while (!base.empty() && base.back() == '/') base.pop_back();
     const std::string url = base + kIPLocationPath;
     for (int attempt = 0; attempt < 10 && !body && !stop.stop_requested(); ++attempt) {
@@ -299,6 +300,16 @@ bool TelluroSensor::statusIsEqualToStatus(const TelluroStatus& other) const {
   return distance < 0.01f;  // NaN compares unequal
 }
 
+TelluroSensor::Config TelluroSensor::config() const {
+  MutexLock lock(mu_);
+  return config_;
+}
+
+void TelluroSensor::setConfig(Config config) {
+  MutexLock lock(mu_);
+  config_ = std::move(config);
+}
+
 void TelluroSensor::willSleep() {
   MutexLock lock(mu_);
   sleepDate_ = Clock::get().wallNow();
@@ -316,6 +327,8 @@ void TelluroSensor::didWake() {
   if (seconds / 60 > 2) {
     SystemLog("clearing Telluro currentLongitutde/currentLatitude because it's been more than 2 minutes since sleep occured");
     setPosition(std::nullopt, std::nullopt);
+    // The computer may have travelled meanwhile: look where it is now.
+    performLocationCheck();
   }
 }
 

@@ -121,11 +121,16 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   [[nodiscard]] bool statusIsEqualToStatus(const TelluroStatus& other) const override;
 
   // Sleep and wake: a wake at least 3 whole minutes after the sleep clears
-  // the position.
+  // the position and starts a check (`performLocationCheck`).
   void willSleep();
   void didWake();
 
   [[nodiscard]] bool ready() const { return ready_; }
+
+  // Settings for the checks from now on (a check in progress may still use
+  // the old ones). Any thread.
+  void setConfig(Config config);
+  [[nodiscard]] Config config() const;
 
  private:
   void refreshLocation();
@@ -145,10 +150,10 @@ class TelluroSensor final : public LocationSource, public LocationCheck, public 
   Reachability& reachability_;
   HttpFetcher& fetcher_;
   LocationTrigger& trigger_;
-  const Config config_;
 
   std::atomic<bool> ready_{true};
   mutable Mutex mu_;
+  Config config_ ZONARA_GUARDED_BY(mu_);
   std::optional<double> currentLongitude_ ZONARA_GUARDED_BY(mu_);
   std::optional<double> currentLatitude_ ZONARA_GUARDED_BY(mu_);
   std::optional<PositionQuality> currentQuality_ ZONARA_GUARDED_BY(mu_);

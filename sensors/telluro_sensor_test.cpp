@@ -350,27 +350,40 @@ TEST(TelluroSensorFlags, ConnectedWithoutTransientRequiredOrIntervention) {
   for (const Case& c : cases) EXPECT_EQ(TelluroSensor::isConnected(c.flags), c.connected) << c.flags;
 }
 
-TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePosition) {
-  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+// A long sleep clears the position and looks again at once: the computer may
+// have travelled. The look-up finds the place it woke up in.
+TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePositionAndLooksAgain) {
   makeSensor();
+  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 139.69, 35.69); };
   struct Case {
     std::chrono::milliseconds slept;
     bool kept;
   } cases[] = {{179000ms, true}, {180000ms, false}};
   for (const Case& c : cases) {
     sensor_->triggerSensor(TelluroLocation{2.35, 48.85, {}});
+    const size_t lookups = library_.lookupCount();
+    const size_t triggers = trigger_.count();
     sensor_->willSleep();
     clock_.advance(c.slept);
     sensor_->didWake();
-    EXPECT_EQ(sensor_->currentLongitude().has_value(), c.kept) << c.slept.count();
+    if (c.kept) {
+      EXPECT_FLOAT_EQ(sensor_->currentLongitude().value_or(0), 2.35f) << c.slept.count();
+    }
+    helper_->waitForLookups();
+    testing::advanceMainLoop(clock_, 2000ms);
+    EXPECT_EQ(library_.lookupCount(), lookups + (c.kept ? 0 : 1)) << c.slept.count();
+    EXPECT_EQ(trigger_.count(), triggers + (c.kept ? 0 : 1)) << c.slept.count();
+    EXPECT_FLOAT_EQ(sensor_->currentLongitude().value_or(0), c.kept ? 2.35f : 139.69f) << c.slept.count();
   }
   EXPECT_TRUE(logged("clearing Telluro currentLongitutde/currentLatitude because it's been more than 2 minutes "
                      "since sleep occured"));
   // A wake without a sleep changes nothing.
   sensor_->triggerSensor(TelluroLocation{2.35, 48.85, {}});
+  const size_t lookups = library_.lookupCount();
   clock_.advance(600000ms);
   sensor_->didWake();
   EXPECT_TRUE(sensor_->currentLongitude());
+  EXPECT_EQ(library_.lookupCount(), lookups);
 }
 
 TEST_F(TelluroSensorTest, StatusComparison) {

@@ -60,6 +60,8 @@ void WpsLocationLibrary::setServerURL(const std::string& url) { (void)WPS_set_se
 LearnedPlaces::LearnedPlaces(std::string dataFolder)
     : folder_(dataFolder + "/Learned"), accountPath_(dataFolder + "/Telluro.plist") {}
 
+void LearnedPlaces::disable() { (void)WPS_set_learned_places(nullptr, nullptr); }
+
 bool LearnedPlaces::enable() {
   const std::string realm = LearnedPlacesRealm(accountPath_, true);
   return !realm.empty() && WPS_set_learned_places(folder_.c_str(), realm.c_str()) == WPS_OK;

@@ -35,6 +35,8 @@ class LearnedPlaces {
   // Has the library learn and use them (a realm is made when there is none).
   // False when no realm can be kept or the library refuses.
   [[nodiscard]] bool enable();
+  // Has the library neither learn nor use them (nothing is deleted).
+  static void disable();
   struct Counts {
     unsigned long accessPoints = 0;
     unsigned long places = 0;

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/dbus.h"
+#include "platform/testing/network_namespace.h"
 #include "platform/testing/test_bus.h"
 #include "platform/zonara_names.h"
 #include "sensors/telluro_helper.h"
@@ -30,13 +31,6 @@ namespace {
 
 bool g_namespace = false;
 
-bool writeProcFile(const char* path, const std::string& text) {
-  const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ::close(fd);
-  return ok;
-}
 
 bool run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
 
@@ -61,16 +55,7 @@ std::vector<std::string> lines(const std::string& text) {
 // ---------------------------------------------------------------- namespace
 
 bool NetworkNamespace::enterAtStart() {
-  const uid_t uid = ::getuid();
-  const gid_t gid = ::getgid();
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
-  writeProcFile("/proc/self/setgroups", "deny");
-  if (!writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-      !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-    return false;
-  }
-  // The loopback interface starts down in a fresh namespace.
-  g_namespace = run("ip link set lo up");
+  g_namespace = enterNetworkNamespace();
   return g_namespace;
 }
 
@@ -353,6 +338,7 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
 HelperSystem::~HelperSystem() {
   helper_.reset();  // kills it when a test left it running
   if (wireless_) run(std::string("ip link del ") + wirelessInterface());
+  if (vpn_) (void)runIp(std::string("tuntap del dev ") + vpnInterface() + " mode tun");
   // The servers go before the state their handlers read.
   gates_.clear();
   ipPage_.reset();
@@ -447,6 +433,26 @@ bool HelperSystem::startHelper(const std::map<std::string, std::string>& environ
   helper_ = ChildProcess::start(options, &problem);
   if (!helper_) fail("cannot start the helper: " + problem);
   return helper_ != nullptr;
+}
+
+bool HelperSystem::vpnUp() {
+  if (!NetworkNamespace::available()) return false;
+  const std::string tun = vpnInterface();
+  (void)runIp("tuntap del dev " + tun + " mode tun");  // left over from a test that crashed
+  vpn_ = runIp("tuntap add dev " + tun + " mode tun");
+  return vpn_ && runIp("addr add 10.213.0.2/24 dev " + tun) && runIp("link set " + tun + " up") &&
+         runIp("route replace default dev " + tun);
+}
+
+std::optional<int> HelperSystem::runZonara(const std::vector<std::string>& arguments) {
+  ChildProcess::Options options;
+  options.argv = {(binDir() / "zonara").string()};
+  options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+  options.setEnvironment = helperEnvironment();
+  options.err.kind = ChildProcess::Output::Inherit;
+  std::unique_ptr<ChildProcess> zonara = ChildProcess::start(options);
+  if (!zonara) return std::nullopt;
+  return zonara->waitFor(timeout(std::chrono::seconds(20)));
 }
 
 std::optional<int> HelperSystem::stopHelper(std::chrono::milliseconds grace) {

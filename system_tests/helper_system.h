@@ -230,6 +230,17 @@ class HelperSystem {
   [[nodiscard]] bool wirelessSearch();
   [[nodiscard]] bool wirelessOff();
 
+  // ---- A VPN (only with the network namespace): a tun device "zvpn0" that
+  // holds the default route, as a VPN client makes one. Taken down by the
+  // destructor. False when it cannot be made.
+  [[nodiscard]] bool vpnUp();
+  [[nodiscard]] static constexpr const char* vpnInterface() { return "zvpn0"; }
+
+  // ---- The control program: `zonara ARGUMENTS` in the helper's environment
+  // (its buses, preferences and data). Its exit status; nullopt when it
+  // cannot be started or does not end within 20 s.
+  [[nodiscard]] std::optional<int> runZonara(const std::vector<std::string>& arguments);
+
   // ---- Polling.
   // Calls `condition` every 20 ms until it holds or `timeout` passes.
   template <typename Condition>
@@ -266,6 +277,7 @@ class HelperSystem {
   std::string ipCity_;
   std::unique_ptr<PreferencesDomain> preferences_;
   bool wireless_ = false;
+  bool vpn_ = false;
   std::string helperLog_;
   std::unique_ptr<ChildProcess> helper_;
 };

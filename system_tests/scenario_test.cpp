@@ -190,9 +190,12 @@ TEST(ScenarioTest, LocalTilesOnlyTheZoneComesFromTheDevice) {
 
 // Sleep and wake through logind. At 300 times real speed one real second is
 // five minutes of the helper's time: after a short nap the position stays;
-// after five minutes it is cleared (it may no longer be true).
-TEST(ScenarioTest, ASuspendOfFiveMinutesClearsThePosition) {
-  HelperSystem system(scaled(300));
+// after five minutes it is cleared (it may no longer be true) and looked for
+// again at once: the computer woke up in Tokyo.
+TEST(ScenarioTest, ASuspendOfFiveMinutesClearsThePositionAndLooksAgain) {
+  HelperSystem::Options options = scaled(300);
+  options.learnPlaces = false;
+  HelperSystem system(options);
   START_SYSTEM(system);
   // The start-up look-up stores the position (from the positioning server or,
   // should its time-out of 7 s -- 23 ms here -- pass first, the IP-location
@@ -201,22 +204,99 @@ TEST(ScenarioTest, ASuspendOfFiveMinutesClearsThePosition) {
   ASSERT_TRUE(HelperSystem::waitUntil([&] { return system.helperProperty("CurrentLocation") == here; },
                                       patience(10s)))
       << system.helperLogFile();
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(10s))) << system.helperLogFile();
 
-  // About a minute: kept.
+  // About a minute: kept, nothing looked up.
+  const size_t lookups = system.positioningServer().countTo("/location");
   ASSERT_TRUE(system.prepareForSleep(true));
   HelperSystem::sleepFor(200ms);
   ASSERT_TRUE(system.prepareForSleep(false));
   HelperSystem::sleepFor(100ms);
   EXPECT_EQ(system.helperProperty("CurrentLocation"), here);
   EXPECT_EQ(system.logCount("clearing Telluro"), 0u);
+  EXPECT_EQ(system.positioningServer().countTo("/location"), lookups);
 
-  // Five minutes: cleared.
+  // Five minutes, and a flight: cleared, and Tokyo found.
   ASSERT_TRUE(system.prepareForSleep(true));
+  system.travelTo("Tokyo");
   HelperSystem::sleepFor(1000ms);
   ASSERT_TRUE(system.prepareForSleep(false));
   ASSERT_TRUE(system.waitForLog("clearing Telluro currentLongitutde/currentLatitude", patience(5s)))
       << system.helperLogFile();
-  EXPECT_EQ(system.helperProperty("CurrentLocation"), "Unknown");
+  ASSERT_TRUE(system.waitForAppliedZones(2, patience(15s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), (std::vector<std::string>{"Europe/Paris", "Asia/Tokyo"}));
+  EXPECT_GT(system.positioningServer().countTo("/location"), lookups);
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
+// A train keeps its Wi-Fi network across a border: nothing changes on the
+// network, so only the re-check finds the new place. RecheckMinutes 1 at 60
+// times real speed: a re-check every real second.
+TEST(ScenarioTest, WithoutANetworkChangeTheRecheckFindsTheNewPlace) {
+  HelperSystem::Options options = scaled(60);
+  options.learnPlaces = false;
+  HelperSystem system(options);
+  system.preferences().setValue("RecheckMinutes", PrefValue::integer(1));
+  ASSERT_TRUE(system.preferences().synchronize());
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(10s))) << system.helperLogFile();
+  EXPECT_EQ(system.logCount("no look-up for 1 minutes"), 0u);
+
+  system.travelTo("Tokyo");
+  ASSERT_TRUE(system.waitForAppliedZones(2, patience(10s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), (std::vector<std::string>{"Europe/Paris", "Asia/Tokyo"}));
+  EXPECT_GE(system.logCount("no look-up for 1 minutes: looking for the position again"), 1u);
+  EXPECT_EQ(system.logCount("NetworkSensor change detected"), 0u);
+
+  // Turned off through `zonara set`, without a restart: no more re-checks.
+  ASSERT_EQ(system.runZonara({"set", "RecheckMinutes", "0"}), 0);
+  ASSERT_TRUE(system.waitForLog("preferences changed (RecheckMinutes)", patience(5s))) << system.helperLogFile();
+  HelperSystem::sleepFor(300ms);
+  const size_t rechecks = system.logCount("no look-up for");
+  HelperSystem::sleepFor(2500ms);  // two and a half minutes of the helper's time
+  EXPECT_EQ(system.logCount("no look-up for"), rechecks);
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
+// A VPN holds the default route (a tun device in the namespace): the position
+// the server gives for the IP address (Tokyo, where the VPN ends) is not
+// used. Trusting it through `zonara set` takes effect at once, without a
+// restart.
+TEST(ScenarioTest, AVpnKeepsPositionsFromTheIPAddressOutUntilTheyAreTrusted) {
+  HelperSystem::Options options = scaled(5);
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  if (!system.hasWirelessInterface()) GTEST_SKIP() << "no network namespace here: cannot make a VPN";
+  ASSERT_TRUE(system.vpnUp());
+  system.geolocationServer().clearAccessPoints();
+  system.setIPLocationCity("Tokyo");
+  START_SYSTEM(system);
+  const std::string ignored =
+      "not using the position from the IP address: a VPN carries the default route (zvpn0, a tun interface)";
+  ASSERT_TRUE(system.waitForLog(ignored, patience(20s))) << system.helperLogFile();
+  EXPECT_GE(system.geolocationServer().ipRequestCount(), 1u);
+  HelperSystem::sleepFor(300ms);
+  EXPECT_TRUE(system.appliedZones().empty());
+
+  ASSERT_EQ(system.runZonara({"set", "TrustIPLocationOverVPN", "true"}), 0);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(10s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Asia/Tokyo"});
+  EXPECT_EQ(system.logCount("preferences changed (TrustIPLocationOverVPN): reading them again"), 1u);
+  EXPECT_EQ(system.stopHelper(), 0);
+}
+
+// Behind the same VPN, a position from the access points still counts.
+TEST(ScenarioTest, BehindAVpnWiFiPositionsStillCount) {
+  HelperSystem::Options options = scaled(5);
+  options.geolocationApi = true;
+  HelperSystem system(options);
+  if (!system.hasWirelessInterface()) GTEST_SKIP() << "no network namespace here: cannot make a VPN";
+  ASSERT_TRUE(system.vpnUp());
+  system.setIPLocationCity("Tokyo");
+  START_SYSTEM(system);
+  ASSERT_TRUE(system.waitForAppliedZones(1, patience(20s))) << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones(), std::vector<std::string>{"Europe/Paris"});
+  EXPECT_EQ(system.logCount("not using the position from the IP address"), 0u);
   EXPECT_EQ(system.stopHelper(), 0);
 }
 

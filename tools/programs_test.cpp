@@ -350,7 +350,10 @@ TEST_F(ProgramsTest, ZonaraUsageErrorsAndFailuresExitNonZero) {
     ZonaraRun r = zonara(c.args, env_);
     EXPECT_EQ(r.status, c.status) << (c.args.empty() ? "" : c.args[0]);
   }
-  EXPECT_NE(zonara({"--help"}, env_).out.find("login on|off|status"), std::string::npos);
+  const std::string help = zonara({"--help"}, env_).out;
+  EXPECT_NE(help.find("login on|off|status"), std::string::npos);
+  EXPECT_NE(help.find("TrustIPLocationOverVPN"), std::string::npos);
+  EXPECT_NE(help.find("RecheckMinutes"), std::string::npos);
 }
 
 }  // namespace

@@ -38,6 +38,7 @@
 #include "platform/sleep_watcher.h"
 #include "platform/zonara_names.h"
 #include "platform/xdg.h"
+#include "prefs/HelperPreferences.h"
 #include "prefs/ZonaraPreferencesController.h"
 #include "sensors/location_sensing.h"
 #include "sensors/wps_location_library.h"
@@ -80,6 +81,15 @@ const char* const kUsage =
 
 // A usage error: the problem and a pointer to the help, or the whole help
 // when no command was given.
+// The preferences of when the helper looks and what it trusts, with their
+// defaults (the others are described in the README).
+void printPreferenceDefaults(FILE* out) {
+  std::fputs("\npreferences (zonara set KEY VALUE; the helper takes them at once):\n", out);
+  for (const HelperPreferenceDefault& preference : helperPreferenceDefaults()) {
+    std::fprintf(out, "  %-26s %s (default %s)\n", preference.key, preference.meaning, preference.defaultValue);
+  }
+}
+
 int usage(const char* problem = nullptr) {
   if (problem) {
     std::fprintf(stderr, "zonara: %s\nRun 'zonara --help' for the commands.\n", problem);
@@ -379,6 +389,7 @@ int main(int argc, char** argv) {
   const std::string command = argv[1];
   if (command == "--help" || command == "-h" || command == "help") {
     std::fputs(kUsage, stdout);
+    printPreferenceDefaults(stdout);
     return 0;
   }
   if (command == "status") return argc == 2 ? statusCommand() : usage("status takes no arguments");

@@ -193,4 +193,67 @@ FakePolkitAuthority::~FakePolkitAuthority() {
   g_dbus_node_info_unref(node_);
 }
 
+namespace {
+
+std::string activeConnectionPath(size_t index) {
+  return "/org/freedesktop/NetworkManager/ActiveConnection/" + std::to_string(index + 1);
+}
+
+}  // namespace
+
+FakeNetworkManager::FakeNetworkManager(DBusConnection& bus, std::vector<ActiveConnection> connections)
+    : bus_(bus), connections_(std::move(connections)) {
+  static const char* xml =
+      "<node><interface name='org.freedesktop.NetworkManager'>"
+      "<property name='ActiveConnections' type='ao' access='read'/></interface>"
+      "<interface name='org.freedesktop.NetworkManager.Connection.Active'>"
+      "<property name='Id' type='s' access='read'/><property name='Type' type='s' access='read'/>"
+      "<property name='Vpn' type='b' access='read'/><property name='State' type='u' access='read'/>"
+      "</interface></node>";
+  node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
+  static const GDBusInterfaceVTable manager = {
+      nullptr,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GError**, gpointer data) {
+        auto* self = static_cast<FakeNetworkManager*>(data);
+        GVariantBuilder paths;
+        g_variant_builder_init(&paths, G_VARIANT_TYPE("ao"));
+        for (size_t i = 0; i < self->connections_.size(); ++i) {
+          g_variant_builder_add(&paths, "o", activeConnectionPath(i).c_str());
+        }
+        return g_variant_builder_end(&paths);
+      },
+      nullptr, {nullptr}};
+  static const GDBusInterfaceVTable active = {
+      nullptr,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* property, GError**,
+         gpointer data) -> GVariant* {
+        const auto* c = static_cast<const ActiveConnection*>(data);
+        const std::string name = property;
+        if (name == "Id") return g_variant_new_string(c->id.c_str());
+        if (name == "Type") return g_variant_new_string(c->type.c_str());
+        if (name == "Vpn") return g_variant_new_boolean(c->vpn);
+        return g_variant_new_uint32(c->state);
+      },
+      nullptr, {nullptr}};
+  registrations_.push_back(g_dbus_connection_register_object(
+      bus_.get(), "/org/freedesktop/NetworkManager", node_->interfaces[0], &manager, this, nullptr, nullptr));
+  for (size_t i = 0; i < connections_.size(); ++i) {
+    registrations_.push_back(g_dbus_connection_register_object(bus_.get(), activeConnectionPath(i).c_str(),
+                                                               node_->interfaces[1], &active, &connections_[i],
+                                                               nullptr, nullptr));
+  }
+  owned_ = ownName(bus_, "org.freedesktop.NetworkManager");
+}
+
+FakeNetworkManager::~FakeNetworkManager() {
+  GVariant* released = g_dbus_connection_call_sync(
+      bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReleaseName",
+      g_variant_new("(s)", "org.freedesktop.NetworkManager"), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  if (released) g_variant_unref(released);
+  for (unsigned id : registrations_) {
+    if (id != 0) g_dbus_connection_unregister_object(bus_.get(), id);
+  }
+  g_dbus_node_info_unref(node_);
+}
+
 }  // namespace zonara::testing

@@ -188,4 +188,32 @@ class FakePolkitAuthority {
   unsigned registration_ = 0;
 };
 
+// A stand-in for NetworkManager on a bus (normally a private system bus):
+// owns "org.freedesktop.NetworkManager" and serves the manager's
+// "ActiveConnections" and, for each connection given, an active-connection
+// object with "Id", "Type", "Vpn" and "State". Same threading as FakeLogind.
+class FakeNetworkManager {
+ public:
+  struct ActiveConnection {
+    std::string id;
+    std::string type;  // "vpn", "wireguard", "802-3-ethernet", ...
+    bool vpn = false;
+    uint32_t state = 2;  // 2: activated
+  };
+
+  FakeNetworkManager(DBusConnection& bus, std::vector<ActiveConnection> connections);
+  ~FakeNetworkManager();
+  FakeNetworkManager(const FakeNetworkManager&) = delete;
+  FakeNetworkManager& operator=(const FakeNetworkManager&) = delete;
+
+  [[nodiscard]] bool ok() const { return owned_; }
+
+ private:
+  DBusConnection& bus_;
+  GDBusNodeInfo* node_;
+  std::vector<ActiveConnection> connections_;
+  std::vector<unsigned> registrations_;
+  bool owned_ = false;
+};
+
 }  // namespace zonara::testing
