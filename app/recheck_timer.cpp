@@ -34,7 +34,8 @@ void RecheckTimer::arm() {
 
 void RecheckTimer::fire() {
   timer_ = 0;
-  SystemLog("no look-up for %lld minutes: looking for the position again", static_cast<long long>(interval_.count()));
+  SystemLog("no look-up for %lld min (RecheckMinutes): looking for the position again",
+            static_cast<long long>(interval_.count()));
   lastLookup_ = Clock::get().now();
   arm();
   lookAgain_();

@@ -77,7 +77,7 @@ TEST_F(RecheckTimerTest, LooksAgainWhenTheIntervalPassedWithoutALookUp) {
     advanceMinutes(60);
     EXPECT_EQ(rechecks_.size(), count) << c.name;
   }
-  EXPECT_TRUE(log_.has("no look-up for 30 minutes: looking for the position again"));
+  EXPECT_TRUE(log_.has("no look-up for 30 min (RecheckMinutes): looking for the position again"));
 }
 
 }  // namespace

@@ -71,13 +71,21 @@ std::optional<int> routeInterface(nl_sock* sock, int family, const char* address
   return interface;
 }
 
-// "tun0, a tun interface" when the interface is a VPN's.
-std::optional<std::string> describeVpnInterface(nl_sock* sock, int index) {
+// The VPN kind of the interface with `index` (or, with index 0, `name`).
+std::string vpnKindOf(nl_sock* sock, int index, const char* name, std::unique_ptr<rtnl_link, LinkPut>* found) {
   rtnl_link* raw = nullptr;
-  if (rtnl_link_get_kernel(sock, index, nullptr, &raw) < 0 || !raw) return std::nullopt;
+  if (rtnl_link_get_kernel(sock, index, name, &raw) < 0 || !raw) return "";
   std::unique_ptr<rtnl_link, LinkPut> link(raw);
   const char* kind = rtnl_link_get_type(link.get());
-  const std::string vpn = vpnKindOfInterface(kind ? kind : "", rtnl_link_get_arptype(link.get()));
+  std::string vpn = vpnKindOfInterface(kind ? kind : "", rtnl_link_get_arptype(link.get()));
+  if (found) *found = std::move(link);
+  return vpn;
+}
+
+// "tun0, a tun interface" when the interface is a VPN's.
+std::optional<std::string> describeVpnInterface(nl_sock* sock, int index) {
+  std::unique_ptr<rtnl_link, LinkPut> link;
+  const std::string vpn = vpnKindOf(sock, index, nullptr, &link);
   if (vpn.empty()) return std::nullopt;
   const char* name = rtnl_link_get_name(link.get());
   return std::string(name ? name : "?") + ", a " + vpn + " interface";
@@ -147,6 +155,11 @@ std::string vpnKindOfInterface(const std::string& linkKind, unsigned linkType) {
   // A tun device of an older kernel (no kind): no link-layer header at all.
   if (linkKind.empty() && linkType == ARPHRD_NONE) return "tun";
   return "";
+}
+
+std::string vpnKindOfInterfaceNamed(const std::string& name) {
+  Socket sock = routeSocket();
+  return sock ? vpnKindOf(sock.get(), 0, name.c_str(), nullptr) : "";
 }
 
 std::optional<std::string> LinuxVpnDetector::vpnCarryingDefaultRoute() {

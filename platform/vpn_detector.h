@@ -41,6 +41,11 @@ class VpnDetector {
 // "" for an interface that is no VPN.
 [[nodiscard]] std::string vpnKindOfInterface(const std::string& linkKind, unsigned linkType);
 
+// The VPN kind (as above) of the interface called `name` in this network
+// namespace, read from rtnetlink; "" when it is no VPN or does not exist.
+// Any thread.
+[[nodiscard]] std::string vpnKindOfInterfaceNamed(const std::string& name);
+
 class LinuxVpnDetector final : public VpnDetector {
  public:
   // `systemBus` may be null (then only the routing is looked at).

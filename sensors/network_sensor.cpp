@@ -5,6 +5,7 @@
 
 #include "platform/clock.h"
 #include "platform/system_log.h"
+#include "platform/vpn_detector.h"
 
 namespace zonara {
 namespace {
@@ -51,6 +52,8 @@ std::string replaceLinkWithIPv4(const std::string& text) {
   return out;
 }
 
+bool isVirtualPrivateNetwork(const std::string& interface) { return !vpnKindOfInterfaceNamed(interface).empty(); }
+
 }  // namespace
 
 std::string describeStoreValue(const std::optional<PrefValue::Dictionary>& value) {
@@ -73,6 +76,8 @@ NetworkSensor::NetworkSensor(std::shared_ptr<CSystemConfigurationMonitor> monito
       airportLinkKey_ = link;
       monitor_->notifyForPattern(airportKey_);
       monitor_->notifyForPattern(airportLinkKey_);
+    } else if (monitor_->valueForPattern(link) && isVirtualPrivateNetwork(name)) {
+      SystemLog("leaving out %s: a VPN interface is no wired network", name.c_str());
     } else if (monitor_->valueForPattern(link)) {
       SystemLog("we found the ethernet network interface = %s", name.c_str());
       ethernetInterface_ = name;

@@ -7,7 +7,8 @@
 //
 // Discovery looks at the store's interfaces in index order: one with an
 // "AirPort" entity is the wireless interface, else one with a "Link" entity
-// the wired one; for either role the later interface wins. Interfaces are
+// the wired one, unless it is a VPN's (tun, WireGuard, PPP, IPsec: see
+// platform/vpn_detector.h); for either role the later interface wins. Interfaces are
 // discovered once, at construction.
 //
 // Thread safety: main thread only (changes arrive on its run loop). The 1.0 s

@@ -141,6 +141,17 @@ TEST_F(NetlinkNetworkSensorTest, AWiredChangeFirstHidesTheWirelessOneBehindIt) {
             (PrefValue::Dictionary{{"Busy", PrefValue::integer(0)}, {"Power Status", PrefValue::integer(1)}}));
 }
 
+// A VPN's tun device made after the wired link is no wired network: the veth
+// keeps that role.
+TEST_F(NetlinkNetworkSensorTest, AVpnInterfaceIsNotTakenForTheWiredOne) {
+  ip("tuntap add dev tun5 mode tun");
+  start();
+  EXPECT_EQ(monitor_->interfaces(), (std::vector<std::string>{"v1", "v0", "tun5"}));
+  EXPECT_EQ(sensor_->airportInterface(), "v0");
+  EXPECT_EQ(sensor_->ethernetInterface(), "v1");
+  ip("tuntap del dev tun5 mode tun");
+}
+
 // The wired interface joining a network (new addresses) is a reason to look;
 // losing its addresses, or keeping them, is not.
 TEST_F(NetlinkNetworkSensorTest, NewAddressesOnTheWiredInterfaceAskForOneCheck) {
