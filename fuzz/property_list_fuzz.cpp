@@ -1,6 +1,7 @@
 // Fuzz target: arbitrary bytes as a property-list file (XML or binary), read
-// by the helper's preferences store and by the positioning library's
-// preference reader (from a real file in a private configuration folder).
+// by the helper's preferences store, by the helper's account-file readers
+// (user name, learned-places realm) and by the positioning library's
+// preference reader -- the last two from a real file in a private folder.
 //
 // Checked beyond "no crash, no leak": what the store reads it can write back
 // and read again, unchanged -- the store rewrites a domain's file from what it
@@ -18,6 +19,8 @@
 #include <vector>
 
 #include "platform/preferences_store.h"
+#include "platform/system_log.h"
+#include "sensors/telluro_helper.h"
 #include "wps/spi/preferences.h"
 
 namespace {
@@ -30,6 +33,8 @@ const std::string& domainFile() {
     char folder[] = "/tmp/zonara-plist-fuzz-XXXXXX";
     if (!mkdtemp(folder)) std::abort();
     setenv("XDG_CONFIG_HOME", folder, 1);
+    // A corrupt account file is reported on every read: not wanted here.
+    zonara::SetSystemLogSinkForTesting([](zonara::LogPriority, const std::string&) {});
     return std::string(folder) + "/" + kDomain + ".plist";
   }();
   return path;
@@ -57,6 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     volatile size_t sink = WPS::SPI::readStringPreference(kDomain, key).value_or("").size();
     (void)sink;
   }
+  volatile size_t sink = zonara::GetTelluroUsername(domainFile()).value_or("").size() +
+                         zonara::LearnedPlacesRealm(domainFile(), false).size();
+  (void)sink;
   return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "wps/api/position_check.h"
 #include "wps/api/tiles/md4.h"
 #include "wps/api/tiles/tile.h"
 #include "wps/api/tiles/tile_writer.h"
@@ -137,10 +138,7 @@ bool LearnedStore::ignored(const SPI::MAC& mac) const {
 size_t LearnedStore::learn(const SPI::AccessPointList& scanned, const Location& fix) {
   if (realm_.empty() || fix.ipBased) return 0;
   if (!(fix.hpe > 0.0) || fix.hpe > kMaxTeachingAccuracy) return 0;
-  if (!std::isfinite(fix.latitude) || !std::isfinite(fix.longitude) || std::fabs(fix.latitude) > 90.0 ||
-      std::fabs(fix.longitude) > 180.0) {
-    return 0;
-  }
+  if (positionProblem(fix.latitude, fix.longitude, fix.hpe) != nullptr) return 0;
   const int64_t now = nowMs();
   forgetExpiredIgnores(now);
   std::set<uint64_t> seen;
@@ -311,8 +309,8 @@ bool LearnedStore::parse(const std::vector<unsigned char>& bytes) {
     uint64_t id = 0;
     Entry e;
     if (!r.u64(id) || !r.u64(e.tileKey) || !r.f64(e.latitude) || !r.f64(e.longitude) || !r.f64(e.accuracy) ||
-        !r.u32(e.sightings) || !r.i64(e.lastSeenMs) || std::fabs(e.latitude) > 90.0 ||
-        std::fabs(e.longitude) > 180.0 || e.sightings == 0) {
+        !r.u32(e.sightings) || !r.i64(e.lastSeenMs) || e.sightings == 0 ||
+        positionProblem(e.latitude, e.longitude, e.accuracy) != nullptr) {
       return false;
     }
     entries[id] = e;

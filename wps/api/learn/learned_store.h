@@ -29,7 +29,8 @@
 //         accuracy f64, sightings u32, last seen (ms since the epoch) i64 },
 //   M × { identity u64, ignored until (ms since the epoch) i64 },
 //   MD4 of every byte before it (16 bytes).
-// `parse` refuses anything else (another realm, a short or altered file).
+// `parse` refuses anything else (another realm, a short or altered file, an
+// entry whose position fails the library's position check).
 //
 // Thread safety: none; the library serialises every use on its lock.
 #pragma once

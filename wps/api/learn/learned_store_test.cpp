@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <string>
 
+#include "wps/api/tiles/md4.h"
 #include "wps/spi/simulated_clock.h"
 
 namespace WPS {
@@ -197,6 +200,31 @@ TEST_F(LearnedStoreTest, SerialisedFormRoundTripsAndRefusesAnythingElse) {
     ASSERT_EQ(other.learn({ap(0x00AABBCCDDEE)}, fix(kParisLat, kParisLon)), 1u);
     EXPECT_FALSE(other.parse(c.bytes)) << c.name;
     EXPECT_EQ(other.size(), 1u) << c.name << ": contents kept";
+  }
+}
+
+TEST_F(LearnedStoreTest, AnEntryThatIsNoPlaceIsRefusedEvenWithTheRightChecksum) {
+  ASSERT_EQ(store_.learn({ap(0x001122334455)}, fix(kParisLat, kParisLon)), 1u);
+  const std::vector<unsigned char> bytes = store_.serialize();
+  // The one entry follows the 32-byte header: identity, tile key, then
+  // latitude, longitude and accuracy as f64.
+  constexpr size_t kEntry = 32, kLatitude = kEntry + 16, kLongitude = kEntry + 24, kAccuracy = kEntry + 32;
+  const struct {
+    const char* name;
+    size_t at;
+    double value;
+  } cases[] = {
+      {"latitude beyond the pole", kLatitude, 90.5},
+      {"longitude beyond the antimeridian", kLongitude, -180.5},
+      {"negative accuracy", kAccuracy, -5.0},
+  };
+  for (const auto& c : cases) {
+    std::vector<unsigned char> altered = bytes;
+    std::memcpy(altered.data() + c.at, &c.value, sizeof c.value);
+    const size_t body = altered.size() - kMD4DigestSize;
+    MD4(std::string(altered.begin(), altered.begin() + static_cast<std::ptrdiff_t>(body)), altered.data() + body);
+    LearnedStore other("installation-realm");
+    EXPECT_FALSE(other.parse(altered)) << c.name;
   }
 }
 
