@@ -68,6 +68,13 @@ TEST(UndoScenarioTest, UndoFromTheNotificationAndFromTheTerminal) {
   EXPECT_EQ(nothing.status, 1) << nothing.err;
   EXPECT_EQ(nothing.err, "zonara: there is no time-zone change to undo\n");
 
+  // A new preference makes the helper decide again on the same answer: the
+  // undone zone stays undone.
+  ASSERT_EQ(system.captureZonara({"set", "AskBeforeChange", "false"}).status, 0);
+  ASSERT_TRUE(system.waitForLog("not setting Europe/Paris: the change to Europe/Paris was undone", patience(15s)))
+      << system.helperLogFile();
+  EXPECT_EQ(system.appliedZones().size(), 2u);
+
   if (system.hasWirelessInterface()) {
     rejoin(system);
     ASSERT_TRUE(system.waitForAppliedZones(3, patience(15s))) << system.helperLogFile();
@@ -122,6 +129,11 @@ TEST(UndoScenarioTest, AskingFirstKeepThenChange) {
     ASSERT_TRUE(system.pressNotificationAction("keep", &why)) << why;
     ASSERT_TRUE(system.waitForLog("the user keeps the time zone instead of Europe/Paris", patience(5s)));
     const size_t shown = system.notifications().size();
+    // Deciding again on the same answer (a preference written) asks nothing.
+    ASSERT_EQ(system.captureZonara({"set", "AskBeforeChange", "true"}).status, 0);
+    ASSERT_TRUE(system.waitForLog("not setting Europe/Paris: the user chose to keep", patience(15s)))
+        << system.helperLogFile();
+    EXPECT_EQ(system.notifications().size(), shown);
     rejoin(system);
     ASSERT_TRUE(system.waitForNotifications(shown + 1, patience(15s))) << system.helperLogFile();
     EXPECT_EQ(lastText(system), question);
