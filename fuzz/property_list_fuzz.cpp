@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -29,16 +30,34 @@ namespace {
 
 constexpr char kDomain[] = "org.zonara.fuzz";
 
-// A private configuration folder holding the domain's file; made once.
-const std::string& domainFile() {
-  static const std::string path = [] {
+// A private configuration folder holding the domain's file: made on first
+// use, removed when the program ends.
+class ConfigFolder {
+ public:
+  ConfigFolder() {
     char folder[] = "/tmp/zonara-plist-fuzz-XXXXXX";
     if (!mkdtemp(folder)) std::abort();
+    folder_ = folder;
     setenv("XDG_CONFIG_HOME", folder, 1);
     // A corrupt account file is reported on every read: not wanted here.
     zonara::SetSystemLogSinkForTesting([](zonara::LogPriority, const std::string&) {});
-    return std::string(folder) + "/" + kDomain + ".plist";
-  }();
+  }
+  ~ConfigFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+  ConfigFolder(const ConfigFolder&) = delete;
+  ConfigFolder& operator=(const ConfigFolder&) = delete;
+
+  [[nodiscard]] std::string domainFile() const { return folder_ + "/" + kDomain + ".plist"; }
+
+ private:
+  std::string folder_;
+};
+
+const std::string& domainFile() {
+  static const ConfigFolder folder;
+  static const std::string path = folder.domainFile();
   return path;
 }
 
