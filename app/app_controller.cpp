@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 #include "app/notification_controller.h"
 #include "app/zonara_application.h"
@@ -44,6 +45,28 @@ std::string refusalReason(const CommandResult& result, const std::string& polkit
          (firstLine.empty() ? " without changing it" : ": " + firstLine);
 }
 
+// "48.85660, 2.35220 (accuracy 25 m, from the positioning server)".
+std::string describePosition(const ZoneDecisionInput& input) {
+  char text[160];
+  std::snprintf(text, sizeof text, "%.5f, %.5f (accuracy %.0f m, from the %s)", input.latitude, input.longitude,
+                input.quality.accuracyMetres, positionSourceName(input.quality.source));
+  return text;
+}
+
+// "850 m", "12.3 km", "100 km or more" (the boundary data's cap); "" when
+// unknown.
+std::string describeDistance(const std::optional<double>& metres) {
+  if (!metres) return "";
+  if (*metres >= 100000) return "100 km or more";
+  char text[64];
+  if (*metres < 1000) {
+    std::snprintf(text, sizeof text, "%.0f m", *metres);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f km", *metres / 1000);
+  }
+  return text;
+}
+
 }  // namespace
 
 const std::vector<std::string>& AppController::defaultSetTimezoneCommand() {
@@ -55,13 +78,16 @@ AppController* AppController::appController() { return g_controller; }
 void AppController::setAppController(AppController* controller) { g_controller = controller; }
 
 AppController::AppController(Services services)
-    : services_(std::move(services)), recheck_(std::make_unique<RecheckTimer>(*services_.runLoop, [this] {
+    : services_(std::move(services)),
+      history_(services_.historyPath.empty() ? DecisionHistory::defaultPath() : services_.historyPath),
+      recheck_(std::make_unique<RecheckTimer>(*services_.runLoop, [this] {
         if (services_.lookAgain) services_.lookAgain();
       })) {}
 
 AppController::~AppController() {
   for (RunLoop::TimerId id : timers_) services_.runLoop->cancelTimer(id);
   if (preferencesObserver_) services_.distributedCenter->removeObserver(preferencesObserver_);
+  if (networkObserver_) services_.notificationCenter->removeObserver(networkObserver_);
   if (sensorObserver_) services_.notificationCenter->removeObserver(sensorObserver_);
   if (shutdownObserver_) services_.distributedCenter->removeObserver(shutdownObserver_);
   if (g_controller == this) g_controller = nullptr;
@@ -92,10 +118,10 @@ std::unique_ptr<AppController> AppController::create(Services services) {
     self->shutdownObserver_ = self->services_.distributedCenter->addObserver(
         kShutdownNotification, [self](const DistributedNotification&) { self->zonaraHelperShouldShutdown(); });
   }
-  const bool registered = self->services_.server->start({
-      {"DetectedTimezone", [self] { return self->detectedTimezone().value_or(""); }},
-      {"CurrentLocation", [self] { return self->currentLocation(); }},
-  });
+  std::map<std::string, BusNameServer::PropertyGetter> properties = self->statusProperties();
+  properties["DetectedTimezone"] = [self] { return self->detectedTimezone().value_or(""); };
+  properties["CurrentLocation"] = [self] { return self->currentLocation(); };
+  const bool registered = self->services_.server->start(properties, {{kUndoMethod, [self] { return self->undo(); }}});
   if (!registered) {
     if (self->shutdownObserver_) self->services_.distributedCenter->removeObserver(self->shutdownObserver_);
     self->shutdownObserver_ = 0;
@@ -110,6 +136,8 @@ std::unique_ptr<AppController> AppController::create(Services services) {
   }
   self->sensorObserver_ = self->services_.notificationCenter->addObserver(
       kSensorNotification, [self](const Notification&) { self->telluroLocationChanged(); });
+  self->networkObserver_ = self->services_.notificationCenter->addObserver(
+      kNetworkChangedNotification, [self](const Notification&) { self->networkChanged(); });
   self->timers_.push_back(self->services_.runLoop->performAfterDelay(0ms, [self] { self->setupNotificationController(); }));
   self->timers_.push_back(self->services_.runLoop->performAfterDelay(500ms, [self] { self->setupSensor(); }));
   return controller;
@@ -176,41 +204,58 @@ void AppController::lookUpZone(const ZoneDecisionInput& input, bool screenForVpn
   worker_.post([this, helper = geolocationHelper(), input, screenForVpn](const std::stop_token& stop) {
     if (screenForVpn) {
       if (std::optional<std::string> vpn = services_.vpn->activeVpn()) {
-        worker_.deliver([this, vpn = *vpn] { ipPositionIgnored(vpn); });
+        worker_.deliver([this, input, vpn = *vpn] { ipPositionIgnored(input, vpn); });
         return;
       }
     }
-    std::optional<std::string> zone = helper.timezoneForLongitude(input.longitude, input.latitude, stop);
+    Lookup lookup{input, helper.timezoneForLongitude(input.longitude, input.latitude, stop), {}, {}};
     if (stop.stop_requested()) return;
-    std::optional<ZoneDecision> decision;
-    if (zone && services_.boundaries) decision = decideZone(input, *services_.boundaries, *services_.zones);
-    worker_.deliver([this, input, zone, decision] { timezoneLookedUp(input.longitude, input.latitude, zone, decision); });
+    if (services_.boundaries) {
+      if (lookup.zone) lookup.decision = decideZone(input, *services_.boundaries, *services_.zones);
+      std::string error;
+      lookup.borderDistanceMetres = services_.boundaries->borderDistance(input.latitude, input.longitude, &error);
+    }
+    worker_.deliver([this, lookup] { timezoneLookedUp(lookup); });
   });
 }
 
-void AppController::ipPositionIgnored(const std::string& vpn) {
+void AppController::ipPositionIgnored(const ZoneDecisionInput& input, const std::string& vpn) {
   SystemLog("not using the position from the IP address: a VPN carries the default route (%s); "
             "set TrustIPLocationOverVPN to use it anyway",
             vpn.c_str());
+  record(HistoryEntry{input.now, input.quality, input.latitude, input.longitude, "", {}, HistoryAction::kNoChange,
+                      "the position from the IP address is not used: a VPN carries the default route (" + vpn + ")"});
 }
 
-void AppController::timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,
-                                     const std::optional<ZoneDecision>& decision) {
+void AppController::timezoneLookedUp(const Lookup& lookup) {
+  const double longitude = lookup.input.longitude, latitude = lookup.input.latitude;
   SystemLog("foundtimezone for (%s, %s) = %s", GeoNamesClient::numberString(latitude).c_str(),
-            GeoNamesClient::numberString(longitude).c_str(), orNull(zone));
-  locatedZone_ = zone.value_or("(null)");
+            GeoNamesClient::numberString(longitude).c_str(), orNull(lookup.zone));
+  locatedZone_ = lookup.zone.value_or("(null)");
+  lastLookup_ = lookup;
   if (refusal_ && (refusal_->longitude != longitude || refusal_->latitude != latitude)) refusal_.reset();
-  if (zone && decision) {
-    decided(*zone, *decision);
-  } else if (zone) {
-    otherPossibleZone_.reset();
-    foundTimezone(zone);
-  }
+  const Outcome outcome = actOn(lookup);
+  HistoryEntry entry{lookup.input.now, lookup.input.quality, latitude, longitude, outcome.zone, {}, outcome.action,
+                     outcome.reason};
+  if (lookup.decision) entry.nearbyZones = lookup.decision->nearbyZones;
+  record(std::move(entry));
   // The description depends on the position, which has just changed.
-  services_.server->propertiesChanged({}, {"CurrentLocation"});
+  services_.server->propertiesChanged(
+      {}, {"CurrentLocation", kLastPositionProperty, kZoneFoundProperty, kBorderDistanceProperty});
 }
 
-void AppController::decided(const std::string& zone, const ZoneDecision& decision) {
+AppController::Outcome AppController::actOn(const Lookup& lookup) {
+  if (!lookup.zone) return {HistoryAction::kNoChange, "", "no zone found at the position"};
+  if (hold_ && hold_->untilOtherZone && hold_->zone != *lookup.zone) {
+    SystemLog("%s found: the undone change to %s no longer holds", lookup.zone->c_str(), hold_->zone.c_str());
+    hold_.reset();
+  }
+  if (lookup.decision) return decided(*lookup.zone, *lookup.decision);
+  otherPossibleZone_.reset();
+  return settle(*lookup.zone, "the zone at the position");
+}
+
+AppController::Outcome AppController::decided(const std::string& zone, const ZoneDecision& decision) {
   std::string nearby;
   for (const std::string& z : decision.nearbyZones) nearby += (nearby.empty() ? "" : ", ") + z;
   SystemLog("decision: %s %s (%s; zones nearby: %s)", actionName(decision.action),
@@ -218,38 +263,142 @@ void AppController::decided(const std::string& zone, const ZoneDecision& decisio
             nearby.empty() ? "none" : nearby.c_str());
   switch (decision.action) {
     case ZoneDecision::Action::NoChange:
-      return;
-    case ZoneDecision::Action::Keep:
+      return {HistoryAction::kNoChange, zone, decision.reason};
+    case ZoneDecision::Action::Keep: {
       SystemLog("near a border: keeping %s", decision.zone.c_str());
       otherPossibleZone_.reset();
-      foundTimezone(decision.zone);
-      return;
+      Outcome outcome = settle(decision.zone, decision.reason);
+      if (outcome.action == HistoryAction::kUnchanged) outcome.action = HistoryAction::kKept;
+      outcome.zone = zone;
+      return outcome;
+    }
     case ZoneDecision::Action::Apply:
       otherPossibleZone_ = decision.otherPossibleZone;
-      foundTimezone(zone);
-      return;
+      return settle(zone, decision.reason);
   }
+  return {HistoryAction::kNoChange, zone, decision.reason};
 }
 
 void AppController::foundTimezone(const std::optional<std::string>& name) {
-  SystemLog("called foundTimezone: %s", orNull(name));
-  if (!name) return;
-  std::optional<std::string> zone = services_.zones->zoneName(*name);
-  SystemLog("timezone = %s", orNull(zone));
-  if (!zone || *zone != services_.zones->systemTimeZoneName()) {
-    if (refusedBefore(*name)) {
-      SystemLog("not setting %s again: the set-time-zone command did not apply it", name->c_str());
-      return;
-    }
-    setDetectedTimezone(*name);
+  if (!name) {
+    SystemLog("called foundTimezone: (null)");
     return;
   }
+  (void)settle(*name, "the zone at the position");
+}
+
+AppController::Outcome AppController::settle(const std::string& name, const std::string& why) {
+  SystemLog("called foundTimezone: %s", name.c_str());
+  std::optional<std::string> zone = services_.zones->zoneName(name);
+  SystemLog("timezone = %s", orNull(zone));
+  if (zone && *zone == services_.zones->systemTimeZoneName()) {
+    confirm(name);
+    return {HistoryAction::kUnchanged, name, why + "; already the system's zone"};
+  }
+  if (refusedBefore(name)) {
+    SystemLog("not setting %s again: the set-time-zone command did not apply it", name.c_str());
+    return {HistoryAction::kNotApplied, name, "the set-time-zone command did not apply it before"};
+  }
+  if (hold_ && hold_->zone == name) {
+    SystemLog("not setting %s: %s", name.c_str(), hold_->why.c_str());
+    return {HistoryAction::kHeld, name, hold_->why};
+  }
+  if (askBeforeChange()) return ask(name, why);
+  if (!changeZone(name)) return {HistoryAction::kNotApplied, name, "the set-time-zone command did not apply it"};
+  return {HistoryAction::kApplied, name, why};
+}
+
+void AppController::confirm(const std::string& name) {
   // Already the system's zone: remember it without telling anyone, so the
   // user hears only of real changes.
-  SystemLog("just going to set the ivar to %s", name->c_str());
-  detectedTimezone_ = *name;
+  SystemLog("just going to set the ivar to %s", name.c_str());
+  detectedTimezone_ = name;
   std::optional<std::string> readBack = detectedTimezone();
   SystemLog("reading ivar as %s", orNull(readBack));
+}
+
+bool AppController::askBeforeChange() const {
+  if (!services_.preferences) return false;
+  std::optional<PrefValue> value = services_.preferences->copyValue(kAskBeforeChangeKey);
+  return value && value->asBool();
+}
+
+AppController::Outcome AppController::ask(const std::string& name, const std::string& why) {
+  if (question_ == name) {
+    SystemLog("still waiting for the answer about %s", name.c_str());
+    return {HistoryAction::kAsked, name, "still waiting for the user's answer; " + why};
+  }
+  SystemLog("asking before changing the time zone to %s", name.c_str());
+  question_ = name;
+  if (notificationController_) notificationController_->askToChange(name, otherPossibleZone_);
+  return {HistoryAction::kAsked, name, why};
+}
+
+void AppController::answerQuestion(const std::string& zone, bool change) {
+  if (question_ != zone) {
+    SystemLog("an answer about %s came after another question; ignored", zone.c_str());
+    return;
+  }
+  question_.reset();
+  if (!change) {
+    SystemLog("the user keeps the time zone instead of %s", zone.c_str());
+    hold_ = Hold{zone, false, "the user chose to keep the time zone instead (until the network changes)"};
+    recordAnswer(HistoryAction::kDeclined, zone, "the user answered Keep");
+    return;
+  }
+  const bool applied = changeZone(zone);
+  recordAnswer(applied ? HistoryAction::kApplied : HistoryAction::kNotApplied, zone, "the user answered Change");
+}
+
+BusNameServer::MethodResult AppController::undo(std::optional<uint64_t> serial) {
+  if (!lastChange_ || (serial && *serial != lastChange_->serial)) {
+    SystemLog("undo: there is no change to undo");
+    return {false, "there is no time-zone change to undo"};
+  }
+  const Change change = *lastChange_;
+  if (services_.zones->zoneName(change.to) != services_.zones->systemTimeZoneName()) {
+    lastChange_.reset();
+    return {false, "the time zone is no longer " + change.to + ": nothing to undo"};
+  }
+  SystemLog("undo: changing the time zone back from %s to %s", change.to.c_str(), change.from.c_str());
+  if (!applyAndAnnounce(change.from)) return {false, "could not change the time zone back to " + change.from};
+  lastChange_.reset();
+  question_.reset();
+  hold_ = Hold{change.to, true, "the change to " + change.to + " was undone (until the network changes or another zone is found)"};
+  recordAnswer(HistoryAction::kUndone, change.from, "the user undid the change to " + change.to);
+  if (notificationController_) notificationController_->timezoneChangedBack(change.from);
+  return {true, "Time zone changed back to " + change.from};
+}
+
+void AppController::networkChanged() {
+  if (!hold_) return;
+  SystemLog("network changed: %s may be applied again", hold_->zone.c_str());
+  hold_.reset();
+}
+
+void AppController::record(HistoryEntry entry) {
+  if (int error = history_.append(entry); error != 0) {
+    SystemLogAt(LogPriority::Warning, "cannot add to the history %s: %s", history_.path().c_str(),
+                std::strerror(error));
+  }
+  lastDecision_ = std::move(entry);
+  services_.server->propertiesChanged({}, {kLastDecisionProperty, kLastDecisionReasonProperty});
+}
+
+void AppController::recordAnswer(const char* action, const std::string& zone, const std::string& reason) {
+  record(HistoryEntry{Clock::get().wallNow(), std::nullopt, 0, 0, zone, {}, action, reason});
+}
+
+std::map<std::string, BusNameServer::PropertyGetter> AppController::statusProperties() {
+  return {
+      {kLastPositionProperty, [this] { return lastLookup_ ? describePosition(lastLookup_->input) : ""; }},
+      {kZoneFoundProperty, [this] { return lastLookup_ ? lastLookup_->zone.value_or("") : ""; }},
+      {kBorderDistanceProperty,
+       [this] { return lastLookup_ ? describeDistance(lastLookup_->borderDistanceMetres) : ""; }},
+      {kLastDecisionProperty,
+       [this] { return lastDecision_ ? lastDecision_->action + (lastDecision_->zone.empty() ? "" : " " + lastDecision_->zone) : ""; }},
+      {kLastDecisionReasonProperty, [this] { return lastDecision_ ? lastDecision_->reason : ""; }},
+  };
 }
 
 std::vector<std::string> AppController::setTimezoneCommand() {
@@ -271,10 +420,21 @@ std::vector<std::string> AppController::setTimezoneCommand() {
   return defaultSetTimezoneCommand();
 }
 
-void AppController::setDetectedTimezone(const std::string& name) {
-  SystemLog("setDetectedTimezone: %s", name.c_str());
-  if (!applySystemTimezone(name)) return;
+void AppController::setDetectedTimezone(const std::string& name) { (void)changeZone(name); }
 
+bool AppController::changeZone(const std::string& name) {
+  SystemLog("setDetectedTimezone: %s", name.c_str());
+  const std::string previous = services_.zones->systemTimeZoneName();
+  if (!applyAndAnnounce(name)) return false;
+  if (!previous.empty() && previous != name) lastChange_ = Change{previous, name, ++changes_};
+  // Observers may add observers; iterate over a copy.
+  std::vector<ChangeObserver> observers = changeObservers_;
+  for (const ChangeObserver& observer : observers) observer();
+  return true;
+}
+
+bool AppController::applyAndAnnounce(const std::string& name) {
+  if (!applySystemTimezone(name)) return false;
   services_.distributedCenter->post(DistributedNotification{kClockNotification, "", {}});
 
   PreferencesDomain calendar(kCalendarDomain, services_.preferencesDirectory);
@@ -288,9 +448,7 @@ void AppController::setDetectedTimezone(const std::string& name) {
 
   detectedTimezone_ = name;
   services_.server->propertiesChanged({{"DetectedTimezone", name}}, {});
-  // Observers may add observers; iterate over a copy.
-  std::vector<ChangeObserver> observers = changeObservers_;
-  for (const ChangeObserver& observer : observers) observer();
+  return true;
 }
 
 bool AppController::applySystemTimezone(const std::string& name) {

@@ -19,6 +19,21 @@
 // that zone until the position or the preferences change or another zone is
 // found.
 //
+// Undo and asking first: after a change the user may undo it (the
+// notification's "Undo" action, or the bus method "Undo" that `zonara undo`
+// calls); the previous zone is set again and the undone zone is not applied
+// again until the network changes (the local notification
+// "ZonaraNetworkChanged") or a look-up finds another zone. With the
+// preference "AskBeforeChange" on, a zone that would be applied is offered
+// instead ("Change time zone to ZONE?", actions "Change" and "Keep"); only
+// "Change" applies it, and "Keep" holds the system's zone against that zone
+// until the network changes.
+//
+// Every decision, and every answer of the user, is appended to the history
+// (app/decision_history.h); the last position, the zone found there, its
+// distance to the nearest border and the last decision are served as bus
+// properties for `zonara status`.
+//
 // Thread safety: main thread only. The time-zone look-ups (up to ten
 // requests, 30 s apart) run one after another on a worker thread and their
 // outcomes come back to the main thread in order; `CurrentLocation` answers
@@ -26,7 +41,9 @@
 // command and the calendar's 1 s wait still run on the main thread.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,6 +61,7 @@
 #include "platform/vpn_detector.h"
 #include "platform/workspace.h"
 #include "platform/zonara_names.h"
+#include "app/decision_history.h"
 #include "app/recheck_timer.h"
 #include "app/zone_decision.h"
 #include "sensors/location_source.h"
@@ -58,6 +76,16 @@ class AppController {
  public:
   static constexpr const char* kClockNotification = "com.apple.MenuBarClock.ClockNotification";
   static constexpr const char* kCalendarDomain = "com.apple.iCal";
+  // Preference: offer a change instead of making it (default false).
+  static constexpr const char* kAskBeforeChangeKey = "AskBeforeChange";
+  // Bus properties for `zonara status` ("" while unknown).
+  static constexpr const char* kLastPositionProperty = "LastPosition";
+  static constexpr const char* kZoneFoundProperty = "ZoneFound";
+  static constexpr const char* kBorderDistanceProperty = "BorderDistance";
+  static constexpr const char* kLastDecisionProperty = "LastDecision";
+  static constexpr const char* kLastDecisionReasonProperty = "LastDecisionReason";
+  // Bus method: undoes the last change (as the notification's "Undo").
+  static constexpr const char* kUndoMethod = "Undo";
 
   // What the controller works with. Everything is borrowed and must outlive
   // the controller; `location` may be null (no position known yet).
@@ -82,6 +110,8 @@ class AppController {
     // The XDG data folder that holds "Zonara" ("" = $XDG_DATA_HOME, else
     // ~/.local/share).
     std::string dataHome;
+    // The history file ("" = DecisionHistory::defaultPath()).
+    std::string historyPath;
     // Image shown with user notifications; may be empty.
     std::string iconPath;
     // The installed polkit rule that lets the user set the zone without a
@@ -141,8 +171,10 @@ class AppController {
   void telluroLocationChanged();
   // Whether a look-up is queued or running (tests).
   [[nodiscard]] bool lookupInProgress() const { return worker_.busy(); }
-  // Applies `name` when it differs from the system's zone; otherwise only
-  // remembers it (without a change notification). nullopt does nothing.
+  // Applies `name` when it differs from the system's zone (or asks first,
+  // or holds the system's zone against an undone or declined zone);
+  // otherwise only remembers it (without a change notification). nullopt
+  // does nothing.
   void foundTimezone(const std::optional<std::string>& name);
   // Sets the system zone with the configured command; when the system's zone
   // became `name`: posts the clock notification, brings the calendar over
@@ -158,6 +190,22 @@ class AppController {
   // Quits the running calendar application, if any, and waits 1 s for it.
   // True when one was found.
   bool killiCalIfRunning();
+
+  // Sets the zone that was the system's before the last change again, when
+  // that change is still in effect and, given `serial`, is the change
+  // `serial` names (`lastChangeSerial`). The answer says what happened, for
+  // the user; not ok when there was nothing to undo or the zone could not be
+  // set.
+  [[nodiscard]] BusNameServer::MethodResult undo(std::optional<uint64_t> serial = std::nullopt);
+  // Identifies the last change for `undo` (0 when there is none to undo).
+  [[nodiscard]] uint64_t lastChangeSerial() const { return lastChange_ ? lastChange_->serial : 0; }
+  // The user's answer to "Change time zone to ZONE?": `change` applies the
+  // zone; otherwise the system's zone is held against it until the network
+  // changes. An answer to an earlier question than the last one is ignored.
+  void answerQuestion(const std::string& zone, bool change);
+  // The computer joined a network: an undone or declined zone may be
+  // applied again.
+  void networkChanged();
 
   // Called after every `setDetectedTimezone` (not for confirmations).
   using ChangeObserver = std::function<void()>;
@@ -179,17 +227,44 @@ class AppController {
   explicit AppController(Services services);
   [[nodiscard]] GeolocationHelper geolocationHelper() const;
   void createSupportFolders();
+  // What a look-up found (made on the worker).
+  struct Lookup {
+    ZoneDecisionInput input;
+    std::optional<std::string> zone;
+    std::optional<ZoneDecision> decision;
+    std::optional<double> borderDistanceMetres;
+  };
+  // What was done about a zone, and why (a history line's last fields).
+  struct Outcome {
+    const char* action;
+    std::string zone;
+    std::string reason;
+  };
   // The look-up and decision on the worker (see `telluroLocationChanged`);
   // `screenForVpn`: first ask whether a VPN carries the default route.
   void lookUpZone(const ZoneDecisionInput& input, bool screenForVpn);
-  void ipPositionIgnored(const std::string& vpn);
-  void timezoneLookedUp(double longitude, double latitude, const std::optional<std::string>& zone,
-                        const std::optional<ZoneDecision>& decision);
+  void ipPositionIgnored(const ZoneDecisionInput& input, const std::string& vpn);
+  void timezoneLookedUp(const Lookup& lookup);
+  [[nodiscard]] Outcome actOn(const Lookup& lookup);
   // Acts on the decision for the zone `zone` looked up at the position.
-  void decided(const std::string& zone, const ZoneDecision& decision);
+  [[nodiscard]] Outcome decided(const std::string& zone, const ZoneDecision& decision);
+  // Applies, asks, holds or confirms a zone found (see `foundTimezone`).
+  [[nodiscard]] Outcome settle(const std::string& name, const std::string& why);
+  void confirm(const std::string& name);
+  [[nodiscard]] bool askBeforeChange() const;
+  [[nodiscard]] Outcome ask(const std::string& name, const std::string& why);
+  // `setDetectedTimezone`; true when the zone took.
+  bool changeZone(const std::string& name);
+  // Sets the zone and, when it took, tells the clocks, the calendar and the
+  // bus (not the change observers).
+  bool applyAndAnnounce(const std::string& name);
   // Runs the set-time-zone command; true when the system's zone is `name`
   // afterwards.
   bool applySystemTimezone(const std::string& name);
+  // Appends to the history and makes it the last decision.
+  void record(HistoryEntry entry);
+  void recordAnswer(const char* action, const std::string& zone, const std::string& reason);
+  [[nodiscard]] std::map<std::string, BusNameServer::PropertyGetter> statusProperties();
   void zoneNotApplied(const std::string& name, const CommandResult& result, const std::string& systemZone);
   [[nodiscard]] bool refusedBefore(const std::string& name) const;
 
@@ -214,6 +289,27 @@ class AppController {
   };
   std::optional<Refusal> refusal_;
   std::string userToldOfRefusal_;  // the zone the user last heard could not be set
+  NotificationCenter::ObserverId networkObserver_ = 0;
+  DecisionHistory history_;
+  // The last look-up and decision, for `zonara status`.
+  std::optional<Lookup> lastLookup_;
+  std::optional<HistoryEntry> lastDecision_;
+  // The last change made, until it is undone.
+  struct Change {
+    std::string from, to;
+    uint64_t serial = 0;
+  };
+  std::optional<Change> lastChange_;
+  uint64_t changes_ = 0;
+  // A zone not applied again: undone (until the network changes or another
+  // zone is found) or declined (until the network changes).
+  struct Hold {
+    std::string zone;
+    bool untilOtherZone = false;
+    std::string why;
+  };
+  std::optional<Hold> hold_;
+  std::optional<std::string> question_;  // the zone the user is asked about
   std::unique_ptr<RecheckTimer> recheck_;
   // Last: stopped first, while what its jobs deliver to still exists.
   BackgroundWorker worker_;

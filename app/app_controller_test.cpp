@@ -112,6 +112,12 @@ class AppControllerTest : public ::testing::Test {
     while (RunLoop::main().runOnce()) {
     }
   }
+  // A new position, and the controller's look-up of it.
+  void locateAt(AppController& controller, double lat, double lon) {
+    location_.set(lat, lon);
+    center_.post(kSensorNotification);
+    settle(controller);
+  }
   bool logged(const std::string& m) { return log_.has(m); }
   // Moves virtual time on by `step`s, running what falls due.
   void advance(Clock::Duration total, Clock::Duration step) {
@@ -196,7 +202,8 @@ TEST_F(AppControllerTest, TheShutdownObserverIsInPlaceWhenTheNameIsTaken) {
    public:
     explicit WatchingServer(testing::InProcessDistributedNotificationCenter& center, bool refuse)
         : center_(center), refuse_(refuse) {}
-    bool start(const std::map<std::string, PropertyGetter>&) override {
+    using BusNameServer::start;
+    bool start(const std::map<std::string, PropertyGetter>&, const std::map<std::string, MethodHandler>&) override {
       observersAtStart = center_.observerCount();
       return !refuse_;
     }
@@ -437,7 +444,10 @@ TEST_F(AppControllerTest, NoZoneFoundChangesNothingButTheLocation) {
   settle(*controller);
   EXPECT_TRUE(logged("looking up the zone at 48.85, 2.35 (accuracy 1200 m, from the device tiles)"));
   EXPECT_TRUE(logged("foundtimezone for (48.85, 2.35) = (null)"));
-  EXPECT_EQ(server_.events, std::vector<std::string>{"CurrentLocation?"});
+  EXPECT_EQ(server_.events, (std::vector<std::string>{"LastDecision?", "LastDecisionReason?", "CurrentLocation?",
+                                                      "LastPosition?", "ZoneFound?", "BorderDistance?"}));
+  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionProperty)(), "no change");
+  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionReasonProperty)(), "no zone found at the position");
   EXPECT_FALSE(fs::exists(root_ / "commands"));
 }
 
@@ -481,6 +491,124 @@ TEST_F(AppControllerTest, UserHearsOfAppliedChangesOnlyOnceEach) {
   EXPECT_EQ(notifier_.shown, (std::vector<std::string>{"Zonara|Launched|Zonara Launched|Zonara.png",
                                                        "Zonara|Timezone changed to: Europe/Paris|Timezone changed|Zonara.png",
                                                        "Zonara|Timezone changed to: Asia/Tokyo|Timezone changed|Zonara.png"}));
+}
+
+// "Undo" on the change's notification, or the bus method, sets the previous
+// zone again; the undone zone is then held against the same answer until the
+// network changes or another zone is found. An old notification's "Undo"
+// does nothing once a later change was made.
+TEST_F(AppControllerTest, UndoRestoresThePreviousZoneAndHoldsItUntilTheNetworkOrTheZoneChanges) {
+  auto controller = start();
+  RunLoop::main().runOnce();
+  auto lookUp = [&](double lat, double lon) { locateAt(*controller, lat, lon); };
+  lookUp(48.8566, 2.3522);
+  ASSERT_EQ(notifier_.actionKeys.back(), std::vector<std::string>{"undo"});
+  const size_t parisMessage = notifier_.shown.size() - 1;
+  ASSERT_TRUE(notifier_.chooseLatest("undo"));
+  EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "UTC"}));
+  EXPECT_EQ(notifier_.shown.back(), "Zonara|Timezone changed back to: UTC|Timezone changed|Zonara.png");
+  EXPECT_EQ(controller->detectedTimezone(), "UTC");
+  EXPECT_EQ(server_.events.back(), "LastDecisionReason?");
+
+  lookUp(48.8566, 2.3522);  // the same answer: held
+  EXPECT_EQ(commands().size(), 2u);
+  EXPECT_TRUE(log_.contains("not setting Europe/Paris: the change to Europe/Paris was undone"));
+  const BusNameServer::MethodResult nothing = server_.methods.at(AppController::kUndoMethod)();
+  EXPECT_FALSE(nothing.ok);
+  EXPECT_EQ(nothing.text, "there is no time-zone change to undo");
+
+  center_.post(kNetworkChangedNotification);
+  lookUp(48.8566, 2.3522);
+  EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "UTC", "Europe/Paris"}));
+
+  lookUp(35.7, 139.7);
+  EXPECT_FALSE(notifier_.choose(parisMessage, "undo"));  // answered before
+  const BusNameServer::MethodResult undone = server_.methods.at(AppController::kUndoMethod)();
+  EXPECT_TRUE(undone.ok);
+  EXPECT_EQ(undone.text, "Time zone changed back to Europe/Paris");
+  lookUp(35.7, 139.7);  // held
+  lookUp(-33.9, 151.2);  // another zone: the hold ends
+  lookUp(35.7, 139.7);
+  EXPECT_EQ(commands(), (std::vector<std::string>{"Europe/Paris", "UTC", "Europe/Paris", "Asia/Tokyo", "Europe/Paris",
+                                                  "Australia/Sydney", "Asia/Tokyo"}));
+  // The notification of a change that is no longer the last one undoes
+  // nothing.
+  ASSERT_GE(notifier_.actionKeys.size(), 3u);
+  const size_t sydneyMessage = notifier_.shown.size() - 2;
+  ASSERT_NE(notifier_.shown[sydneyMessage].find("Australia/Sydney"), std::string::npos);
+  EXPECT_TRUE(notifier_.choose(sydneyMessage, "undo"));
+  EXPECT_EQ(commands().size(), 7u);
+}
+
+// With "AskBeforeChange" the zone is offered, not set: "Change" sets it,
+// "Keep" holds the system's zone against it until the network changes. A
+// question already asked is not asked again, and an answer to an older
+// question is ignored.
+TEST_F(AppControllerTest, AskingFirstAppliesOnlyOnChangeAndRemembersKeepUntilTheNetworkChanges) {
+  prefs_->setValue(AppController::kAskBeforeChangeKey, PrefValue::boolean(true));
+  ASSERT_TRUE(prefs_->synchronize());
+  auto controller = start();
+  RunLoop::main().runOnce();
+  auto lookUp = [&](double lat, double lon) { locateAt(*controller, lat, lon); };
+  lookUp(48.8566, 2.3522);
+  lookUp(48.8566, 2.3522);
+  EXPECT_TRUE(commands().empty());
+  ASSERT_EQ(notifier_.shown.size(), 2u);
+  EXPECT_EQ(notifier_.shown.back(), "Zonara|Change time zone to Europe/Paris?|Change timezone?|Zonara.png");
+  EXPECT_EQ(notifier_.actionKeys.back(), (std::vector<std::string>{"change", "keep"}));
+  const size_t parisQuestion = notifier_.shown.size() - 1;
+
+  lookUp(35.7, 139.7);  // a newer question
+  EXPECT_TRUE(notifier_.choose(parisQuestion, "change"));
+  EXPECT_TRUE(commands().empty());
+  ASSERT_TRUE(notifier_.chooseLatest("change"));
+  EXPECT_EQ(commands(), std::vector<std::string>{"Asia/Tokyo"});
+  EXPECT_EQ(notifier_.shown.back(), "Zonara|Timezone changed to: Asia/Tokyo|Timezone changed|Zonara.png");
+
+  lookUp(48.8566, 2.3522);
+  ASSERT_TRUE(notifier_.chooseLatest("keep"));
+  const size_t shown = notifier_.shown.size();
+  lookUp(48.8566, 2.3522);
+  EXPECT_EQ(notifier_.shown.size(), shown);  // kept: not asked again
+  center_.post(kNetworkChangedNotification);
+  lookUp(48.8566, 2.3522);
+  EXPECT_EQ(notifier_.shown.size(), shown + 1);
+  EXPECT_EQ(notifier_.shown.back(), "Zonara|Change time zone to Europe/Paris?|Change timezone?|Zonara.png");
+  EXPECT_EQ(commands(), std::vector<std::string>{"Asia/Tokyo"});
+}
+
+// Every decision and answer goes into the history; the last one, the
+// position and the zone found are served for `zonara status`.
+TEST_F(AppControllerTest, DecisionsAreKeptInTheHistoryAndServedForTheStatus) {
+  auto controller = start();
+  RunLoop::main().runOnce();
+  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionProperty)(), "");
+  EXPECT_EQ(server_.properties.at(AppController::kLastPositionProperty)(), "");
+  location_.set(48.8566, 2.3522, {25, PositionSource::DeviceTiles});
+  center_.post(kSensorNotification);
+  settle(*controller);
+  center_.post(kSensorNotification);
+  settle(*controller);
+  ASSERT_TRUE(notifier_.chooseLatest("undo"));
+
+  std::vector<std::string> lines;
+  std::ifstream in(helper_.historyFile());
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].substr(20), "\tdevice tiles\t25 m\t48.85660,2.35220\tEurope/Paris\t-\tapplied\tthe zone at the position");
+  EXPECT_EQ(lines[1].substr(20),
+            "\tdevice tiles\t25 m\t48.85660,2.35220\tEurope/Paris\t-\tunchanged\tthe zone at the position; already the "
+            "system's zone");
+  EXPECT_EQ(lines[2].substr(20), "\t-\t-\t-\tUTC\t-\tundone\tthe user undid the change to Europe/Paris");
+  EXPECT_EQ(lines[0].substr(0, 20), "2026-01-15T00:00:00Z");
+
+  EXPECT_EQ(server_.properties.at(AppController::kLastPositionProperty)(),
+            "48.85660, 2.35220 (accuracy 25 m, from the device tiles)");
+  EXPECT_EQ(server_.properties.at(AppController::kZoneFoundProperty)(), "Europe/Paris");
+  EXPECT_EQ(server_.properties.at(AppController::kBorderDistanceProperty)(), "");  // no boundary data here
+  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionProperty)(), "undone UTC");
+  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionReasonProperty)(),
+            "the user undid the change to Europe/Paris");
 }
 
 // With boundary data the position's accuracy decides: near the Quintana

@@ -102,7 +102,10 @@ zonara::timezone::BoundaryData openBoundaryData() {
 // helper ends up inert as it does when another copy holds the name.
 class NoBusServer final : public BusNameServer {
  public:
-  bool start(const std::map<std::string, PropertyGetter>&) override { return false; }
+  using BusNameServer::start;
+  bool start(const std::map<std::string, PropertyGetter>&, const std::map<std::string, MethodHandler>&) override {
+    return false;
+  }
   void propertiesChanged(const std::map<std::string, std::string>&, const std::vector<std::string>&) override {}
 };
 

@@ -28,8 +28,9 @@ set(CPACK_PACKAGE_DESCRIPTION
 finds the computer's position (learned places on the computer, else a Wi-Fi
 positioning server, by default BeaconDB), finds the time zone there in
 boundary data kept on the computer, and sets it through timedatectl, with a
-notification. Near a border where the clocks differ
-it keeps the zone it has. Includes the control program zonara and the Wi-Fi
+notification offering to undo the change. Near a border where the clocks
+differ it keeps the zone it has; behind a VPN it ignores the position of the
+Internet address. Includes the control program zonara and the Wi-Fi
 positioning tools wps-tool and wps-scan.")
 # The description is read from a file by CPack; keep it in the build tree.
 file(WRITE "${CMAKE_BINARY_DIR}/package-description.txt" "${CPACK_PACKAGE_DESCRIPTION}")

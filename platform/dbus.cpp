@@ -94,6 +94,27 @@ std::optional<std::string> DBusConnection::stringProperty(const std::string& bus
   return text;
 }
 
+std::optional<std::string> DBusConnection::callStringMethod(const std::string& busName, const std::string& method,
+                                                            std::chrono::milliseconds timeout, std::string* why) const {
+  GError* error = nullptr;
+  GVariant* r = g_dbus_connection_call_sync(connection_, busName.c_str(), "/", busName.c_str(), method.c_str(),
+                                            nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                                            static_cast<gint>(timeout.count()), nullptr, &error);
+  if (!r) {
+    if (error) {
+      g_dbus_error_strip_remote_error(error);
+      if (why) *why = error->message;
+      g_error_free(error);
+    }
+    return std::nullopt;
+  }
+  const gchar* text = nullptr;
+  g_variant_get(r, "(&s)", &text);
+  std::string answer = text;
+  g_variant_unref(r);
+  return answer;
+}
+
 // ---------------------------------------------------------------------------
 // DBusDistributedNotificationCenter
 
@@ -169,7 +190,9 @@ void DBusDistributedNotificationCenter::removeObserver(ObserverId id) {
 // DBusNameServer
 
 struct DBusNameServer::Exported {
+  std::string name;
   std::map<std::string, PropertyGetter> properties;
+  std::map<std::string, MethodHandler> methods;
   GDBusNodeInfo* node = nullptr;
   guint registration = 0;
   bool ownsName = false;
@@ -189,14 +212,42 @@ DBusNameServer::~DBusNameServer() {
   }
 }
 
-bool DBusNameServer::start(const std::map<std::string, PropertyGetter>& properties) {
+namespace {
+
+// Answers a method call with the handler's text, or its refusal as the error
+// "<interface>.Failed".
+void callMethod(const std::string& interface, const BusNameServer::MethodHandler* handler, const gchar* method,
+                GDBusMethodInvocation* invocation) {
+  if (!handler) {
+    g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD, "no method %s",
+                                          method);
+    return;
+  }
+  BusNameServer::MethodResult result = (*handler)();
+  if (!g_utf8_validate(result.text.c_str(), -1, nullptr)) result.text.clear();
+  if (result.ok) {
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", result.text.c_str()));
+  } else {
+    g_dbus_method_invocation_return_dbus_error(invocation, (interface + ".Failed").c_str(), result.text.c_str());
+  }
+}
+
+}  // namespace
+
+bool DBusNameServer::start(const std::map<std::string, PropertyGetter>& properties,
+                           const std::map<std::string, MethodHandler>& methods) {
   if (exported_) return true;
   auto exported = std::make_unique<Exported>();
+  exported->name = name_;
   exported->properties = properties;
+  exported->methods = methods;
 
   std::string xml = "<node><interface name='" + name_ + "'>";
   for (const auto& [property, getter] : properties) {
     xml += "<property name='" + property + "' type='s' access='read'/>";
+  }
+  for (const auto& [method, handler] : methods) {
+    xml += "<method name='" + method + "'><arg type='s' direction='out'/></method>";
   }
   xml += "</interface></node>";
   GError* err = nullptr;
@@ -209,7 +260,12 @@ bool DBusNameServer::start(const std::map<std::string, PropertyGetter>& properti
   // The object goes up first so that a client that sees the name can read
   // the properties at once.
   static const GDBusInterfaceVTable vtable = {
-      nullptr,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant*,
+         GDBusMethodInvocation* invocation, gpointer data) {
+        auto* ex = static_cast<Exported*>(data);
+        auto it = ex->methods.find(method);
+        callMethod(ex->name, it == ex->methods.end() ? nullptr : &it->second, method, invocation);
+      },
       [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* property, GError** error,
          gpointer data) -> GVariant* {
         auto* ex = static_cast<Exported*>(data);

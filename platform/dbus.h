@@ -11,7 +11,9 @@
 // The server owns a well-known name (requested without queueing, so a name
 // held by another process is a failure) and exports read-only string
 // properties on the object "/" under the interface of the same name, with
-// org.freedesktop.DBus.Properties.PropertiesChanged for changes.
+// org.freedesktop.DBus.Properties.PropertiesChanged for changes, and methods
+// without arguments that answer one string (a refusal is the error
+// "<name>.Failed" with the text as its message).
 //
 // Thread safety: the objects here belong to the thread that made them
 // (normally the main thread); signal and property callbacks run on that
@@ -60,6 +62,14 @@ class DBusConnection {
   [[nodiscard]] std::optional<std::string> stringProperty(const std::string& busName, const std::string& property,
                                                           std::chrono::milliseconds timeout,
                                                           std::string* why = nullptr) const;
+  // Calls `method` (no arguments, one string answered) on the object "/"
+  // served under the well-known `busName`, through the interface of the same
+  // name. The answer, or nullopt with the reason in `*why` when given (a
+  // refusal's own text, without the error's name). Never starts a service.
+  // Blocks up to `timeout`.
+  [[nodiscard]] std::optional<std::string> callStringMethod(const std::string& busName, const std::string& method,
+                                                            std::chrono::milliseconds timeout,
+                                                            std::string* why = nullptr) const;
 
  private:
   explicit DBusConnection(GDBusConnection* connection) : connection_(connection) {}
@@ -108,16 +118,27 @@ class DBusDistributedNotificationCenter final : public DistributedNotificationCe
   std::set<ObserverId> subscriptions_;
 };
 
-// A well-known bus name with an object of read-only string properties.
+// A well-known bus name with an object of read-only string properties and
+// methods without arguments.
 class BusNameServer {
  public:
   using PropertyGetter = std::function<std::string()>;
+  // What a method answers: its text, and whether it did what was asked
+  // (false: the caller gets an error whose message is the text).
+  struct MethodResult {
+    bool ok = true;
+    std::string text;
+  };
+  using MethodHandler = std::function<MethodResult()>;
 
   virtual ~BusNameServer() = default;
   // Takes the name and exports the properties (name -> getter, called on the
-  // owning thread whenever a client reads). Returns false when the name is
-  // owned by someone else or the bus fails; nothing is exported then.
-  [[nodiscard]] virtual bool start(const std::map<std::string, PropertyGetter>& properties) = 0;
+  // owning thread whenever a client reads) and the methods (name -> handler,
+  // called on the owning thread for each call). Returns false when the name
+  // is owned by someone else or the bus fails; nothing is exported then.
+  [[nodiscard]] virtual bool start(const std::map<std::string, PropertyGetter>& properties,
+                                   const std::map<std::string, MethodHandler>& methods) = 0;
+  [[nodiscard]] bool start(const std::map<std::string, PropertyGetter>& properties) { return start(properties, {}); }
   // Announces new values (`changed`) and properties whose value must be read
   // again (`invalidated`). Does nothing before a successful `start`.
   virtual void propertiesChanged(const std::map<std::string, std::string>& changed,
@@ -131,7 +152,9 @@ class DBusNameServer final : public BusNameServer {
   DBusNameServer(DBusConnection& bus, std::string name);
   ~DBusNameServer() override;
 
-  [[nodiscard]] bool start(const std::map<std::string, PropertyGetter>& properties) override;
+  using BusNameServer::start;
+  [[nodiscard]] bool start(const std::map<std::string, PropertyGetter>& properties,
+                           const std::map<std::string, MethodHandler>& methods) override;
   void propertiesChanged(const std::map<std::string, std::string>& changed,
                          const std::vector<std::string>& invalidated) override;
 

@@ -3,10 +3,13 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <optional>
 #include <thread>
 
 #include "platform/desktop_notifier.h"
 #include "platform/run_loop.h"
+#include "platform/testing/fakes.h"
 #include "platform/testing/test_bus.h"
 
 using namespace std::chrono_literals;
@@ -137,6 +140,63 @@ TEST_F(DBusTest, NotificationWithoutAServiceIsDroppedSilently) {
   notifier.notify("Zonara", "Launched", "Zonara Launched", "");
   loop_.runUntil([] { return false; }, 100ms);  // the error reply arrives and is ignored
   SUCCEED();
+}
+
+// Methods answer their text; a refusal arrives as an error carrying the text
+// alone; a method the server does not have is an error too.
+TEST_F(DBusTest, MethodsAnswerOrRefuseWithTheirText) {
+  DBusNameServer server(*a_, "org.quillon.Test");
+  int undos = 0;
+  ASSERT_TRUE(server.start({}, {{"Undo", [&] { ++undos; return BusNameServer::MethodResult{true, "done"}; }},
+                                {"Refuse", [] { return BusNameServer::MethodResult{false, "nothing to undo"}; }}}));
+  std::optional<std::string> done, refused, missing;
+  std::string refusal, absence;
+  std::atomic<bool> finished{false};
+  std::thread client([&] {
+    std::string error;
+    std::unique_ptr<DBusConnection> c = DBusConnection::openAddress(bus_.address(), &error);
+    if (c) {
+      done = c->callStringMethod("org.quillon.Test", "Undo", 5s);
+      refused = c->callStringMethod("org.quillon.Test", "Refuse", 5s, &refusal);
+      missing = c->callStringMethod("org.quillon.Test", "Other", 5s, &absence);
+    }
+    finished = true;
+  });
+  ASSERT_TRUE(loop_.runUntil([&] { return finished.load(); }, 10s));
+  client.join();
+  EXPECT_EQ(done, "done");
+  EXPECT_EQ(undos, 1);
+  EXPECT_EQ(refused, std::nullopt);
+  EXPECT_EQ(refusal, "nothing to undo");
+  EXPECT_EQ(missing, std::nullopt);
+  EXPECT_FALSE(absence.empty());
+}
+
+// A message shown with actions hears of the one the user chose, once; a
+// message without a handler, or another message's action, reaches nobody.
+TEST_F(DBusTest, TheChosenActionOfAMessageReachesItsHandlerOnce) {
+  testing::FakeNotificationService service(*b_);
+  FreedesktopNotifier notifier(*a_, "Zonara");
+  std::vector<std::string> chosen;
+  notifier.show("Zonara", "Timezone changed to: Asia/Tokyo", "Timezone changed", "", {{"undo", "Undo"}},
+                [&](const std::string& key) { chosen.push_back("tokyo:" + key); });
+  notifier.show("Zonara", "Change time zone to Europe/Paris?", "Change timezone?", "",
+                {{"change", "Change"}, {"keep", "Keep"}},
+                [&](const std::string& key) { chosen.push_back("paris:" + key); });
+  notifier.notify("Zonara", "Launched", "Zonara Launched", "");
+  ASSERT_TRUE(loop_.runUntil([&] { return service.received.size() == 3; }, 3s));
+  loop_.runUntil([] { return false; }, 50ms);  // the ids reach the notifier
+  EXPECT_EQ(service.received[0].actionKeys, std::vector<std::string>{"undo"});
+  EXPECT_EQ(service.received[1].actionLabels, (std::vector<std::string>{"Change", "Keep"}));
+  EXPECT_TRUE(service.received[2].actionKeys.empty());
+
+  EXPECT_TRUE(service.invokeAction(service.received[1].id, "keep"));
+  EXPECT_FALSE(service.invokeAction(service.received[1].id, "change"));  // closed
+  EXPECT_FALSE(service.invokeAction(service.received[2].id, "undo"));
+  EXPECT_TRUE(service.invokeAction(0, "undo"));
+  ASSERT_TRUE(loop_.runUntil([&] { return chosen.size() == 2; }, 3s));
+  loop_.runUntil([] { return false; }, 50ms);  // nothing more arrives
+  EXPECT_EQ(chosen, (std::vector<std::string>{"paris:keep", "tokyo:undo"}));
 }
 
 }  // namespace

@@ -98,6 +98,15 @@ int writeFileAtomically(const std::string& path, const std::string& content, uns
   return error;
 }
 
+int appendToFile(const std::string& path, const std::string& content, unsigned mode) {
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, mode);
+  if (fd < 0) return errno;
+  int error = writeAll(fd, content);
+  if (error == 0 && fdatasync(fd) != 0) error = errno;
+  if (close(fd) != 0 && error == 0) error = errno;
+  return error;
+}
+
 int removeFile(const std::string& path) { return unlink(path.c_str()) == 0 ? 0 : errno; }
 
 int folderEntries(const std::string& path, std::vector<std::string>* names) {

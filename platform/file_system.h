@@ -40,6 +40,11 @@ int createFolders(const std::string& path);
 // rename, so readers see the old or the new content, never a part. 0, or
 // the errno of the failing step (the temporary file is removed then).
 int writeFileAtomically(const std::string& path, const std::string& content, unsigned mode = 0644);
+// Adds `content` at the end of the file (made with `mode` when absent) in
+// one write to a descriptor opened for appending, then flushes it to the
+// disk, so concurrent appenders do not interleave and a crash loses at most
+// this content. 0, or the errno of the failing step.
+int appendToFile(const std::string& path, const std::string& content, unsigned mode = 0644);
 // 0, or the errno of unlink.
 int removeFile(const std::string& path);
 

@@ -35,6 +35,11 @@ std::string xdgDataHome() {
   return folder.empty() ? homeFolder() + "/.local/share" : folder;
 }
 
+std::string xdgStateHome() {
+  std::string folder = absoluteVariable("XDG_STATE_HOME");
+  return folder.empty() ? homeFolder() + "/.local/state" : folder;
+}
+
 std::vector<std::string> absoluteFolders(const std::string& list) {
   std::vector<std::string> folders;
   size_t start = 0;

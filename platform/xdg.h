@@ -18,6 +18,8 @@ namespace zonara {
 [[nodiscard]] std::string xdgConfigHome();
 // $XDG_DATA_HOME, else <home>/.local/share.
 [[nodiscard]] std::string xdgDataHome();
+// $XDG_STATE_HOME, else <home>/.local/state.
+[[nodiscard]] std::string xdgStateHome();
 // The absolute folders of $XDG_DATA_DIRS (colon-separated), in order; when it
 // names none, /usr/local/share and /usr/share.
 [[nodiscard]] std::vector<std::string> xdgDataDirs();

@@ -27,5 +27,8 @@ inline constexpr const char* kPreferencesChangedNotification = "ZonaraPreference
 // Local notification: the sensor aggregator has a location change for the
 // helper.
 inline constexpr const char* kSensorNotification = "TelluroSensorNotification";
+// Local notification: the computer joined a network (posted before the
+// location check that follows).
+inline constexpr const char* kNetworkChangedNotification = "ZonaraNetworkChanged";
 
 }  // namespace zonara

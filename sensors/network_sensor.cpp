@@ -6,6 +6,7 @@
 #include "platform/clock.h"
 #include "platform/system_log.h"
 #include "platform/vpn_detector.h"
+#include "platform/zonara_names.h"
 
 namespace zonara {
 namespace {
@@ -123,11 +124,13 @@ void NetworkSensor::update(const Notification& notification) {
   const std::optional<PrefValue::Dictionary> value = monitor_->valueForPattern(key);
   SystemLog("NetworkSensor change detected, path = %s, change = %s", key.c_str(), describeStoreValue(value).c_str());
   if (wirelessJoined(key, value)) {
+    center_.post(Notification{kNetworkChangedNotification, this, {}});
     Clock::get().sleepFor(1000ms);
     check_.performLocationCheck();
   } else if (wiredChanged) {
     SystemLog("the wired network changed (%s has new addresses): looking for the position",
               ethernetInterface_.value_or("?").c_str());
+    center_.post(Notification{kNetworkChangedNotification, this, {}});
     check_.performLocationCheck();
   }
 }

@@ -3,7 +3,8 @@
 // sensor for a location check when the wireless interface is powered and no
 // longer busy (it has just joined a network), or when the wired interface
 // has IPv4 addresses it did not have before (it has joined a network; losing
-// them is no reason to look).
+// them is no reason to look). The local notification "ZonaraNetworkChanged"
+// is posted on `center` just before such a check.
 //
 // Discovery looks at the store's interfaces in index order: one with an
 // "AirPort" entity is the wireless interface, else one with a "Link" entity

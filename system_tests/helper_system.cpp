@@ -396,6 +396,7 @@ std::map<std::string, std::string> HelperSystem::helperEnvironment() const {
       {"HOME", root() + "/home"},
       {"XDG_CONFIG_HOME", configHome()},
       {"XDG_DATA_HOME", dataHome()},
+      {"XDG_STATE_HOME", stateHome()},
       {"XDG_CACHE_HOME", root() + "/cache"},
       {"DBUS_SESSION_BUS_ADDRESS", buses_ ? buses_->session().address() : ""},
       {"DBUS_SYSTEM_BUS_ADDRESS", buses_ ? buses_->system().address() : ""},
@@ -445,14 +446,10 @@ bool HelperSystem::vpnUp() {
 }
 
 std::optional<int> HelperSystem::runZonara(const std::vector<std::string>& arguments) {
-  ChildProcess::Options options;
-  options.argv = {(binDir() / "zonara").string()};
-  options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
-  options.setEnvironment = helperEnvironment();
-  options.err.kind = ChildProcess::Output::Inherit;
-  std::unique_ptr<ChildProcess> zonara = ChildProcess::start(options);
-  if (!zonara) return std::nullopt;
-  return zonara->waitFor(timeout(std::chrono::seconds(20)));
+  const ProgramRun run = captureZonara(arguments);
+  std::fputs(run.err.c_str(), stderr);
+  if (run.status < 0) return std::nullopt;
+  return run.status;
 }
 
 std::optional<int> HelperSystem::stopHelper(std::chrono::milliseconds grace) {
@@ -590,6 +587,30 @@ std::vector<std::string> HelperSystem::notificationTexts() const {
 
 bool HelperSystem::waitForNotifications(size_t count, std::chrono::milliseconds timeout) const {
   return waitUntil([&] { return notifications().size() >= count; }, timeout);
+}
+
+bool HelperSystem::pressNotificationAction(const std::string& key, std::string* why) {
+  if (!buses_) return false;
+  return InvokeNotificationAction(buses_->client(), 0, key, why);
+}
+
+HelperSystem::ProgramRun HelperSystem::captureZonara(const std::vector<std::string>& arguments) const {
+  ChildProcess::Options options;
+  options.argv = {(binDir() / "zonara").string()};
+  options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+  options.setEnvironment = helperEnvironment();
+  options.workingDirectory = root();
+  options.out = {ChildProcess::Output::Pipe, "", ""};
+  options.err = {ChildProcess::Output::Pipe, "", ""};
+  ProgramRun run;
+  std::unique_ptr<ChildProcess> child = ChildProcess::start(options, &run.err);
+  if (!child) return run;
+  const std::optional<int> status = child->waitFor(timeout(std::chrono::seconds(30)));
+  if (!status || !child->waitForEndOfOutput(std::chrono::seconds(5))) return run;
+  run.status = *status;
+  run.out = child->capturedOut();
+  run.err = child->capturedErr();
+  return run;
 }
 
 std::pair<size_t, size_t> HelperSystem::sleepInhibitors() const { return buses_->sleepInhibitors(); }

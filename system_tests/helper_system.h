@@ -2,7 +2,8 @@
 // fault tests.
 //
 // A `HelperSystem` builds, in a fresh temporary root:
-//   - HOME, XDG_CONFIG_HOME (config/), XDG_DATA_HOME (data/);
+//   - HOME, XDG_CONFIG_HOME (config/), XDG_DATA_HOME (data/), XDG_STATE_HOME
+//     (state/, where the helper keeps its history);
 //   - a private session bus with the desktop notification service
 //     (FakeNotificationService) and a private system bus with a stand-in
 //     logind (FakeLogind: PrepareForSleep, sleep inhibitors), both
@@ -119,6 +120,9 @@ class HelperSystem {
   [[nodiscard]] const std::string& root() const { return root_.path(); }
   [[nodiscard]] std::string configHome() const { return root() + "/config"; }
   [[nodiscard]] std::string dataHome() const { return root() + "/data"; }
+  [[nodiscard]] std::string stateHome() const { return root() + "/state"; }
+  // The helper's history of decisions.
+  [[nodiscard]] std::string historyFile() const { return stateHome() + "/zonara/history"; }
   // $XDG_DATA_HOME/Zonara and its tile folder.
   [[nodiscard]] std::string supportFolder() const { return dataHome() + "/Zonara"; }
   [[nodiscard]] std::string tileFolder() const { return supportFolder() + "/Telluro Cache"; }
@@ -197,6 +201,20 @@ class HelperSystem {
   // "summary|body" of each.
   [[nodiscard]] std::vector<std::string> notificationTexts() const;
   [[nodiscard]] bool waitForNotifications(size_t count, std::chrono::milliseconds timeout) const;
+  // Plays the user choosing action `key` ("undo", "change", "keep") on the
+  // newest notification offering it, through the service's InvokeAction
+  // method (as a script does). False, with the reason in `*why` when given,
+  // when no notification offers it.
+  [[nodiscard]] bool pressNotificationAction(const std::string& key, std::string* why = nullptr);
+
+  // ---- The control program.
+  struct ProgramRun {
+    int status = -1;  // -1: could not be run or did not end within 30 s
+    std::string out, err;
+  };
+  // Runs build/bin/zonara with `arguments` in the helper's environment and
+  // captures what it prints.
+  [[nodiscard]] ProgramRun captureZonara(const std::vector<std::string>& arguments) const;
 
   // ---- Sleep and wake: logind's PrepareForSleep(sleeping) on the system bus.
   [[nodiscard]] bool prepareForSleep(bool sleeping);
@@ -237,8 +255,9 @@ class HelperSystem {
   [[nodiscard]] static constexpr const char* vpnInterface() { return "zvpn0"; }
 
   // ---- The control program: `zonara ARGUMENTS` in the helper's environment
-  // (its buses, preferences and data). Its exit status; nullopt when it
-  // cannot be started or does not end within 20 s.
+  // (its buses, preferences and data). Its exit status (what it printed on
+  // standard error is passed on); nullopt when it cannot be started or does
+  // not end within 30 s.
   [[nodiscard]] std::optional<int> runZonara(const std::vector<std::string>& arguments);
 
   // ---- Polling.

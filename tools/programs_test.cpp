@@ -69,7 +69,9 @@ class ProgramsTest : public ::testing::Test {
     // A helper under test must never touch the machine's real zone.
     prefs.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string("/bin/true")}));
     ASSERT_TRUE(prefs.synchronize());
-    env_ = {{"XDG_CONFIG_HOME", (root_ / "config").string()}, {"XDG_DATA_HOME", (root_ / "data").string()}};
+    env_ = {{"XDG_CONFIG_HOME", (root_ / "config").string()},
+            {"XDG_DATA_HOME", (root_ / "data").string()},
+            {"XDG_STATE_HOME", (root_ / "state").string()}};
   }
   testing::TempDir scratch_{"programs-"};
   const fs::path root_ = scratch_.path();

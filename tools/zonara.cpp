@@ -4,7 +4,14 @@
 //
 //   zonara status              exit 0 when the helper runs, 3 when it does not;
 //                              also says whether polkit lets this user set
-//                              the system zone without a password
+//                              the system zone without a password, and the
+//                              helper's last position, zone found, distance
+//                              to the nearest border and last decision
+//   zonara undo                sets the zone that was the system's before
+//                              the helper's last change (exit 1 when there is
+//                              nothing to undo, 3 when the helper does not run)
+//   zonara history             prints the history of the helper's decisions
+//                              (app/decision_history.h has the line format)
 //   zonara start [--force]     --force starts another copy even if one runs
 //   zonara stop
 //   zonara login on|off|status
@@ -32,7 +39,9 @@
 #include <thread>
 #include <vector>
 
+#include "app/decision_history.h"
 #include "platform/dbus.h"
+#include "platform/file_system.h"
 #include "platform/polkit.h"
 #include "platform/preferences_store.h"
 #include "platform/sleep_watcher.h"
@@ -77,6 +86,12 @@ const char* const kUsage =
     "  timezone [--border] -      the same for each \"LATITUDE LONGITUDE\" line\n"
     "                             of standard input, one answer per line\n"
     "  forget                     delete every place the helper learned\n"
+    "  undo                       undo the helper's last time-zone change\n"
+    "                             (exit 1 when there is none, 3 when the helper\n"
+    "                             does not run)\n"
+    "  history                    the helper's decisions, oldest first: time,\n"
+    "                             position source, accuracy, position, zone\n"
+    "                             found, zones nearby, what was done and why\n"
     "  --help                     this text\n";
 
 // A usage error: the problem and a pointer to the help, or the whole help
@@ -118,6 +133,13 @@ class Bus {
   [[nodiscard]] std::optional<std::string> helperProperty(const char* name, int timeoutMs, std::string* why) const {
     if (!connection_) return std::nullopt;
     return connection_->stringProperty(kHelperBusName, name, std::chrono::milliseconds(timeoutMs), why);
+  }
+
+  // Calls a method of the helper; its answer, or nullopt (with the reason in
+  // `why`).
+  [[nodiscard]] std::optional<std::string> callHelper(const char* method, int timeoutMs, std::string* why) const {
+    if (!connection_) return std::nullopt;
+    return connection_->callStringMethod(kHelperBusName, method, std::chrono::milliseconds(timeoutMs), why);
   }
 
  private:
@@ -259,6 +281,21 @@ void printTimeZoneSource() {
   }
 }
 
+// The helper's last position, what it found there and what it did.
+void printLastDecision(const Bus& bus) {
+  auto show = [&bus](const char* label, const char* property) {
+    std::string why;
+    std::optional<std::string> value = bus.helperProperty(property, 5000, &why);
+    std::printf("%s: %s\n", label,
+                !value ? ("unavailable (" + why + ")").c_str() : value->empty() ? "none yet" : value->c_str());
+  };
+  show("Last position", "LastPosition");
+  show("Zone found", "ZoneFound");
+  show("Distance to the nearest border", "BorderDistance");
+  show("Last decision", "LastDecision");
+  show("Reason", "LastDecisionReason");
+}
+
 int statusCommand() {
   ZonaraPreferencesController& prefs = ZonaraPreferencesController::sharedController();
   Bus bus;
@@ -276,6 +313,7 @@ int statusCommand() {
                 !zone ? ("unavailable (" + why + ")").c_str() : zone->empty() ? "none yet" : zone->c_str());
     std::optional<std::string> location = bus.helperProperty("CurrentLocation", 5000, &why);
     std::printf("Current location: %s\n", location ? location->c_str() : ("unavailable (" + why + ")").c_str());
+    printLastDecision(bus);
   } else if (isRunning) {
     std::printf("Detected time zone: unavailable (the helper does not serve this session's bus)\n");
   }
@@ -292,6 +330,32 @@ int statusCommand() {
   if (all.empty()) std::printf("  (none set)\n");
   for (const auto& [key, value] : all) std::printf("  %s = %s\n", key.c_str(), describe(value, true).c_str());
   return isRunning ? 0 : 3;
+}
+
+int undoCommand() {
+  Bus bus;
+  if (!bus.ok()) return fail("no session bus (" + bus.error() + "); cannot reach the helper");
+  if (!bus.helperServes()) {
+    std::fprintf(stderr, "zonara: ZonaraHelper is not running; nothing to undo\n");
+    return 3;
+  }
+  std::string why;
+  std::optional<std::string> answer = bus.callHelper("Undo", 30000, &why);
+  if (!answer) return fail(why);
+  std::printf("%s\n", answer->c_str());
+  return 0;
+}
+
+int historyCommand() {
+  const std::string path = DecisionHistory::defaultPath();
+  std::optional<std::string> text = readFile(path);
+  if (!text) {
+    if (pathExists(path)) return fail("cannot read " + path);
+    std::printf("No decisions yet (%s does not exist)\n", path.c_str());
+    return 0;
+  }
+  std::fputs(text->c_str(), stdout);
+  return 0;
 }
 
 int forgetCommand() {
@@ -397,6 +461,8 @@ int main(int argc, char** argv) {
   if (command == "stop") return stopCommand(argc);
   if (command == "login") return loginCommand(argc, argv);
   if (command == "forget") return argc == 2 ? forgetCommand() : usage("forget takes no arguments");
+  if (command == "undo") return argc == 2 ? undoCommand() : usage("undo takes no arguments");
+  if (command == "history") return argc == 2 ? historyCommand() : usage("history takes no arguments");
   if (command == "get") return getCommand(argc, argv);
   if (command == "set") return setCommand(argc, argv);
   if (command == "timezone") {

@@ -44,6 +44,7 @@ AppController::Services HelperServices::services() {
   s.preferences = &preferences;
   s.preferencesDirectory = configFolder();
   s.dataHome = dataHome();
+  s.historyPath = historyFile();
   s.iconPath = SourceDir() + "/app/resources/Zonara.png";
   return s;
 }

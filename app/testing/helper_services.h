@@ -5,6 +5,7 @@
 // Under `root` (which must exist) it makes:
 //   config/     the helper's preferences domain and other applications' ones;
 //   data/       the XDG data folder (made by the helper);
+//   state/      the helper's history (state/zonara/history, made by the helper);
 //   timezone    the system's zone as a name file (read by `zones`);
 //   commands    one line per run of the set-time-zone command.
 // The helper's preferences already name the set-time-zone command, which
@@ -45,6 +46,7 @@ class HelperServices {
   [[nodiscard]] std::string configFolder() const { return root_ + "/config"; }
   [[nodiscard]] std::string dataHome() const { return root_ + "/data"; }
   [[nodiscard]] std::string timezoneFile() const { return root_ + "/timezone"; }
+  [[nodiscard]] std::string historyFile() const { return root_ + "/state/zonara/history"; }
   // The zones the set-time-zone command was run with, in order.
   [[nodiscard]] std::vector<std::string> commands() const;
 

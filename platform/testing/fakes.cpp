@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "platform/run_loop.h"
 
 namespace zonara::testing {
@@ -25,10 +27,33 @@ bool ownName(DBusConnection& bus, const char* name) {
 
 }  // namespace
 
-void RecordingDesktopNotifier::notify(const std::string& title, const std::string& message,
-                                      const std::string& notificationName, const std::string& iconPath) {
+void RecordingDesktopNotifier::show(const std::string& title, const std::string& message,
+                                    const std::string& notificationName, const std::string& iconPath,
+                                    const std::vector<NotificationAction>& actions, ActionHandler onAction) {
   std::string icon = iconPath.substr(iconPath.rfind('/') + 1);
   shown.push_back(title + "|" + message + "|" + notificationName + "|" + icon);
+  std::vector<std::string> keys;
+  for (const NotificationAction& action : actions) keys.push_back(action.key);
+  actionKeys.push_back(std::move(keys));
+  handlers_.push_back(actions.empty() ? ActionHandler{} : std::move(onAction));
+}
+
+bool RecordingDesktopNotifier::choose(size_t index, const std::string& key) {
+  if (index >= handlers_.size() || !handlers_[index]) return false;
+  const std::vector<std::string>& keys = actionKeys[index];
+  if (std::find(keys.begin(), keys.end(), key) == keys.end()) return false;
+  ActionHandler handler = std::move(handlers_[index]);
+  handlers_[index] = nullptr;
+  handler(key);
+  return true;
+}
+
+bool RecordingDesktopNotifier::chooseLatest(const std::string& key) {
+  for (size_t i = actionKeys.size(); i-- > 0;) {
+    const std::vector<std::string>& keys = actionKeys[i];
+    if (std::find(keys.begin(), keys.end(), key) != keys.end()) return choose(i, key);
+  }
+  return false;
 }
 
 void InProcessDistributedNotificationCenter::post(const DistributedNotification& notification) {
@@ -54,43 +79,114 @@ void InProcessDistributedNotificationCenter::deliver(const DistributedNotificati
   }
 }
 
+namespace {
+
+// Notify(app, replaces, icon, summary, body, actions, hints, timeout).
+FakeNotificationService::Notification notificationFrom(GVariant* p, uint32_t id) {
+  const gchar *app, *icon, *summary, *body;
+  guint32 replaces;
+  const gchar** actions = nullptr;
+  GVariant* hints;
+  gint32 timeout;
+  g_variant_get(p, "(&su&s&s&s^a&s@a{sv}i)", &app, &replaces, &icon, &summary, &body, &actions, &hints, &timeout);
+  FakeNotificationService::Notification n{id, app, icon, summary, body, "", {}, {}, false};
+  for (size_t i = 0; actions && actions[i] && actions[i + 1]; i += 2) {
+    n.actionKeys.push_back(actions[i]);
+    n.actionLabels.push_back(actions[i + 1]);
+  }
+  g_free(actions);
+  if (GVariant* v = g_variant_lookup_value(hints, "x-zonara-notification-name", G_VARIANT_TYPE_STRING)) {
+    n.name = g_variant_get_string(v, nullptr);
+    g_variant_unref(v);
+  }
+  g_variant_unref(hints);
+  return n;
+}
+
+}  // namespace
+
 FakeNotificationService::FakeNotificationService(DBusConnection& bus) : bus_(bus) {
   static const char* xml =
       "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
       "<arg type='s' direction='in'/><arg type='u' direction='in'/><arg type='s' direction='in'/>"
       "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
       "<arg type='a{sv}' direction='in'/><arg type='i' direction='in'/><arg type='u' direction='out'/>"
-      "</method></interface></node>";
+      "</method><signal name='ActionInvoked'><arg type='u'/><arg type='s'/></signal>"
+      "<signal name='NotificationClosed'><arg type='u'/><arg type='u'/></signal></interface>"
+      "<interface name='org.quillon.Zonara.FakeNotifications'><method name='InvokeAction'>"
+      "<arg type='u' direction='in'/><arg type='s' direction='in'/></method></interface></node>";
   node_ = g_dbus_node_info_new_for_xml(xml, nullptr);
-  static const GDBusInterfaceVTable vtable = {
+  static const GDBusInterfaceVTable notifications = {
       [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
          GDBusMethodInvocation* invocation, gpointer data) {
         auto* self = static_cast<FakeNotificationService*>(data);
-        const gchar *app, *icon, *summary, *body;
-        guint32 replaces;
-        GVariant* hints;
-        gint32 timeout;
-        g_variant_get(p, "(&su&s&s&s^a&s@a{sv}i)", &app, &replaces, &icon, &summary, &body, nullptr, &hints,
-                      &timeout);
-        Notification n{app, icon, summary, body, ""};
-        if (GVariant* v = g_variant_lookup_value(hints, "x-zonara-notification-name", G_VARIANT_TYPE_STRING)) {
-          n.name = g_variant_get_string(v, nullptr);
-          g_variant_unref(v);
-        }
-        g_variant_unref(hints);
-        self->received.push_back(std::move(n));
+        self->received.push_back(notificationFrom(p, static_cast<uint32_t>(self->received.size() + 1)));
         if (self->onNotification) self->onNotification(self->received.back());
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", 1u));
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", self->received.back().id));
+      },
+      nullptr, nullptr, {nullptr}};
+  static const GDBusInterfaceVTable control = {
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* p,
+         GDBusMethodInvocation* invocation, gpointer data) {
+        guint32 id = 0;
+        const gchar* key = nullptr;
+        g_variant_get(p, "(u&s)", &id, &key);
+        if (static_cast<FakeNotificationService*>(data)->invokeAction(id, key)) {
+          g_dbus_method_invocation_return_value(invocation, nullptr);
+        } else {
+          g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.InvalidArgs",
+                                                     "no such notification offers that action");
+        }
       },
       nullptr, nullptr, {nullptr}};
   registration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications",
-                                                    node_->interfaces[0], &vtable, this, nullptr, nullptr);
+                                                    node_->interfaces[0], &notifications, this, nullptr, nullptr);
+  controlRegistration_ = g_dbus_connection_register_object(bus_.get(), "/org/freedesktop/Notifications",
+                                                           node_->interfaces[1], &control, this, nullptr, nullptr);
   (void)ownName(bus_, "org.freedesktop.Notifications");
 }
 
 FakeNotificationService::~FakeNotificationService() {
   if (registration_ != 0) g_dbus_connection_unregister_object(bus_.get(), registration_);
+  if (controlRegistration_ != 0) g_dbus_connection_unregister_object(bus_.get(), controlRegistration_);
   g_dbus_node_info_unref(node_);
+}
+
+bool FakeNotificationService::invokeAction(uint32_t id, const std::string& key) {
+  for (size_t i = received.size(); i-- > 0;) {
+    Notification& n = received[i];
+    if (id != 0 && n.id != id) continue;
+    if (n.closed || std::find(n.actionKeys.begin(), n.actionKeys.end(), key) == n.actionKeys.end()) {
+      if (id != 0) return false;
+      continue;
+    }
+    g_dbus_connection_emit_signal(bus_.get(), nullptr, "/org/freedesktop/Notifications",
+                                  "org.freedesktop.Notifications", "ActionInvoked",
+                                  g_variant_new("(us)", n.id, key.c_str()), nullptr);
+    g_dbus_connection_emit_signal(bus_.get(), nullptr, "/org/freedesktop/Notifications",
+                                  "org.freedesktop.Notifications", "NotificationClosed",
+                                  g_variant_new("(uu)", n.id, 2u), nullptr);
+    (void)g_dbus_connection_flush_sync(bus_.get(), nullptr, nullptr);
+    n.closed = true;
+    if (onAction) onAction(n, key);
+    return true;
+  }
+  return false;
+}
+
+bool InvokeNotificationAction(DBusConnection& client, uint32_t id, const std::string& key, std::string* why) {
+  GError* error = nullptr;
+  GVariant* r = g_dbus_connection_call_sync(client.get(), "org.freedesktop.Notifications",
+                                            "/org/freedesktop/Notifications", FakeNotificationService::kControlInterface,
+                                            "InvokeAction", g_variant_new("(us)", id, key.c_str()), nullptr,
+                                            G_DBUS_CALL_FLAGS_NO_AUTO_START, 5000, nullptr, &error);
+  if (!r) {
+    if (why && error) *why = error->message;
+    if (error) g_error_free(error);
+    return false;
+  }
+  g_variant_unref(r);
+  return true;
 }
 
 FakeLogind::FakeLogind(DBusConnection& bus) : bus_(bus) {

@@ -51,12 +51,25 @@ class FakeWorkspace final : public Workspace {
   std::function<std::string()> onEvent;
 };
 
-// Records "title|message|name|icon file name" for each message.
+// Records "title|message|name|icon file name" for each message, and the
+// keys of its actions; `choose` plays the user choosing one.
 class RecordingDesktopNotifier final : public DesktopNotifier {
  public:
-  void notify(const std::string& title, const std::string& message, const std::string& notificationName,
-              const std::string& iconPath) override;
+  void show(const std::string& title, const std::string& message, const std::string& notificationName,
+            const std::string& iconPath, const std::vector<NotificationAction>& actions,
+            ActionHandler onAction) override;
+  // Chooses the action `key` of message `index` (of `shown`), once, as the
+  // service would report it. False when that message offered no such action
+  // or was answered before.
+  bool choose(size_t index, const std::string& key);
+  // Chooses `key` on the newest message offering it.
+  bool chooseLatest(const std::string& key);
+
   std::vector<std::string> shown;
+  std::vector<std::vector<std::string>> actionKeys;  // per message
+
+ private:
+  std::vector<ActionHandler> handlers_;  // per message; emptied when used
 };
 
 // Distributed notifications within the process: `post` records the name and
@@ -87,9 +100,12 @@ class InProcessDistributedNotificationCenter final : public DistributedNotificat
 // "Name?" (invalidated).
 class FakeBusNameServer final : public BusNameServer {
  public:
-  bool start(const std::map<std::string, PropertyGetter>& properties) override {
+  using BusNameServer::start;
+  bool start(const std::map<std::string, PropertyGetter>& properties,
+             const std::map<std::string, MethodHandler>& methods) override {
     if (refuse) return false;
     this->properties = properties;
+    this->methods = methods;
     return true;
   }
   void propertiesChanged(const std::map<std::string, std::string>& changed,
@@ -99,20 +115,42 @@ class FakeBusNameServer final : public BusNameServer {
   }
   bool refuse = false;
   std::map<std::string, PropertyGetter> properties;
+  std::map<std::string, MethodHandler> methods;
   std::vector<std::string> events;
 };
 
 // The desktop notification service (org.freedesktop.Notifications) on a
-// test's bus: takes the well-known name and records every Notify call.
-// Calls are answered on the thread that runs the bus connection's context.
+// test's bus: takes the well-known name, records every Notify call and
+// answers it with a new id (1, 2, ...). Calls are answered on the thread that
+// runs the bus connection's context.
+//
+// Tests and the demonstration press a notification's buttons through the
+// method
+//   org.quillon.Zonara.FakeNotifications.InvokeAction(u id, s key)
+// on the same object: for notification `id` (0: the newest one that offers
+// `key`) it emits the service's ActionInvoked(id, key) and then
+// NotificationClosed(id, 2), as a desktop does when the user chooses an
+// action, and the notification is closed; the error
+// org.freedesktop.DBus.Error.InvalidArgs when no open notification offers
+// `key`. From a shell:
+//   gdbus call --session --dest org.freedesktop.Notifications
+//     --object-path /org/freedesktop/Notifications
+//     --method org.quillon.Zonara.FakeNotifications.InvokeAction 0 undo
+// (one command line)
 class FakeNotificationService {
  public:
+  static constexpr const char* kControlInterface = "org.quillon.Zonara.FakeNotifications";
+
   struct Notification {
+    uint32_t id = 0;
     std::string app;
     std::string icon;
     std::string summary;
     std::string body;
     std::string name;  // the hint x-zonara-notification-name, "" when absent
+    std::vector<std::string> actionKeys;
+    std::vector<std::string> actionLabels;
+    bool closed = false;  // an action was invoked: it offers none any more
   };
 
   explicit FakeNotificationService(DBusConnection& bus);
@@ -124,12 +162,25 @@ class FakeNotificationService {
   // Told of each notification after it is recorded (for programs that show
   // them as they come); may be empty.
   std::function<void(const Notification&)> onNotification;
+  // Told of each action invoked, with the notification it belongs to; may be
+  // empty.
+  std::function<void(const Notification&, const std::string& key)> onAction;
+
+  // Invokes action `key` of notification `id` (0: the newest offering it) as
+  // the method above does. False when none offers it.
+  bool invokeAction(uint32_t id, const std::string& key);
 
  private:
   DBusConnection& bus_;
   GDBusNodeInfo* node_;
   unsigned registration_ = 0;
+  unsigned controlRegistration_ = 0;
 };
+
+// Calls InvokeAction(id, key) of the FakeNotificationService on the bus
+// `client` is connected to. False, with the service's reason in `*why` when
+// given, when it refused or did not answer within 5 s.
+bool InvokeNotificationAction(DBusConnection& client, uint32_t id, const std::string& key, std::string* why = nullptr);
 
 // A stand-in for logind on a bus (normally a private system bus): owns
 // "org.freedesktop.login1", emits PrepareForSleep and answers Inhibit with a

@@ -8,8 +8,17 @@
 // (not with --without-city-services: zones then come from the boundary data
 // alone, and the IP position from the geolocation server).
 // On the session bus (DBUS_SESSION_BUS_ADDRESS) it is the desktop
-// notification service. Everything it is asked, and every notification, is
-// printed as it happens.
+// notification service. Everything it is asked, and every notification (with
+// its id and its actions), is printed as it happens.
+//
+// A script presses a notification's button the way a user would, through the
+// service's control method (platform/testing/fakes.h):
+//   gdbus call --session --dest org.freedesktop.Notifications
+//     --object-path /org/freedesktop/Notifications
+//     --method org.quillon.Zonara.FakeNotifications.InvokeAction 0 undo
+// (one command line)
+// (0: the newest notification offering the action; the keys are "undo",
+// "change" and "keep"). The helper then receives ActionInvoked.
 //
 // When it is ready it writes the servers' addresses to the --ready file, as
 // shell assignments:
@@ -332,10 +341,17 @@ int main(int argc, char** argv) {
   }
   testing::FakeNotificationService notifications(*bus);
   notifications.onNotification = [&options](const testing::FakeNotificationService::Notification& n) {
-    say("NOTIFICATION  " + n.summary + ": " + n.body);
+    std::string actions;
+    for (size_t i = 0; i < n.actionKeys.size(); ++i) {
+      actions += (i ? ", " : "  [actions: ") + n.actionKeys[i] + "=" + n.actionLabels[i];
+    }
+    say("NOTIFICATION #" + std::to_string(n.id) + "  " + n.summary + ": " + n.body + (actions.empty() ? "" : actions + "]"));
     if (!options.notifications.empty()) {
       std::ofstream(options.notifications, std::ios::app) << n.summary << ": " << n.body << "\n";
     }
+  };
+  notifications.onAction = [](const testing::FakeNotificationService::Notification& n, const std::string& key) {
+    say("ACTION        " + key + " on notification #" + std::to_string(n.id));
   };
 
   std::unique_ptr<Servers> servers;
