@@ -9,10 +9,13 @@
 // would be lost or turn the file corrupt.
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -27,17 +30,54 @@ namespace {
 
 constexpr char kDomain[] = "org.zonara.fuzz";
 
-// A private configuration folder holding the domain's file; made once.
-const std::string& domainFile() {
-  static const std::string path = [] {
+// A private configuration folder holding the domain's file: made on first
+// use, removed when the program ends.
+class ConfigFolder {
+ public:
+  ConfigFolder() {
     char folder[] = "/tmp/zonara-plist-fuzz-XXXXXX";
     if (!mkdtemp(folder)) std::abort();
+    folder_ = folder;
     setenv("XDG_CONFIG_HOME", folder, 1);
     // A corrupt account file is reported on every read: not wanted here.
     zonara::SetSystemLogSinkForTesting([](zonara::LogPriority, const std::string&) {});
-    return std::string(folder) + "/" + kDomain + ".plist";
-  }();
+  }
+  ~ConfigFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+  ConfigFolder(const ConfigFolder&) = delete;
+  ConfigFolder& operator=(const ConfigFolder&) = delete;
+
+  [[nodiscard]] std::string domainFile() const { return folder_ + "/" + kDomain + ".plist"; }
+
+ private:
+  std::string folder_;
+};
+
+const std::string& domainFile() {
+  static const ConfigFolder folder;
+  static const std::string path = folder.domainFile();
   return path;
+}
+
+// Whether two values hold the same; unlike PrefValue's ==, a NaN real equals
+// another NaN (the store keeps NaN as NaN, which == can never confirm).
+bool same(const zonara::PrefValue& a, const zonara::PrefValue& b) {
+  using Type = zonara::PrefValue::Type;
+  if (a.type() != b.type()) return false;
+  switch (a.type()) {
+    case Type::Real:
+      return (std::isnan(a.asReal()) && std::isnan(b.asReal())) || a == b;
+    case Type::Array:
+      return std::equal(a.asArray().begin(), a.asArray().end(), b.asArray().begin(), b.asArray().end(), same);
+    case Type::Dictionary:
+      return std::equal(a.asDictionary().begin(), a.asDictionary().end(), b.asDictionary().begin(),
+                        b.asDictionary().end(),
+                        [](const auto& x, const auto& y) { return x.first == y.first && same(x.second, y.second); });
+    default:
+      return a == b;
+  }
 }
 
 void writeFile(const std::string& path, const std::string& bytes) {
@@ -54,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (const auto read = zonara::parsePropertyList(bytes)) {
     const std::string written = zonara::serializePropertyList(*read);
     const auto reread = zonara::parsePropertyList(written);
-    if (!reread || *reread != *read) std::abort();
+    if (!reread || !same(zonara::PrefValue::dictionary(*reread), zonara::PrefValue::dictionary(*read))) std::abort();
   }
 
   writeFile(domainFile(), bytes);
