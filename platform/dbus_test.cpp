@@ -190,6 +190,13 @@ TEST_F(DBusTest, TheChosenActionOfAMessageReachesItsHandlerOnce) {
   EXPECT_EQ(service.received[1].actionLabels, (std::vector<std::string>{"Change", "Keep"}));
   EXPECT_TRUE(service.received[2].actionKeys.empty());
 
+  // A signal of the same shape from another client is no choice of the user.
+  g_dbus_connection_emit_signal(a_->get(), nullptr, "/org/freedesktop/Notifications", "org.freedesktop.Notifications",
+                                "ActionInvoked", g_variant_new("(us)", service.received[0].id, "undo"), nullptr);
+  g_dbus_connection_flush_sync(a_->get(), nullptr, nullptr);
+  loop_.runUntil([] { return false; }, 50ms);
+  EXPECT_TRUE(chosen.empty());
+
   EXPECT_TRUE(service.invokeAction(service.received[1].id, "keep"));
   EXPECT_FALSE(service.invokeAction(service.received[1].id, "change"));  // closed
   EXPECT_FALSE(service.invokeAction(service.received[2].id, "undo"));

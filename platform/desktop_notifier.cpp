@@ -77,8 +77,11 @@ void notificationClosed(GDBusConnection*, const gchar*, const gchar*, const gcha
   (*static_cast<SharedHandlers*>(data))->byId.erase(id);
 }
 
+// Only the notification service's own signals count: the bus matches the
+// sender against the owner of its well-known name, so another client cannot
+// press a button for the user.
 guint subscribe(DBusConnection& bus, const char* signal, GDBusSignalCallback callback, const SharedHandlers& shared) {
-  return g_dbus_connection_signal_subscribe(bus.get(), nullptr, kService, signal, kPath, nullptr,
+  return g_dbus_connection_signal_subscribe(bus.get(), kService, kService, signal, kPath, nullptr,
                                             G_DBUS_SIGNAL_FLAGS_NONE, callback, new SharedHandlers(shared),
                                             [](gpointer data) { delete static_cast<SharedHandlers*>(data); });
 }

@@ -54,7 +54,8 @@ class DesktopNotifier {
 // path in "image-path"), and the server's default expiry. The bus is not
 // asked to start a service that is not running. The service's
 // ActionInvoked(id, key) signal for a message shown with a handler calls
-// that handler; NotificationClosed(id, reason) forgets it. At most
+// that handler; NotificationClosed(id, reason) forgets it. Only signals from
+// the owner of "org.freedesktop.Notifications" count. At most
 // `kRememberedMessages` handlers are kept (the oldest are forgotten).
 class FreedesktopNotifier final : public DesktopNotifier {
  public:
