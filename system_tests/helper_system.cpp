@@ -288,7 +288,7 @@ void HelperSystem::startServices() {
   ipPage_ = std::make_unique<HttpTestServer>([this](const HttpRequest& request) {
     std::string city;
     {
-      std::lock_guard<std::mutex> lock(worldMu_);
+      MutexLock lock(worldMu_);
       city = ipCity_;
     }
     return demo::AnswerIPLocationRequest(city.empty() ? nullptr : &cityNamed(city), request, {});
@@ -534,7 +534,7 @@ void HelperSystem::setIPLocationCity(const std::string& city) {
     const demo::City& where = cityNamed(city);
     geolocation_->setIpLocation(std::make_pair(where.latitude, where.longitude));
   }
-  std::lock_guard<std::mutex> lock(worldMu_);
+  MutexLock lock(worldMu_);
   ipCity_ = city;
 }
 

@@ -52,6 +52,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/mutex.h"
 #include "platform/preferences_store.h"
 #include "platform/testing/fakes.h"
 #include "platform/testing/service_gate.h"
@@ -298,8 +299,8 @@ class HelperSystem {
   std::unique_ptr<HttpTestServer> timezone_;
   std::unique_ptr<HttpTestServer> ipPage_;
   std::map<Service, std::unique_ptr<ServiceGate>> gates_;
-  mutable std::mutex worldMu_;
-  std::string ipCity_;
+  mutable Mutex worldMu_;
+  std::string ipCity_ ZONARA_GUARDED_BY(worldMu_);
   std::unique_ptr<PreferencesDomain> preferences_;
   bool wireless_ = false;
   bool vpn_ = false;

@@ -78,7 +78,7 @@ sockaddr_in loopback(uint16_t port) {
 ServiceGate::ServiceGate(uint16_t targetPort) : target_(targetPort) {
   if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("ServiceGate: pipe failed");
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (!listenLocked()) {
       ::close(wake_[0]);
       ::close(wake_[1]);
@@ -90,7 +90,7 @@ ServiceGate::ServiceGate(uint16_t targetPort) : target_(targetPort) {
 
 ServiceGate::~ServiceGate() {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     stopping_ = true;
     closeListeningLocked();
     cutRelaysLocked();
@@ -136,7 +136,7 @@ bool ServiceGate::listenLocked() {
 
 bool ServiceGate::open() {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (listenFd_ >= 0) return true;
     if (stopping_ || !listenLocked()) return false;
   }
@@ -146,7 +146,7 @@ bool ServiceGate::open() {
 
 void ServiceGate::close() {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     closeListeningLocked();
     cutRelaysLocked();
   }
@@ -154,7 +154,7 @@ void ServiceGate::close() {
 }
 
 bool ServiceGate::isOpen() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return listenFd_ >= 0;
 }
 
@@ -166,7 +166,7 @@ void ServiceGate::acceptLoop() {
   for (;;) {
     int listening;
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       if (stopping_) return;
       listening = listenFd_;
       // Threads of relays that ended are joined here.
@@ -179,7 +179,7 @@ void ServiceGate::acceptLoop() {
       while (::read(wake_[0], drain, sizeof drain) > 0) {
       }
     }
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     // The socket may have been closed (and its number reused) while polling:
     // accept only from the one still current.
     if (stopping_ || listening < 0 || listenFd_ != listening) continue;

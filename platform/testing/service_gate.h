@@ -20,9 +20,10 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "platform/mutex.h"
 
 namespace zonara::testing {
 
@@ -45,18 +46,18 @@ class ServiceGate {
 
  private:
   struct Relay;
-  [[nodiscard]] bool listenLocked();
-  void closeListeningLocked();
+  [[nodiscard]] bool listenLocked() ZONARA_REQUIRES(mu_);
+  void closeListeningLocked() ZONARA_REQUIRES(mu_);
   void acceptLoop();
-  void cutRelaysLocked();
+  void cutRelaysLocked() ZONARA_REQUIRES(mu_);
 
   const uint16_t target_;
   uint16_t port_ = 0;
   int wake_[2] = {-1, -1};  // a byte written here makes the acceptor look again
-  mutable std::mutex mu_;
-  int listenFd_ = -1;
-  bool stopping_ = false;
-  std::list<std::unique_ptr<Relay>> relays_;
+  mutable Mutex mu_;
+  int listenFd_ ZONARA_GUARDED_BY(mu_) = -1;
+  bool stopping_ ZONARA_GUARDED_BY(mu_) = false;
+  std::list<std::unique_ptr<Relay>> relays_ ZONARA_GUARDED_BY(mu_);
   std::atomic<uint64_t> connections_{0};
   std::thread acceptor_;
 };
