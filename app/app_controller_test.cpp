@@ -20,6 +20,7 @@
 #include "platform/testing/system_log_capture.h"
 #include "platform/testing/test_bus.h"
 #include "timezone/testing/built_boundary_file.h"
+#include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/http_test_server.h"
 #include "wps/spi/testing/temp_dir.h"
 
@@ -140,8 +141,8 @@ class AppControllerTest : public ::testing::Test {
   }
 
   testing::SystemLogCapture log_;
-  VirtualClock clock_{Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch())};
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_{Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch())};
+  WPS::SPI::ScopedClock installed_{clock_};
   testing::TempDir scratch_{"app-controller-"};
   const fs::path root_ = scratch_.path();
   testing::HelperServices helper_{scratch_.path()};

@@ -31,21 +31,18 @@ namespace {
 
 // --- The clock ----------------------------------------------------------------
 
-// ZONARA_TIME_SCALE speeds up the helper's clock for tests and the
-// demonstration: every timer and pause is shortened alike, nothing else
-// changes. The clock returned is installed; null when time runs as usual.
-std::unique_ptr<ScaledClock> installTimeScale() {
+// ZONARA_TIME_SCALE speeds up the clock the helper shares with the positioning
+// library, for tests and the demonstration: every timer, pause, retry delay
+// and scan period is shortened alike, nothing else changes.
+void applyTimeScale() {
   const char* scale = std::getenv("ZONARA_TIME_SCALE");
-  if (!scale || !*scale) return nullptr;
-  std::optional<double> factor = ScaledClock::parseFactor(scale);
+  if (!scale || !*scale) return;
+  std::optional<double> factor = Clock::parseFactor(scale);
   if (!factor) {
     SystemLogAt(LogPriority::Warning, "ignoring ZONARA_TIME_SCALE=%s: not a number >= 1", scale);
-    return nullptr;
+    return;
   }
-  if (*factor <= 1.0) return nullptr;
-  auto clock = std::make_unique<ScaledClock>(*factor);
-  Clock::set(clock.get());
-  return clock;
+  if (*factor > 1.0) (void)WPS_set_time_scale(*factor);
 }
 
 // --- The platform services ------------------------------------------------------
@@ -289,7 +286,7 @@ AppController::Services controllerServices(ZonaraApplication& application, Platf
 }  // namespace
 
 int main() {
-  std::unique_ptr<ScaledClock> scaledClock = installTimeScale();
+  applyTimeScale();
   // The positioning library looks for its logging configuration in the
   // running program's preferences domain: ours.
   WPS_set_preferences_domain(kPreferencesDomain);
@@ -317,6 +314,5 @@ int main() {
   controller.reset();
   sleepWatch.reset();
   sensing.stop();
-  Clock::set(nullptr);
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/testing/system_log_capture.h"
+#include "wps/spi/simulated_clock.h"
 
 namespace zonara {
 namespace {
@@ -22,8 +23,8 @@ class RecheckTimerTest : public ::testing::Test {
     }
   }
   testing::SystemLogCapture log_;
-  VirtualClock clock_;
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_;
+  WPS::SPI::ScopedClock installed_{clock_};
   std::vector<Clock::TimePoint> rechecks_;
 };
 
@@ -50,9 +51,9 @@ TEST_F(RecheckTimerTest, LooksAgainWhenTheIntervalPassedWithoutALookUp) {
   };
   for (const Case& c : cases) {
     rechecks_.clear();
-    const Clock::TimePoint caseStart = clock_.now();
+    const Clock::TimePoint caseStart = Clock::get().now();
     {
-      RecheckTimer timer(RunLoop::main(), [this] { rechecks_.push_back(clock_.now()); });
+      RecheckTimer timer(RunLoop::main(), [this] { rechecks_.push_back(Clock::get().now()); });
       int minute = 0;
       for (const Step& step : c.steps) {
         advanceMinutes(step.atMinute - minute);

@@ -58,7 +58,7 @@ void BackgroundWorker::runJobs(const std::stop_token& stop) {
 
 bool BackgroundWorker::pause(Clock::Duration duration, const std::stop_token& stop) {
   constexpr Clock::Duration kSlice = 100ms;
-  Clock& clock = Clock::get();
+  const Clock& clock = Clock::get();
   const Clock::TimePoint end = clock.now() + duration;
   for (;;) {
     if (stop.stop_requested()) return false;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/run_loop.h"
+#include "wps/spi/simulated_clock.h"
 
 using namespace std::chrono_literals;
 
@@ -18,8 +19,8 @@ namespace {
 
 class BackgroundWorkerTest : public ::testing::Test {
  protected:
-  VirtualClock clock_;
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_;
+  WPS::SPI::ScopedClock installed_{clock_};
   RunLoop& main_ = RunLoop::main();
 };
 
@@ -48,12 +49,12 @@ TEST_F(BackgroundWorkerTest, JobsRunInOrderAndDeliverToTheMainThreadInOrder) {
 // Pauses take the installed clock's time; asking for stop ends one early.
 TEST_F(BackgroundWorkerTest, PauseTakesVirtualTimeAndEndsWhenStopIsAskedFor) {
   std::stop_source source;
-  const Clock::TimePoint start = clock_.now();
+  const Clock::TimePoint start = Clock::get().now();
   EXPECT_TRUE(BackgroundWorker::pause(30s, source.get_token()));
-  EXPECT_EQ(clock_.now() - start, 30s);
+  EXPECT_EQ(Clock::get().now() - start, 30s);
   source.request_stop();
   EXPECT_FALSE(BackgroundWorker::pause(30s, source.get_token()));
-  EXPECT_EQ(clock_.now() - start, 30s);
+  EXPECT_EQ(Clock::get().now() - start, 30s);
 }
 
 // Destroying the worker while a job pauses and another waits: the pause ends,

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <set>
 
+#include "wps/api/wpsapi.h"
+
 namespace zonara {
 namespace {
 
@@ -59,6 +61,9 @@ RunLoop::RunLoop(bool isMain) {
   g_source_set_can_recurse(timerSource_, TRUE);
   g_source_set_name(timerSource_, "zonara-run-loop-timers");
   g_source_attach(timerSource_, context_);
+  // Every move of a simulated clock, and every change of clock, wakes the
+  // loops so the timers then due fire.
+  WPS_set_clock_listener([](void*) { RunLoop::wakeAll(); }, nullptr);
   MutexLock lock(registryMutex());
   registry().insert(this);
 }
@@ -125,7 +130,7 @@ std::optional<Clock::TimePoint> RunLoop::nextTimerDue() const {
 }
 
 int RunLoop::pollTimeoutMs() const {
-  Clock& clock = Clock::get();
+  const Clock& clock = Clock::get();
   auto next = nextTimerDue();
   if (!next) return -1;
   auto now = clock.now();
@@ -255,9 +260,11 @@ bool RunLoop::runUntilNoTimers(Duration virtualLimit) {
     auto next = nextTimerDue();
     if (!next) break;
     if (g_main_context_iteration(context_, FALSE)) continue;
-    if (auto* virtualClock = dynamic_cast<VirtualClock*>(&Clock::get())) {
+    const Clock& clock = Clock::get();
+    if (clock.isVirtual()) {
       if (*next - start > virtualLimit) break;
-      virtualClock->advanceTo(*next);
+      // A simulated clock moves forward by the sleep, to the timer's time.
+      clock.sleepFor(*next - clock.now());
     } else {
       g_main_context_iteration(context_, TRUE);
     }

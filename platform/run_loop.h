@@ -8,8 +8,8 @@
 // Timers live in the run loop of the thread that added them and fire only
 // while that run loop runs (inside `run`, `runUntil`, `runUntilNoTimers` or
 // `runOnce`); a timer added to a thread that never runs its loop never fires.
-// Timer times are read from the installed `Clock`, so with a `VirtualClock`
-// timers fire when virtual time reaches them.
+// Timer times are read from the `Clock`, so with a simulated clock timers
+// fire when simulated time reaches them.
 //
 // Thread safety: `current()` and `main()` may be called from any thread.
 // `addTimer`, `performAfterDelay`, `cancelTimer`, `timerCount`, `stop` and
@@ -80,8 +80,9 @@ class RunLoop {
   // and the same real limit applies. Returns `done()`.
   bool runUntil(const std::function<bool()>& done,
                 std::chrono::milliseconds realLimit = std::chrono::seconds(5));
-  // Runs until no timers are left or `stop` is called. With a `VirtualClock`,
-  // whenever no event is ready the clock jumps to the next timer's time, so
+  // Runs until no timers are left or `stop` is called. With a simulated clock
+  // (one whose sleeps move it), whenever no event is ready the clock jumps to
+  // the next timer's time, so
   // repeating timers would run forever: `virtualLimit` bounds the virtual time
   // spent. Returns true when no timers are left.
   bool runUntilNoTimers(Duration virtualLimit = std::chrono::hours(24));
@@ -89,7 +90,7 @@ class RunLoop {
   // something was dispatched.
   bool runOnce();
 
-  // Wakes every run loop (used by virtual clocks after time moved).
+  // Wakes every run loop (told by the clock after its time moved).
   static void wakeAll();
 
   [[nodiscard]] GMainContext* context() const { return context_; }

@@ -6,6 +6,9 @@
 #include <thread>
 #include <vector>
 
+#include "wps/api/wpsapi.h"
+#include "wps/spi/simulated_clock.h"
+
 using namespace std::chrono_literals;
 
 namespace zonara {
@@ -13,8 +16,8 @@ namespace {
 
 class RunLoopTest : public ::testing::Test {
  protected:
-  VirtualClock clock_;
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_;
+  WPS::SPI::ScopedClock installed_{clock_};
   RunLoop& loop_ = RunLoop::current();
 };
 
@@ -179,12 +182,34 @@ TEST(RunLoopRealClockTest, TimerWaitsForRealTime) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, 29ms);
 }
 
-TEST(VirtualClockTest, SleepAdvancesAndWallTimeFollows) {
-  VirtualClock clock(Clock::WallTime(std::chrono::hours(24 * 365)));
-  clock.sleepFor(1500ms);
-  clock.advanceTo(Clock::TimePoint(1000ms));  // in the past: no change
-  EXPECT_EQ(clock.now(), Clock::TimePoint(1500ms));
-  EXPECT_EQ(clock.wallNow(), Clock::WallTime(std::chrono::hours(24 * 365) + 1500ms));
+// The helper reads the one clock it shares with the library: a simulated
+// one installed by a test, and back to real time after.
+TEST(SharedClockTest, TheHelperReadsTheInstalledSimulatedClock) {
+  {
+    WPS::SPI::SimulatedClock clock(Clock::WallTime(std::chrono::hours(24 * 365)));
+    WPS::SPI::ScopedClock installed(clock);
+    EXPECT_TRUE(Clock::get().isVirtual());
+    Clock::get().sleepFor(1500ms);  // moves the simulated time
+    EXPECT_EQ(Clock::get().now(), Clock::TimePoint(1500ms));
+    EXPECT_EQ(Clock::get().wallNow(), Clock::WallTime(std::chrono::hours(24 * 365) + 1500ms));
+    EXPECT_EQ(clock.elapsed(), 1500ms);
+  }
+  EXPECT_FALSE(Clock::get().isVirtual());
+  EXPECT_NEAR(static_cast<double>(Clock::get().wallNow().time_since_epoch().count()),
+              static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      std::chrono::system_clock::now().time_since_epoch())
+                                      .count()),
+              2000.0);
+}
+
+// A move of the simulated clock on another thread wakes a loop waiting for
+// its timer.
+TEST_F(RunLoopTest, AMoveOnAnotherThreadFiresTheTimerThenDue) {
+  bool fired = false;
+  loop_.performAfterDelay(10s, [&] { fired = true; });
+  std::thread mover([this] { clock_.advance(10s); });
+  EXPECT_TRUE(loop_.runUntil([&] { return fired; }, 2s));
+  mover.join();
 }
 
 TEST(ScaledClockTest, ParseFactorAcceptsOnlyNumbersOfAtLeastOne) {
@@ -203,13 +228,18 @@ TEST(ScaledClockTest, ParseFactorAcceptsOnlyNumbersOfAtLeastOne) {
                                          {"10x", std::nullopt},
                                          {"inf", std::nullopt},
                                          {"nan", std::nullopt}}) {
-    EXPECT_EQ(ScaledClock::parseFactor(c.text), c.factor) << (c.text ? c.text : "(null)");
+    EXPECT_EQ(Clock::parseFactor(c.text), c.factor) << (c.text ? c.text : "(null)");
   }
 }
 
+// The time scale set through the library applies to the helper's timers,
+// sleeps and wall time.
 TEST(ScaledClockTest, TimersSleepsAndWallTimeRunFaster) {
-  ScaledClock clock(100);
-  ScopedClock installed(clock);
+  ASSERT_EQ(WPS_set_time_scale(100), WPS_OK);
+  struct Restore {
+    ~Restore() { (void)WPS_set_time_scale(1); }
+  } restore;
+  const Clock& clock = Clock::get();
   EXPECT_EQ(clock.realDuration(2000ms), 20ms);
   EXPECT_EQ(clock.realDuration(1ms), 1ms);  // never 0: a loop must not spin
   EXPECT_EQ(clock.realDuration(0ms), 0ms);

@@ -14,6 +14,7 @@
 #include "platform/testing/system_log_capture.h"
 #include "sensors/network_sensor.h"
 #include "sensors/system_configuration_monitor.h"
+#include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
@@ -66,8 +67,8 @@ class NetlinkNetworkSensorTest : public ::testing::Test {
     return changes_.back();
   }
 
-  VirtualClock clock_;
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_;
+  WPS::SPI::ScopedClock installed_{clock_};
   // The sensor's log lines are not part of these tests.
   testing::SystemLogCapture quiet_;
   testing::TempDir scratch_{"netns-"};
@@ -109,7 +110,7 @@ TEST_F(NetlinkNetworkSensorTest, WirelessInterfaceJoiningANetworkAsksForOneCheck
   EXPECT_TRUE(check_.times.empty());
 
   // Authenticated: operational state UP, one check after 1 s.
-  const Clock::TimePoint before = clock_.now();
+  const Clock::TimePoint before = Clock::get().now();
   ip("link set v0 state up");
   EXPECT_EQ(nextChange(), std::vector<std::string>{kAirPort});
   ASSERT_EQ(check_.times.size(), 1u);

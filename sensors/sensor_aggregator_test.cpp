@@ -8,6 +8,7 @@
 #include "platform/testing/system_log_capture.h"
 #include "platform/zonara_names.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/simulated_clock.h"
 
 namespace zonara {
 namespace {
@@ -33,7 +34,7 @@ class SensorAggregatorTest : public ::testing::Test {
   void SetUp() override {
     observer_ = center_.addObserver(kSensorNotification, [this](const Notification& n) {
       EXPECT_EQ(n.object, aggregator_.get());
-      posted_.push_back(clock_.now());
+      posted_.push_back(Clock::get().now());
     });
     aggregator_ = std::make_unique<SensorAggregator>(center_);
     aggregator_->setStatusSource(&source_);
@@ -41,8 +42,8 @@ class SensorAggregatorTest : public ::testing::Test {
   void TearDown() override { aggregator_.reset(); }
 
   testing::SystemLogCapture log_;
-  VirtualClock clock_;
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_;
+  WPS::SPI::ScopedClock installed_{clock_};
   NotificationCenter center_;
   NotificationCenter::ObserverId observer_ = 0;
   FakeStatusSource source_;
@@ -51,7 +52,7 @@ class SensorAggregatorTest : public ::testing::Test {
 };
 
 TEST_F(SensorAggregatorTest, ThreeTriggersASecondApartGiveOneNotificationFourSecondsAfterTheLast) {
-  const Clock::TimePoint start = clock_.now();
+  const Clock::TimePoint start = Clock::get().now();
   for (int i = 0; i < 3; ++i) {
     aggregator_->triggerNotification();
     testing::advanceMainLoop(clock_, 1000ms);

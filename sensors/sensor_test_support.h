@@ -14,9 +14,11 @@
 
 #include "platform/clock.h"
 #include "platform/http_fetcher.h"
+#include "platform/mutex.h"
 #include "platform/reachability.h"
 #include "platform/run_loop.h"
 #include "sensors/telluro_helper.h"
+#include "wps/spi/simulated_clock.h"
 
 namespace zonara::testing {
 
@@ -81,19 +83,19 @@ class FakeLocationLibrary final : public LocationLibrary {
 class Gate {
  public:
   void wait() {
-    std::unique_lock<std::mutex> lock(mu_);
-    cv_.wait(lock, [this] { return open_; });
+    MutexLock lock(mu_);
+    while (!open_) cv_.wait(mu_);
   }
   void open() {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     open_ = true;
-    cv_.notify_all();
+    cv_.notifyAll();
   }
 
  private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  bool open_ = false;
+  Mutex mu_;
+  CondVar cv_;
+  bool open_ ZONARA_GUARDED_BY(mu_) = false;
 };
 
 // Ends the test program with `message` unless dismissed (destroyed) within
@@ -103,27 +105,29 @@ class Watchdog {
  public:
   Watchdog(std::chrono::milliseconds limit, std::string message)
       : thread_([this, limit, message = std::move(message)] {
-          std::unique_lock<std::mutex> lock(mu_);
-          if (cv_.wait_for(lock, limit, [this] { return dismissed_; })) return;
+          {
+            MutexLock lock(mu_);
+            if (cv_.waitFor(mu_, limit, [this]() ZONARA_REQUIRES(mu_) { return dismissed_; })) return;
+          }
           std::fprintf(stderr, "%s\n", message.c_str());
           std::fflush(stderr);
           std::abort();
         }) {}
   ~Watchdog() {
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       dismissed_ = true;
     }
-    cv_.notify_all();
+    cv_.notifyAll();
     thread_.join();
   }
   Watchdog(const Watchdog&) = delete;
   Watchdog& operator=(const Watchdog&) = delete;
 
  private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  bool dismissed_ = false;
+  Mutex mu_;
+  CondVar cv_;
+  bool dismissed_ ZONARA_GUARDED_BY(mu_) = false;
   std::thread thread_;  // last: starts once the rest exists
 };
 
@@ -176,7 +180,7 @@ class FakeFetcher final : public HttpFetcher {
 
 // Moves virtual time forward in steps of `step`, letting the main run loop
 // fire what became due after each step.
-inline void advanceMainLoop(VirtualClock& clock, std::chrono::milliseconds total,
+inline void advanceMainLoop(WPS::SPI::SimulatedClock& clock, std::chrono::milliseconds total,
                             std::chrono::milliseconds step = std::chrono::milliseconds(100)) {
   for (auto done = std::chrono::milliseconds(0); done < total; done += step) {
     clock.advance(step);

@@ -9,6 +9,7 @@
 #include "platform/system_log.h"
 #include "platform/testing/system_log_capture.h"
 #include "sensors/network_sensor.h"
+#include "wps/spi/simulated_clock.h"
 
 namespace zonara {
 namespace {
@@ -142,8 +143,8 @@ class NetworkSensorTest : public ::testing::Test {
     sensor_ = std::make_unique<NetworkSensor>(monitor_, check_, center_);
   }
   testing::SystemLogCapture log_;
-  VirtualClock clock_;
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_;
+  WPS::SPI::ScopedClock installed_{clock_};
   NotificationCenter center_;
   FakeDynamicStore* store_ = nullptr;
   std::shared_ptr<CSystemConfigurationMonitor> monitor_;
@@ -183,7 +184,7 @@ TEST_F(NetworkSensorTest, OnlyAPoweredIdleWirelessInterfaceFirstInTheChangeAsksF
   for (const Case& c : cases) {
     check_.times.clear();
     store_->values[kWifi] = c.value;
-    const Clock::TimePoint before = clock_.now();
+    const Clock::TimePoint before = Clock::get().now();
     store_->change(c.changed);
     ASSERT_EQ(check_.times.size(), c.checks ? 1u : 0u) << c.name;
     if (c.checks) {

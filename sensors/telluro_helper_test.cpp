@@ -13,6 +13,7 @@
 #include "platform/run_loop.h"
 #include "platform/testing/system_log_capture.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
@@ -185,8 +186,8 @@ TEST(TelluroHelperDistance, FlatEarthInSinglePrecision) {
 class TelluroLookupTest : public TelluroHelperTest {};
 
 TEST_F(TelluroLookupTest, ResultBeforeTimeOutIsDeliveredOnceAndTheLaterTimerDoesNothing) {
-  VirtualClock clock;
-  ScopedClock installed(clock);
+  WPS::SPI::SimulatedClock clock;
+  WPS::SPI::ScopedClock installed(clock);
   FakeLocationLibrary library;
   SetTelluroUsername(folder_ + "/Telluro.plist", "user");
   library.locate = [](double* lon, double* lat) {
@@ -210,8 +211,8 @@ TEST_F(TelluroLookupTest, ResultBeforeTimeOutIsDeliveredOnceAndTheLaterTimerDoes
 }
 
 TEST_F(TelluroLookupTest, LateResultAfterTimeOutIsDropped) {
-  VirtualClock clock;
-  ScopedClock installed(clock);
+  WPS::SPI::SimulatedClock clock;
+  WPS::SPI::ScopedClock installed(clock);
   FakeLocationLibrary library;
   SetTelluroUsername(folder_ + "/Telluro.plist", "user");
   Gate gate;

@@ -6,6 +6,7 @@
 
 #include "platform/testing/system_log_capture.h"
 #include "sensors/sensor_test_support.h"
+#include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/temp_dir.h"
 
 namespace zonara {
@@ -80,8 +81,8 @@ class TelluroSensorTest : public ::testing::Test {
   testing::SystemLogCapture log_;
   testing::TempDir scratch_{"telluro-sensor-"};
   const std::string folder_ = scratch_.path();
-  VirtualClock clock_;
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_;
+  WPS::SPI::ScopedClock installed_{clock_};
   FakeLocationLibrary library_;
   FakeReachability reachability_;
   FakeFetcher fetcher_;
@@ -127,7 +128,7 @@ TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthO
     Gate& gate;
     ~OpenAtEnd() { gate.open(); }  // a failed assertion must not leave the lookup blocked
   } openAtEnd{slowFirst};
-  const Clock::TimePoint start = clock_.now();
+  const Clock::TimePoint start = Clock::get().now();
   sensor_->performLocationCheck();
   // The quick lookup must be the one held at the gate.
   ASSERT_TRUE(testing::pumpUntil([&] { return calls.load() == 1; }));

@@ -241,24 +241,42 @@ void HelperSystem::fail(const std::string& what) {
 }
 
 HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
+  if (!makeFolders()) return;
+  openHelperLog();
+  buses_ = std::make_unique<Buses>(options_.notificationService);
+  if (!buses_->error.empty()) { fail(buses_->error); return; }
+  startServices();
+  if (options_.startCity.empty()) {
+    travelNowhere();
+  } else {
+    travelTo(options_.startCity);
+  }
+  const std::string setTimezone = makeSystemZone();
+  if (setTimezone.empty() || !writePreferences(setTimezone)) return;
+  setupWireless();
+}
+
+bool HelperSystem::makeFolders() {
   std::error_code ec;
   for (const char* folder : {"config", "data", "home", "cache", "bin", "sys/class/net"})
     fs::create_directories(root() + "/" + folder, ec);
-  if (ec) { fail("cannot make the folders under " + root()); return; }
+  if (ec) { fail("cannot make the folders under " + root()); return false; }
+  return true;
+}
 
-  {
-    const char* base = std::getenv("ZONARA_TEST_TMPDIR");
-    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = test ? std::string(test->test_suite_name()) + "." + test->name() : std::string("helper");
-    for (char& c : name)
-      if (c == '/') c = '_';  // parameterised tests
-    helperLog_ = std::string(base ? base : root().c_str()) + "/" + name + ".helper.log";
-    std::ofstream truncate(helperLog_, std::ios::trunc);
-  }
-  buses_ = std::make_unique<Buses>(options_.notificationService);
-  if (!buses_->error.empty()) { fail(buses_->error); return; }
+// The helper's output goes to "<suite>.<test>.helper.log", emptied first.
+void HelperSystem::openHelperLog() {
+  const char* base = std::getenv("ZONARA_TEST_TMPDIR");
+  const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = test ? std::string(test->test_suite_name()) + "." + test->name() : std::string("helper");
+  for (char& c : name)
+    if (c == '/') c = '_';  // parameterised tests
+  helperLog_ = std::string(base ? base : root().c_str()) + "/" + name + ".helper.log";
+  std::ofstream truncate(helperLog_, std::ios::trunc);
+}
 
-  // Services, each behind a gate that can take it down.
+// Services, each behind a gate that can take it down.
+void HelperSystem::startServices() {
   positioning_ = std::make_unique<WPS::API::testing::FakePositioningServer>();
   geolocation_ = std::make_unique<WPS::API::testing::GeolocationServer>();
   for (const demo::City& city : cityTable().cities()) {
@@ -289,16 +307,14 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
       options_.geolocationApi ? geolocation_->http().port() : positioning_->http().port());
   gates_[Service::TimeZone] = std::make_unique<ServiceGate>(timezone_->port());
   gates_[Service::IPLocation] = std::make_unique<ServiceGate>(ipPage_->port());
+}
 
-  if (options_.startCity.empty()) {
-    travelNowhere();
-  } else {
-    travelTo(options_.startCity);
-  }
-
-  // The system's zone, and the command that "sets" it.
+// The system's zone, and the command that "sets" it: the command's path, or
+// "" (failed) when either cannot be made.
+std::string HelperSystem::makeSystemZone() {
+  std::error_code ec;
   fs::create_symlink("/usr/share/zoneinfo/" + options_.initialZone, localtimeLink(), ec);
-  if (ec) { fail("cannot make " + localtimeLink()); return; }
+  if (ec) { fail("cannot make " + localtimeLink()); return ""; }
   const std::string script = root() + "/bin/set-timezone";
   {
     std::ofstream out(script);
@@ -313,14 +329,19 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
         << commandLog() << "'\nexit 0\n";
   }
   ::chmod(script.c_str(), 0755);
+  return script;
+}
 
+// The helper's preferences: the services behind their gates and the
+// set-time-zone command.
+bool HelperSystem::writePreferences(const std::string& setTimezone) {
   preferences_ = std::make_unique<PreferencesDomain>(kPreferencesDomain, configHome());
   PreferencesDomain& p = *preferences_;
   if (options_.timezoneService) {
     p.setValue("TimezoneServiceURL", PrefValue::string(gates_[Service::TimeZone]->url()));
     p.setValue("TimezoneServiceUsername", PrefValue::string("zonara-test"));
   }
-  p.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string(script)}));
+  p.setValue("SetTimezoneCommand", PrefValue::array({PrefValue::string(setTimezone)}));
   if (options_.geolocationApi) {
     p.setValue("PositioningServerURL",
                PrefValue::string(gates_[Service::Positioning]->url(WPS::API::testing::GeolocationServer::kPath)));
@@ -330,9 +351,8 @@ HelperSystem::HelperSystem(Options options) : options_(std::move(options)) {
   }
   p.setValue("ZonaraEnabled", PrefValue::boolean(true));
   if (!options_.learnPlaces) p.setValue("LearnPlaces", PrefValue::boolean(false));
-  if (!p.synchronize()) { fail("cannot write the preferences"); return; }
-
-  setupWireless();
+  if (!p.synchronize()) { fail("cannot write the preferences"); return false; }
+  return true;
 }
 
 HelperSystem::~HelperSystem() {

@@ -280,6 +280,12 @@ class HelperSystem {
   class Buses;
   void fail(const std::string& what);
   void writeScanFile(const std::string& city);
+  // The steps of the constructor, in order; each calls fail() when it fails.
+  [[nodiscard]] bool makeFolders();
+  void openHelperLog();
+  void startServices();
+  [[nodiscard]] std::string makeSystemZone();
+  [[nodiscard]] bool writePreferences(const std::string& setTimezone);
   void setupWireless();
   std::string tileBytes(const std::vector<std::string>& cities) const;
 

@@ -67,10 +67,11 @@ class WholeRoadTest : public ::testing::Test {
   }
 
   // Runs twenty seconds of the helper's life with `library`; lookups are
-  // let finish before virtual time moves on (they take no virtual time).
+  // let finish before the test moves time on (the library's own pauses move
+  // the one simulated clock they share with the helper).
   void run(LocationLibrary& library) {
-    VirtualClock clock(Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch()));
-    ScopedClock installed(clock);
+    WPS::SPI::SimulatedClock clock(Clock::WallTime(date::sys_days(date::year(2026) / 1 / 15).time_since_epoch()));
+    WPS::SPI::ScopedClock installed(clock);
     testing::TestBus bus;
     ASSERT_TRUE(bus.ok());
     auto helperBus = DBusConnection::openAddress(bus.address(), nullptr);
@@ -184,8 +185,6 @@ TEST_F(WholeRoadTest, PositioningLibraryWithAScanFileLeadsToParis) {
   const fs::path scans = root_ / "scans.txt";
   std::ofstream(scans) << "00:12:A3:B4:C5:D6 -60 6 -95 Home\n00:12:A3:B4:C5:D7 -70 11 0 Cafe\n";
   setenv("WPS_SCAN_FILE", scans.c_str(), 1);
-  WPS::SPI::SimulatedClock libraryClock;  // the library's scan pauses pass at once
-  WPS::SPI::ScopedClock libraryClockInstalled(libraryClock);
   WpsLocationLibrary::setServerURL(positioning_.url());
   WpsLocationLibrary library;
   run(library);

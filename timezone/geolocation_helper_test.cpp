@@ -8,6 +8,7 @@
 
 #include "timezone/test_support.h"
 #include "timezone/testing/built_boundary_file.h"
+#include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/http_test_server.h"
 
 using namespace std::chrono_literals;
@@ -27,8 +28,8 @@ class GeolocationHelperTest : public ::testing::Test {
     return GeolocationHelper(fetcher_, zones_.zones(), GeolocationHelper::Config{url, user});
   }
 
-  VirtualClock clock_{testing::utc(2026, 1, 15)};
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_{testing::utc(2026, 1, 15)};
+  WPS::SPI::ScopedClock installed_{clock_};
   CurlHttpFetcher fetcher_;
   testing::UtcZones zones_;
   HttpTestServer server_;

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "timezone/test_support.h"
+#include "wps/spi/simulated_clock.h"
 #include "wps/spi/testing/http_test_server.h"
 
 using namespace std::chrono_literals;
@@ -23,8 +24,8 @@ class GeoNamesClientTest : public ::testing::Test {
     return GeoNamesClient(fetcher_, GeoNamesClient::Config{url, user});
   }
 
-  VirtualClock clock_{testing::utc(2026, 1, 15)};
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_{testing::utc(2026, 1, 15)};
+  WPS::SPI::ScopedClock installed_{clock_};
   CurlHttpFetcher fetcher_;
   HttpTestServer server_;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "timezone/test_support.h"
+#include "wps/spi/simulated_clock.h"
 
 namespace zonara {
 namespace {
@@ -13,8 +14,8 @@ using testing::utc;
 // north: Paris is on CET).
 class KnownZoneMatcherTest : public ::testing::Test {
  protected:
-  VirtualClock clock_{utc(2026, 1, 15)};
-  ScopedClock installed_{clock_};
+  WPS::SPI::SimulatedClock clock_{utc(2026, 1, 15)};
+  WPS::SPI::ScopedClock installed_{clock_};
   testing::UtcZones zones_;
   KnownZoneMatcher matcher_{zones_.zones()};
 };

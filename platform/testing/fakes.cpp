@@ -208,7 +208,7 @@ FakeLogind::FakeLogind(DBusConnection& bus) : bus_(bus) {
           return;
         }
         {
-          std::lock_guard<std::mutex> lock(self->mu_);
+          MutexLock lock(self->mu_);
           self->inhibitors_.push_back(Inhibitor{what, who, why, mode});
           self->readEnds_.push_back(ends[0]);
         }
@@ -237,12 +237,12 @@ bool FakeLogind::prepareForSleep(bool sleeping, const char* path) {
 }
 
 std::vector<FakeLogind::Inhibitor> FakeLogind::inhibitors() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return inhibitors_;
 }
 
 size_t FakeLogind::held() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   size_t count = 0;
   for (int fd : readEnds_) {
     pollfd p{fd, POLLIN, 0};

@@ -9,13 +9,13 @@
 
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/command_runner.h"
 #include "platform/dbus.h"
 #include "platform/desktop_notifier.h"
+#include "platform/mutex.h"
 #include "platform/run_loop.h"
 #include "platform/workspace.h"
 
@@ -213,9 +213,9 @@ class FakeLogind {
   GDBusNodeInfo* node_;
   unsigned registration_ = 0;
   bool owned_ = false;
-  mutable std::mutex mu_;
-  std::vector<Inhibitor> inhibitors_;
-  std::vector<int> readEnds_;  // one per inhibitor, owned
+  mutable Mutex mu_;
+  std::vector<Inhibitor> inhibitors_ ZONARA_GUARDED_BY(mu_);
+  std::vector<int> readEnds_ ZONARA_GUARDED_BY(mu_);  // one per inhibitor, owned
 };
 
 // A stand-in for polkit's authority on a bus: owns "org.freedesktop.PolicyKit1"

@@ -321,6 +321,36 @@ WPS_ReturnCode WPS_periodic_location(const WPS_SimpleAuthentication* authenticat
 void WPS_free_location(WPS_Location* location);
 void WPS_free_ip_location(WPS_IPLocation* location);
 
+/* The library's clock, which the embedding program shares so that one clock
+ * keeps the time of both (one sped up for demonstrations, one simulated for
+ * tests). Every function here may be called from any thread, also while
+ * other WPS_ functions run; none takes the library's lock. */
+
+/* The wall time in milliseconds since 1970-01-01 UTC. */
+long long WPS_clock_wall_ms(void);
+/* Milliseconds since an arbitrary origin, never going back: what timers and
+ * delays count on. */
+long long WPS_clock_monotonic_ms(void);
+/* Blocks the calling thread for `milliseconds` of the clock's time (nothing
+ * for 0 or less). */
+void WPS_clock_sleep_ms(long long milliseconds);
+/* 1 when the clock's time moves only when a test moves it (timers then wait
+ * for the listener below instead of a real time-out), else 0. */
+int WPS_clock_is_simulated(void);
+/* The real milliseconds that pass while `milliseconds` of the clock's time
+ * pass: what a timer waits in real time. Never 0 for a positive argument. */
+long long WPS_clock_real_ms(long long milliseconds);
+/* Makes the clock run `factor` times as fast as real time, counted from now:
+ * every time read, sleep, scan period and retry delay of the library and of
+ * the program reading the clock here is shortened alike (network time-outs
+ * are not). 1 restores the real clock. WPS_ERROR for a factor below 1 or not
+ * finite. Call before other WPS_ functions, not while one runs. */
+WPS_ReturnCode WPS_set_time_scale(double factor);
+/* Names a function called whenever the clock changes (another one installed)
+ * or a simulated clock's time moves, on the thread that moved it, with
+ * `context`; null: none. The program wakes its timers there. */
+void WPS_set_clock_listener(void (*moved)(void* context), void* context);
+
 /* Names the embedding program's preferences domain: the library reads its
  * logging configuration (the text LOG4CPP_CONFIGURATION, a log4cpp properties
  * file) from that domain's property list first, then from its own domain

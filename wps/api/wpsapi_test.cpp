@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -189,6 +190,50 @@ TEST(PublicHeader, CompilesAsCWithTheDocumentedLayout) { EXPECT_EQ(wpsapi_c_layo
 TEST(PublicSetup, ThePreferencesDomainMustBeNamed) {
   EXPECT_EQ(WPS_set_preferences_domain(nullptr), WPS_ERROR);
   EXPECT_EQ(WPS_set_preferences_domain("org.example.WpsApiTest"), WPS_OK);
+}
+
+// The program reads the library's clock: a simulated one moves only when
+// told (and tells the listener every move), a sped-up one only for a factor
+// of at least 1.
+TEST(PublicSetup, TheProgramReadsTheLibrarysClock) {
+  int moves = 0;
+  WPS_set_clock_listener([](void* counter) { ++*static_cast<int*>(counter); }, &moves);
+  struct Quiet {
+    ~Quiet() { WPS_set_clock_listener(nullptr, nullptr); }
+  } quiet;
+  {
+    SPI::SimulatedClock clock(SPI::Time(1700000000, 250));
+    SPI::ScopedClock installed(clock);
+    EXPECT_EQ(moves, 1);
+    EXPECT_EQ(WPS_clock_is_simulated(), 1);
+    EXPECT_EQ(WPS_clock_wall_ms(), 1700000000250LL);
+    EXPECT_EQ(WPS_clock_monotonic_ms(), 0);
+    WPS_clock_sleep_ms(1500);
+    WPS_clock_sleep_ms(0);
+    clock.advance(500);
+    EXPECT_EQ(WPS_clock_monotonic_ms(), 2000);
+    EXPECT_EQ(SPI::Time::now(), SPI::Time(1700000002, 250));
+    EXPECT_EQ(clock.totalSlept(), 1500);
+    EXPECT_EQ(moves, 3);
+  }
+  EXPECT_EQ(moves, 4);
+  EXPECT_EQ(WPS_clock_is_simulated(), 0);
+  EXPECT_EQ(WPS_clock_real_ms(250), 250);
+
+  for (double refused : {0.5, -2.0, std::nan(""), HUGE_VAL}) EXPECT_EQ(WPS_set_time_scale(refused), WPS_ERROR);
+  EXPECT_EQ(moves, 4);
+  ASSERT_EQ(WPS_set_time_scale(50), WPS_OK);
+  EXPECT_EQ(WPS_clock_real_ms(1000), 20);
+  EXPECT_EQ(WPS_clock_real_ms(1), 1);
+  const long long start = WPS_clock_monotonic_ms();
+  WPS_clock_sleep_ms(500);  // about 10 ms of real time
+  EXPECT_GE(WPS_clock_monotonic_ms() - start, 500);
+  ASSERT_EQ(WPS_set_time_scale(1), WPS_OK);
+  EXPECT_EQ(WPS_clock_real_ms(1000), 1000);
+  const auto realMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          std::chrono::system_clock::now().time_since_epoch()).count();
+  EXPECT_NEAR(static_cast<double>(WPS_clock_wall_ms()), static_cast<double>(realMs), 2000.0);
+  EXPECT_EQ(moves, 6);
 }
 
 // When the server is asked, what it is sent, and when the scanning stops.

@@ -4,22 +4,33 @@ namespace WPS {
 namespace SPI {
 
 SimulatedClock::SimulatedClock(Time start, bool autoAdvance)
-    : nowMs_(int64_t{start.seconds} * 1000 + start.milliseconds), autoAdvance_(autoAdvance) {}
+    : startMs_(int64_t{start.seconds} * 1000 + start.milliseconds), nowMs_(startMs_), autoAdvance_(autoAdvance) {}
+
+SimulatedClock::SimulatedClock(std::chrono::sys_time<std::chrono::milliseconds> start, bool autoAdvance)
+    : startMs_(start.time_since_epoch().count()), nowMs_(startMs_), autoAdvance_(autoAdvance) {}
 
 Time SimulatedClock::now() {
   StdMutexLock lock(mu_);
   return Time(static_cast<int32_t>(nowMs_ / 1000), static_cast<int32_t>(nowMs_ % 1000));
 }
 
-void SimulatedClock::sleepMilliseconds(int64_t milliseconds) {
+int64_t SimulatedClock::monotonicMilliseconds() {
   StdMutexLock lock(mu_);
+  return nowMs_ - startMs_;
+}
+
+void SimulatedClock::sleepMilliseconds(int64_t milliseconds) {
   if (milliseconds <= 0) return;
-  slept_ += milliseconds;
   if (autoAdvance_) {
-    nowMs_ += milliseconds;
-    cv_.notify_all();
+    {
+      StdMutexLock lock(mu_);
+      slept_ += milliseconds;
+    }
+    advance(milliseconds);
     return;
   }
+  StdMutexLock lock(mu_);
+  slept_ += milliseconds;
   const int64_t deadline = nowMs_ + milliseconds;
   ++sleepers_;
   cv_.notify_all();
@@ -28,9 +39,18 @@ void SimulatedClock::sleepMilliseconds(int64_t milliseconds) {
 }
 
 void SimulatedClock::advance(int64_t milliseconds) {
+  if (milliseconds <= 0) return;
+  {
+    StdMutexLock lock(mu_);
+    nowMs_ += milliseconds;
+    cv_.notify_all();
+  }
+  Clock::notifyMoved();
+}
+
+std::chrono::milliseconds SimulatedClock::elapsed() {
   StdMutexLock lock(mu_);
-  nowMs_ += milliseconds;
-  cv_.notify_all();
+  return std::chrono::milliseconds(nowMs_ - startMs_);
 }
 
 int SimulatedClock::sleepers() {

@@ -539,92 +539,105 @@ HttpResponse HttpTestServer::scriptedResponse(const HttpRequest& request) {
   return handler(request);
 }
 
+namespace {
+
+// Reads one request, its head and body, answering "100 Continue" when the
+// client waits for it. `close` tells whether the client wants the connection
+// closed after the answer.
+ReadOutcome ReadRequest(Reader& reader, int fd, HttpRequest& request, bool* close) {
+  ReadOutcome outcome = ReadHead(reader, request);
+  if (outcome != ReadOutcome::Ok) return outcome;
+  const auto te = request.header("Transfer-Encoding");
+  const auto length = request.header("Content-Length");
+  const bool http11 = request.version == "HTTP/1.1";
+  const bool hasBody = (te && HasToken(*te, "chunked")) || (length && *length != "0");
+  if (hasBody && http11) {
+    if (auto expect = request.header("Expect"); expect && EqualsIgnoreCase(*expect, "100-continue")) {
+      if (!SendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n")) return ReadOutcome::Closed;
+    }
+  }
+  if (te && HasToken(*te, "chunked")) {
+    request.chunked = true;
+    outcome = ReadChunkedBody(reader, request);
+  } else if (length) {
+    const std::string& digits = *length;
+    if (digits.empty() || digits.size() > 12 || digits.find_first_not_of("0123456789") != std::string::npos ||
+        std::stoull(digits) > kMaxBodyBytes) {
+      outcome = ReadOutcome::Malformed;
+    } else if (auto body = reader.bytes(std::stoull(digits))) {
+      request.body = std::move(*body);
+    } else {
+      outcome = ReadOutcome::Closed;
+    }
+  }
+  const auto conn = request.header("Connection");
+  *close = (conn && HasToken(*conn, "close")) || (!http11 && !(conn && HasToken(*conn, "keep-alive")));
+  return outcome;
+}
+
+}  // namespace
+
 void HttpTestServer::serve(Connection* connection) {
   Reader reader(connection->fd, wakeFd_[0]);
   for (;;) {
     HttpRequest request;
     request.connection = connection->number;
-    ReadOutcome outcome = ReadHead(reader, request);
     bool close = false;
-    if (outcome == ReadOutcome::Ok) {
-      const auto te = request.header("Transfer-Encoding");
-      const auto length = request.header("Content-Length");
-      const bool http11 = request.version == "HTTP/1.1";
-      const bool hasBody = (te && HasToken(*te, "chunked")) || (length && *length != "0");
-      if (hasBody && http11) {
-        if (auto expect = request.header("Expect"); expect && EqualsIgnoreCase(*expect, "100-continue")) {
-          if (!SendAll(connection->fd, "HTTP/1.1 100 Continue\r\n\r\n")) break;
-        }
-      }
-      if (te && HasToken(*te, "chunked")) {
-        request.chunked = true;
-        outcome = ReadChunkedBody(reader, request);
-      } else if (length) {
-        const std::string& digits = *length;
-        if (digits.empty() || digits.size() > 12 || digits.find_first_not_of("0123456789") != std::string::npos ||
-            std::stoull(digits) > kMaxBodyBytes) {
-          outcome = ReadOutcome::Malformed;
-        } else if (auto body = reader.bytes(std::stoull(digits))) {
-          request.body = std::move(*body);
-        } else {
-          outcome = ReadOutcome::Closed;
-        }
-      }
-      const auto conn = request.header("Connection");
-      close = (conn && HasToken(*conn, "close")) || (!http11 && !(conn && HasToken(*conn, "keep-alive")));
-    }
+    const ReadOutcome outcome = ReadRequest(reader, connection->fd, request, &close);
     if (outcome == ReadOutcome::Closed) break;
     if (outcome == ReadOutcome::Malformed) {
       HttpResponse bad(400, "");
       (void)SendAll(connection->fd, FormatResponse(request, bad, true));
       break;
     }
-
     {
       std::lock_guard<std::mutex> lock(mu_);
       requests_.push_back(request);
     }
     changed_.notify_all();
-
-    HttpResponse response = scriptedResponse(request);
-    if (response.delay.count() > 0 && !waitDelay(response.delay)) break;
-    if (response.reset) {
-      // RST goes out only when the socket is closed, so it is closed now.
-      int fd = connection->fd.exchange(-1);
-      ResetConnection(fd);
-      CloseFd(fd);
-      break;
-    }
-    if (response.raw) {
-      (void)SendAll(connection->fd, *response.raw);
-      break;
-    }
-    const bool tunnelRefused = request.method == "CONNECT" && response.status >= 200 && response.status < 300;
-    close = close || response.closeConnection || tunnelRefused;
-    std::string message = FormatResponse(request, response, close);
-    // With a stall, the body (at the end of the formatted message) waits.
-    std::string body;
-    if (response.stallAfterHead.count() > 0 && message.size() >= response.body.size() &&
-        message.compare(message.size() - response.body.size(), response.body.size(), response.body) == 0) {
-      body = message.substr(message.size() - response.body.size());
-      message.resize(message.size() - response.body.size());
-    }
-    if (!SendAll(connection->fd, message)) break;
-    if (response.stallAfterHead.count() > 0 && !waitDelay(response.stallAfterHead)) break;
-    if (!body.empty() && !SendAll(connection->fd, body)) break;
-    if (response.streamedBodyBytes > 0 && request.method != "HEAD") {
-      bool chunked = false;
-      for (const auto& h : response.headers) {
-        if (EqualsIgnoreCase(h.name, "Transfer-Encoding") && HasToken(h.value, "chunked")) chunked = true;
-      }
-      if (!SendFiller(connection->fd, response.streamedBodyBytes, chunked)) break;
-    }
-    if (close) break;
+    if (!respond(connection, request, close)) break;
   }
   // Tell the client we are done; the descriptor itself is closed when the
   // connection is reaped, so it cannot be reused while others still use it.
   ::shutdown(connection->fd, SHUT_RDWR);
   connection->done = true;
+}
+
+bool HttpTestServer::respond(Connection* connection, const HttpRequest& request, bool close) {
+  HttpResponse response = scriptedResponse(request);
+  if (response.delay.count() > 0 && !waitDelay(response.delay)) return false;
+  if (response.reset) {
+    // RST goes out only when the socket is closed, so it is closed now.
+    int fd = connection->fd.exchange(-1);
+    ResetConnection(fd);
+    CloseFd(fd);
+    return false;
+  }
+  if (response.raw) {
+    (void)SendAll(connection->fd, *response.raw);
+    return false;
+  }
+  const bool tunnelRefused = request.method == "CONNECT" && response.status >= 200 && response.status < 300;
+  close = close || response.closeConnection || tunnelRefused;
+  std::string message = FormatResponse(request, response, close);
+  // With a stall, the body (at the end of the formatted message) waits.
+  std::string body;
+  if (response.stallAfterHead.count() > 0 && message.size() >= response.body.size() &&
+      message.compare(message.size() - response.body.size(), response.body.size(), response.body) == 0) {
+    body = message.substr(message.size() - response.body.size());
+    message.resize(message.size() - response.body.size());
+  }
+  if (!SendAll(connection->fd, message)) return false;
+  if (response.stallAfterHead.count() > 0 && !waitDelay(response.stallAfterHead)) return false;
+  if (!body.empty() && !SendAll(connection->fd, body)) return false;
+  if (response.streamedBodyBytes > 0 && request.method != "HEAD") {
+    bool chunked = false;
+    for (const auto& h : response.headers) {
+      if (EqualsIgnoreCase(h.name, "Transfer-Encoding") && HasToken(h.value, "chunked")) chunked = true;
+    }
+    if (!SendFiller(connection->fd, response.streamedBodyBytes, chunked)) return false;
+  }
+  return !close;
 }
 
 // ---------------------------------------------------------------------------

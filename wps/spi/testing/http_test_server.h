@@ -186,6 +186,8 @@ class HttpTestServer {
   struct Connection;
   void acceptLoop();
   void serve(Connection* connection);
+  // Answers `request` as scripted; false when the connection ends with it.
+  [[nodiscard]] bool respond(Connection* connection, const HttpRequest& request, bool close);
   [[nodiscard]] HttpResponse scriptedResponse(const HttpRequest& request);
   [[nodiscard]] bool waitDelay(std::chrono::milliseconds delay);
 
