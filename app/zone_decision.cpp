@@ -15,9 +15,15 @@ std::string canonical(const std::string& zone, TimeZoneDatabase& zones) {
   return zones.zoneName(zone).value_or(zone);
 }
 
+// A distance for the reason: whole kilometres, or metres below one kilometre
+// (a fix accurate to 40 m is "within 40 m", not "within 0 km").
 std::string kilometres(double metres) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.0f km", metres / 1000);
+  if (metres < 999.5) {
+    std::snprintf(text, sizeof text, "%.0f m", metres);
+  } else {
+    std::snprintf(text, sizeof text, "%.0f km", metres / 1000);
+  }
   return text;
 }
 

@@ -73,6 +73,8 @@ TEST(DecideZone, DecisionTableOnTheRealBoundaries) {
        Action::NoChange, "", "", "the position is only accurate to 1000 km (worse than 100 km)"},
       {"IP position far from any border", 40.4168, -3.7038, ipAddress, "Europe/Paris", Action::Apply,
        "Europe/Madrid", "", "the only zone within 50 km"},
+      {"fix accurate to 40 m in Madrid", 40.4168, -3.7038, {40, PositionSource::PositioningServer}, "Europe/Paris",
+       Action::Apply, "Europe/Madrid", "", "the only zone within 40 m"},
       {"near 0,0", 0.5, 0.5, wifi25, "Europe/Paris", Action::NoChange, "", "", "no usable position"},
   };
   for (const Case& c : cases) {
