@@ -3,13 +3,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/clock.h"
@@ -23,60 +23,128 @@
 namespace zonara::testing {
 
 // The positioning library as a script: `locate` answers location requests
-// (default: WPS_ERROR); every call is recorded.
+// (default: WPS_ERROR); every call is recorded. The script and the records
+// are behind a lock (the sensor calls in on its own threads): tests set and
+// read them through the accessors.
 class FakeLocationLibrary final : public LocationLibrary {
  public:
+  using Script = std::function<WPS_ReturnCode(double*, double*)>;
+
   WPS_ReturnCode registerUser(const WPS_SimpleAuthentication& registrar,
                               const WPS_SimpleAuthentication& user) override {
-    std::lock_guard<std::mutex> lock(mu);
-    registrations.push_back(std::string(registrar.username) + "@" + registrar.realm + " " + user.username + "@" +
-                            user.realm);
-    return registerResult;
+    MutexLock lock(mu_);
+    registrations_.push_back(std::string(registrar.username) + "@" + registrar.realm + " " + user.username + "@" +
+                             user.realm);
+    return registerResult_;
   }
   WPS_ReturnCode tiling(const std::string& folder, unsigned long perSession, unsigned long total) override {
-    std::lock_guard<std::mutex> lock(mu);
-    tilings.push_back(folder + " " + std::to_string(perSession) + " " + std::to_string(total));
-    return tilingResult;
+    MutexLock lock(mu_);
+    tilings_.push_back(folder + " " + std::to_string(perSession) + " " + std::to_string(total));
+    return tilingResult_;
   }
   WPS_ReturnCode location(const WPS_SimpleAuthentication& authentication, double* longitude, double* latitude,
                           PositionQuality* quality) override {
-    std::function<WPS_ReturnCode(double*, double*)> script;
+    Script script;
     {
-      std::lock_guard<std::mutex> lock(mu);
-      users.push_back(std::string(authentication.username) + "@" + authentication.realm);
-      lookupTimes.push_back(Clock::get().now());
-      script = locate;
-      *quality = answerQuality;
+      MutexLock lock(mu_);
+      users_.push_back(std::string(authentication.username) + "@" + authentication.realm);
+      lookupTimes_.push_back(Clock::get().now());
+      script = locate_;
+      *quality = answerQuality_;
     }
     return script ? script(longitude, latitude) : WPS_ERROR;
   }
   WPS_ReturnCode ipLocation(double* longitude, double* latitude) override {
-    std::function<WPS_ReturnCode(double*, double*)> script;
+    Script script;
     {
-      std::lock_guard<std::mutex> lock(mu);
-      ++ipLookups;
-      script = locateIp;
+      MutexLock lock(mu_);
+      ++ipLookups_;
+      script = locateIp_;
     }
     return script ? script(longitude, latitude) : WPS_ERROR;
   }
-  bool usesAccounts() override { return accounts; }
-  [[nodiscard]] size_t lookupCount() {
-    std::lock_guard<std::mutex> lock(mu);
-    return users.size();
+  bool usesAccounts() override {
+    MutexLock lock(mu_);
+    return accounts_;
   }
 
-  std::mutex mu;
-  WPS_ReturnCode registerResult = WPS_OK;
-  WPS_ReturnCode tilingResult = WPS_OK;
-  std::function<WPS_ReturnCode(double*, double*)> locate;
-  std::function<WPS_ReturnCode(double*, double*)> locateIp;  // answers ipLocation (default: WPS_ERROR)
-  PositionQuality answerQuality{30, PositionSource::PositioningServer};  // of every `locate` answer
-  bool accounts = true;  // false: a server without accounts and tiles
-  int ipLookups = 0;
-  std::vector<std::string> registrations;
-  std::vector<std::string> tilings;
-  std::vector<std::string> users;
-  std::vector<Clock::TimePoint> lookupTimes;
+  // The script. `locate` answers location, `locateIp` answers ipLocation
+  // (each outside the lock; unset: WPS_ERROR).
+  void setLocate(Script script) {
+    MutexLock lock(mu_);
+    locate_ = std::move(script);
+  }
+  void setLocateIp(Script script) {
+    MutexLock lock(mu_);
+    locateIp_ = std::move(script);
+  }
+  void setRegisterResult(WPS_ReturnCode result) {
+    MutexLock lock(mu_);
+    registerResult_ = result;
+  }
+  void setTilingResult(WPS_ReturnCode result) {
+    MutexLock lock(mu_);
+    tilingResult_ = result;
+  }
+  // The quality of every `locate` answer.
+  void setAnswerQuality(PositionQuality quality) {
+    MutexLock lock(mu_);
+    answerQuality_ = quality;
+  }
+  // false: a server without accounts and tiles.
+  void setAccounts(bool accounts) {
+    MutexLock lock(mu_);
+    accounts_ = accounts;
+  }
+
+  // The records (copies): "registrar@realm user@realm" per registration,
+  // "folder perSession total" per tiling, "user@realm" and the time per
+  // location lookup, the number of ipLocation calls.
+  [[nodiscard]] std::vector<std::string> registrations() const {
+    MutexLock lock(mu_);
+    return registrations_;
+  }
+  [[nodiscard]] std::vector<std::string> tilings() const {
+    MutexLock lock(mu_);
+    return tilings_;
+  }
+  [[nodiscard]] std::vector<std::string> users() const {
+    MutexLock lock(mu_);
+    return users_;
+  }
+  [[nodiscard]] std::vector<Clock::TimePoint> lookupTimes() const {
+    MutexLock lock(mu_);
+    return lookupTimes_;
+  }
+  [[nodiscard]] size_t lookupCount() const {
+    MutexLock lock(mu_);
+    return users_.size();
+  }
+  [[nodiscard]] int ipLookups() const {
+    MutexLock lock(mu_);
+    return ipLookups_;
+  }
+  // Forgets the lookups recorded so far (users, their times, ipLocation calls).
+  void clearLookups() {
+    MutexLock lock(mu_);
+    users_.clear();
+    lookupTimes_.clear();
+    ipLookups_ = 0;
+  }
+
+ private:
+  mutable Mutex mu_;
+  WPS_ReturnCode registerResult_ ZONARA_GUARDED_BY(mu_) = WPS_OK;
+  WPS_ReturnCode tilingResult_ ZONARA_GUARDED_BY(mu_) = WPS_OK;
+  Script locate_ ZONARA_GUARDED_BY(mu_);
+  Script locateIp_ ZONARA_GUARDED_BY(mu_);
+  PositionQuality answerQuality_ ZONARA_GUARDED_BY(mu_){30, PositionSource::PositioningServer};
+  bool accounts_ ZONARA_GUARDED_BY(mu_) = true;
+  int ipLookups_ ZONARA_GUARDED_BY(mu_) = 0;
+  std::vector<std::string> registrations_ ZONARA_GUARDED_BY(mu_);
+  std::vector<std::string> tilings_ ZONARA_GUARDED_BY(mu_);
+  std::vector<std::string> users_ ZONARA_GUARDED_BY(mu_);
+  std::vector<Clock::TimePoint> lookupTimes_ ZONARA_GUARDED_BY(mu_);
 };
 
 // A gate that lookups wait at until a test opens it.
@@ -147,35 +215,71 @@ class FakeReachability final : public Reachability {
   std::string lastHost;
 };
 
-// Pages as a test scripts them; records each request's URL and time-out.
+// Pages as a test scripts them; records each request's URL, time-out and
+// time (behind a lock: the sensor fetches on its own threads).
 class FakeFetcher final : public HttpFetcher {
  public:
+  using Script = std::function<std::optional<std::string>(size_t)>;
+
   std::optional<std::string> fetch(const std::string& url, std::chrono::milliseconds timeout) override {
-    std::function<std::optional<std::string>(size_t)> answer;
+    Script answer;
     size_t attempt = 0;
     {
-      std::lock_guard<std::mutex> lock(mu);
-      urls.push_back(url);
-      timeouts.push_back(timeout);
-      times.push_back(Clock::get().now());
-      if (!script) return body;
-      answer = script;
-      attempt = urls.size();
+      MutexLock lock(mu_);
+      urls_.push_back(url);
+      timeouts_.push_back(timeout);
+      times_.push_back(Clock::get().now());
+      if (!script_) return body_;
+      answer = script_;
+      attempt = urls_.size();
     }
     return answer(attempt);
   }
-  [[nodiscard]] size_t fetchCount() {
-    std::lock_guard<std::mutex> lock(mu);
-    return urls.size();
+
+  // The page every request gets (nullopt: the fetch fails).
+  void setBody(std::optional<std::string> body) {
+    MutexLock lock(mu_);
+    body_ = std::move(body);
   }
-  std::mutex mu;
-  std::optional<std::string> body;
-  // When set, answers instead of `body` (outside the lock), given the
+  // When set, answers instead of the body (outside the lock), given the
   // request's number counted from 1.
-  std::function<std::optional<std::string>(size_t)> script;
-  std::vector<std::string> urls;
-  std::vector<std::chrono::milliseconds> timeouts;
-  std::vector<Clock::TimePoint> times;
+  void setScript(Script script) {
+    MutexLock lock(mu_);
+    script_ = std::move(script);
+  }
+
+  // The records (copies), one entry per request.
+  [[nodiscard]] std::vector<std::string> urls() const {
+    MutexLock lock(mu_);
+    return urls_;
+  }
+  [[nodiscard]] std::vector<std::chrono::milliseconds> timeouts() const {
+    MutexLock lock(mu_);
+    return timeouts_;
+  }
+  [[nodiscard]] std::vector<Clock::TimePoint> times() const {
+    MutexLock lock(mu_);
+    return times_;
+  }
+  [[nodiscard]] size_t fetchCount() const {
+    MutexLock lock(mu_);
+    return urls_.size();
+  }
+  // Forgets the requests recorded so far.
+  void clearRequests() {
+    MutexLock lock(mu_);
+    urls_.clear();
+    timeouts_.clear();
+    times_.clear();
+  }
+
+ private:
+  mutable Mutex mu_;
+  std::optional<std::string> body_ ZONARA_GUARDED_BY(mu_);
+  Script script_ ZONARA_GUARDED_BY(mu_);
+  std::vector<std::string> urls_ ZONARA_GUARDED_BY(mu_);
+  std::vector<std::chrono::milliseconds> timeouts_ ZONARA_GUARDED_BY(mu_);
+  std::vector<Clock::TimePoint> times_ ZONARA_GUARDED_BY(mu_);
 };
 
 // Moves virtual time forward in steps of `step`, letting the main run loop

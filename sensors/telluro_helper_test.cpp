@@ -5,6 +5,7 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <random>
 #include <thread>
 
@@ -34,28 +35,28 @@ class TelluroHelperTest : public ::testing::Test {
 
 TEST_F(TelluroHelperTest, FirstLookupRegistersOnceAndLaterLookupsUseTheStoredName) {
   FakeLocationLibrary library;
-  library.locate = [](double* lon, double* lat) {
+  library.setLocate([](double* lon, double* lat) {
     *lon = 2.35;
     *lat = 48.85;
     return WPS_OK;
-  };
+  });
   TelluroHelper helper(library, folder_);
   EXPECT_FALSE(GetTelluroUsername(helper.accountPath()));
 
   std::optional<TelluroLocation> first = helper.currentLocation();
   ASSERT_TRUE(first);
-  ASSERT_EQ(library.registrations.size(), 1u);
+  ASSERT_EQ(library.registrations().size(), 1u);
   std::optional<std::string> stored = GetTelluroUsername(folder_ + "/Telluro.plist");
   ASSERT_TRUE(stored);
   EXPECT_EQ(stored->size(), 36u);
   for (char c : *stored) EXPECT_FALSE(std::islower(static_cast<unsigned char>(c))) << *stored;
-  EXPECT_EQ(library.registrations[0], "vostrel@vostrel.zz " + *stored + "@vostrel.zz");
-  EXPECT_EQ(library.users.at(0), *stored + "@vostrel.zz");
+  EXPECT_EQ(library.registrations()[0], "vostrel@vostrel.zz " + *stored + "@vostrel.zz");
+  EXPECT_EQ(library.users().at(0), *stored + "@vostrel.zz");
 
   (void)helper.currentLocation();
   (void)helper.currentLocation();
-  EXPECT_EQ(library.registrations.size(), 1u);
-  EXPECT_EQ(library.users.at(2), *stored + "@vostrel.zz");
+  EXPECT_EQ(library.registrations().size(), 1u);
+  EXPECT_EQ(library.users().at(2), *stored + "@vostrel.zz");
   bool logged = false;
   for (const std::string& line : log()) logged = logged || line == *stored + " registered OK";
   EXPECT_TRUE(logged);
@@ -63,25 +64,25 @@ TEST_F(TelluroHelperTest, FirstLookupRegistersOnceAndLaterLookupsUseTheStoredNam
 
 TEST_F(TelluroHelperTest, FailedRegistrationRunsAsTamoAndRetriesWithANewName) {
   FakeLocationLibrary library;
-  library.registerResult = WPS_ERROR_SERVER_UNAVAILABLE;
+  library.setRegisterResult(WPS_ERROR_SERVER_UNAVAILABLE);
   TelluroHelper helper(library, folder_);
   (void)helper.currentLocation();
   (void)helper.currentLocation();
-  ASSERT_EQ(library.registrations.size(), 2u);
-  EXPECT_NE(library.registrations[0], library.registrations[1]);
-  EXPECT_EQ(library.users, (std::vector<std::string>{"tamo@vostrel.zz", "tamo@vostrel.zz"}));
+  ASSERT_EQ(library.registrations().size(), 2u);
+  EXPECT_NE(library.registrations()[0], library.registrations()[1]);
+  EXPECT_EQ(library.users(), (std::vector<std::string>{"tamo@vostrel.zz", "tamo@vostrel.zz"}));
   EXPECT_FALSE(GetTelluroUsername(helper.accountPath()));
-  const std::string uuid = library.registrations[0].substr(library.registrations[0].find(' ') + 1, 36);
+  const std::string uuid = library.registrations()[0].substr(library.registrations()[0].find(' ') + 1, 36);
   bool logged = false;
   for (const std::string& line : log())
     logged = logged || line == "Unable to register telluro user... " + uuid + "\nerror: 5";
   EXPECT_TRUE(logged);
 
   // Once registration works the name is kept.
-  library.registerResult = WPS_OK;
+  library.setRegisterResult(WPS_OK);
   (void)helper.currentLocation();
   (void)helper.currentLocation();
-  EXPECT_EQ(library.registrations.size(), 3u);
+  EXPECT_EQ(library.registrations().size(), 3u);
   EXPECT_TRUE(GetTelluroUsername(helper.accountPath()));
 }
 
@@ -112,24 +113,24 @@ TEST_F(TelluroHelperTest, LearnedPlacesRealmIsMadeOnceAndKeptBesideTheUserName) 
 
 TEST_F(TelluroHelperTest, LookupUsesTheTileFolderAndNarrowsToLongitudeLatitudeFloats) {
   FakeLocationLibrary library;
-  library.tilingResult = WPS_ERROR;
-  library.locate = [](double* lon, double* lat) {
+  library.setTilingResult(WPS_ERROR);
+  library.setLocate([](double* lon, double* lat) {
     *lon = -73.6;
     *lat = 45.5;
     return WPS_OK;
-  };
+  });
   TelluroHelper helper(library, folder_ + "//");
   std::optional<TelluroLocation> location = helper.currentLocation();
   ASSERT_TRUE(location);
   EXPECT_EQ(location->longitude, static_cast<double>(static_cast<float>(-73.6)));
   EXPECT_EQ(location->latitude, 45.5);
-  ASSERT_EQ(library.tilings.size(), 1u);
-  EXPECT_EQ(library.tilings[0], folder_ + "/Telluro Cache/ 460800 20971520");
+  ASSERT_EQ(library.tilings().size(), 1u);
+  EXPECT_EQ(library.tilings()[0], folder_ + "/Telluro Cache/ 460800 20971520");
   std::vector<std::string> lines = log();
   EXPECT_NE(std::find(lines.begin(), lines.end(), "*** WPS_tiling failed (99)!\n\n"), lines.end());
   EXPECT_EQ(lines.front(), "fetching telluro location");
 
-  library.locate = [](double*, double*) { return WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED; };
+  library.setLocate([](double*, double*) { return WPS_ERROR_LOCATION_CANNOT_BE_DETERMINED; });
   EXPECT_FALSE(helper.currentLocation());
   lines = log();
   EXPECT_EQ(lines.back(), "*** WPS_location failed (6)!\n\n");
@@ -137,33 +138,33 @@ TEST_F(TelluroHelperTest, LookupUsesTheTileFolderAndNarrowsToLongitudeLatitudeFl
 
 TEST_F(TelluroHelperTest, ServerWithoutAccountsIsOnlyAskedForTheLocationAndItsSourceIsKept) {
   FakeLocationLibrary library;
-  library.accounts = false;
-  library.locate = [](double* lon, double* lat) {
+  library.setAccounts(false);
+  library.setLocate([](double* lon, double* lat) {
     *lon = 13.4;
     *lat = 52.5;
     return WPS_OK;
-  };
+  });
   TelluroHelper helper(library, folder_);
   for (PositionQuality quality : {PositionQuality{20, PositionSource::PositioningServer},
                                   PositionQuality{120000, PositionSource::IPAddress}}) {
-    library.answerQuality = quality;
+    library.setAnswerQuality(quality);
     std::optional<TelluroLocation> location = helper.currentLocation();
     ASSERT_TRUE(location);
     EXPECT_EQ(location->quality.source, quality.source);
     EXPECT_EQ(location->quality.accuracyMetres, quality.accuracyMetres);
   }
-  EXPECT_TRUE(library.registrations.empty());
-  EXPECT_TRUE(library.tilings.empty());
+  EXPECT_TRUE(library.registrations().empty());
+  EXPECT_TRUE(library.tilings().empty());
   EXPECT_FALSE(GetTelluroUsername(helper.accountPath()));
-  EXPECT_EQ(library.users, (std::vector<std::string>{"@", "@"}));
+  EXPECT_EQ(library.users(), (std::vector<std::string>{"@", "@"}));
 
   // The IP-address position is always marked as such.
   EXPECT_FALSE(helper.ipLocation());
-  library.locateIp = [](double* lon, double* lat) {
+  library.setLocateIp([](double* lon, double* lat) {
     *lon = 2.35;
     *lat = 48.85;
     return WPS_OK;
-  };
+  });
   std::optional<TelluroLocation> ip = helper.ipLocation();
   ASSERT_TRUE(ip);
   EXPECT_DOUBLE_EQ(ip->latitude, 48.85);
@@ -190,11 +191,11 @@ TEST_F(TelluroLookupTest, ResultBeforeTimeOutIsDeliveredOnceAndTheLaterTimerDoes
   WPS::SPI::ScopedClock installed(clock);
   FakeLocationLibrary library;
   SetTelluroUsername(folder_ + "/Telluro.plist", "user");
-  library.locate = [](double* lon, double* lat) {
+  library.setLocate([](double* lon, double* lat) {
     *lon = 1;
     *lat = 2;
     return WPS_OK;
-  };
+  });
   TelluroHelper helper(library, folder_);
   std::vector<std::optional<TelluroLocation>> results;
   std::mutex mu;
@@ -216,12 +217,12 @@ TEST_F(TelluroLookupTest, LateResultAfterTimeOutIsDropped) {
   FakeLocationLibrary library;
   SetTelluroUsername(folder_ + "/Telluro.plist", "user");
   Gate gate;
-  library.locate = [&](double* lon, double* lat) {
+  library.setLocate([&](double* lon, double* lat) {
     gate.wait();
     *lon = 1;
     *lat = 2;
     return WPS_OK;
-  };
+  });
   TelluroHelper helper(library, folder_);
   std::atomic<int> calls{0};
   std::atomic<bool> gotNil{false};
@@ -243,12 +244,12 @@ TEST_F(TelluroLookupTest, LateResultAfterTimeOutIsDropped) {
 TEST_F(TelluroLookupTest, LookupFromAThreadWhoseRunLoopNeverRunsIsDeliveredByTheWorker) {
   FakeLocationLibrary library;
   SetTelluroUsername(folder_ + "/Telluro.plist", "user");
-  library.locate = [](double* lon, double* lat) {
+  library.setLocate([](double* lon, double* lat) {
     std::this_thread::sleep_for(50ms);
     *lon = 5;
     *lat = 6;
     return WPS_OK;
-  };
+  });
   TelluroHelper helper(library, folder_);
   std::atomic<int> calls{0};
   std::atomic<bool> gotPosition{false};
@@ -273,7 +274,7 @@ TEST_F(TelluroLookupTest, RacingCompletionsAndTimeOutsDeliverExactlyOnce) {
   SetTelluroUsername(folder_ + "/Telluro.plist", "user");
   std::mutex rngMu;
   std::mt19937 rng(42);
-  library.locate = [&](double* lon, double* lat) {
+  library.setLocate([&](double* lon, double* lat) {
     int micros;
     {
       std::lock_guard<std::mutex> lock(rngMu);
@@ -283,7 +284,7 @@ TEST_F(TelluroLookupTest, RacingCompletionsAndTimeOutsDeliverExactlyOnce) {
     *lon = 1;
     *lat = 1;
     return WPS_OK;
-  };
+  });
   TelluroHelper helper(library, folder_);
   constexpr int kLookups = 300;
   std::vector<std::atomic<int>> deliveries(kLookups);

@@ -22,15 +22,17 @@ using testing::Gate;
 class RecordingTrigger final : public LocationTrigger {
  public:
   void triggerNotification() override {
-    std::lock_guard<std::mutex> lock(mu);
-    times.push_back(Clock::get().now());
+    MutexLock lock(mu_);
+    times_.push_back(Clock::get().now());
   }
   size_t count() {
-    std::lock_guard<std::mutex> lock(mu);
-    return times.size();
+    MutexLock lock(mu_);
+    return times_.size();
   }
-  std::mutex mu;
-  std::vector<Clock::TimePoint> times;
+
+ private:
+  Mutex mu_;
+  std::vector<Clock::TimePoint> times_ ZONARA_GUARDED_BY(mu_);
 };
 
 WPS_ReturnCode at(double* lon, double* lat, double x, double y) {
@@ -58,14 +60,8 @@ class TelluroSensorTest : public ::testing::Test {
                                               TelluroSensor::Config{"positioning.test", std::move(ipLocationURL)});
     helper_->waitForLookups();
     finishIPLocationCheck();
-    std::lock_guard<std::mutex> lock(library_.mu);
-    library_.users.clear();
-    library_.lookupTimes.clear();
-    library_.ipLookups = 0;
-    std::lock_guard<std::mutex> pages(fetcher_.mu);
-    fetcher_.urls.clear();
-    fetcher_.timeouts.clear();
-    fetcher_.times.clear();
+    library_.clearLookups();
+    fetcher_.clearRequests();
   }
 
   // Lets the IP-location fallback on the worker end and what it hands to the
@@ -92,7 +88,7 @@ class TelluroSensorTest : public ::testing::Test {
 };
 
 TEST_F(TelluroSensorTest, StartsWithASilentRefreshThatStoresWithoutTriggering) {
-  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  library_.setLocate([](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); });
   makeSensor();
   EXPECT_EQ(reachability_.lastHost, "positioning.test");
   EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
@@ -103,7 +99,7 @@ TEST_F(TelluroSensorTest, StartsWithASilentRefreshThatStoresWithoutTriggering) {
 
 TEST_F(TelluroSensorTest, QuickCheckFoundInUnderASecondStoresAndTriggersOnce) {
   makeSensor();
-  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  library_.setLocate([](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); });
   sensor_->performLocationCheck();
   helper_->waitForLookups();
   testing::advanceMainLoop(clock_, 2000ms);
@@ -117,13 +113,13 @@ TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthO
   makeSensor();
   Gate slowFirst;
   std::atomic<int> calls{0};
-  library_.locate = [&](double* lon, double* lat) {
+  library_.setLocate([&](double* lon, double* lat) {
     if (++calls == 1) {
       slowFirst.wait();
       return at(lon, lat, 100, 10);
     }
     return at(lon, lat, 2.35, 48.85);
-  };
+  });
   struct OpenAtEnd {
     Gate& gate;
     ~OpenAtEnd() { gate.open(); }  // a failed assertion must not leave the lookup blocked
@@ -134,11 +130,9 @@ TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthO
   ASSERT_TRUE(testing::pumpUntil([&] { return calls.load() == 1; }));
   testing::advanceMainLoop(clock_, 1000ms);  // the 1.0 s time-out fires
   ASSERT_TRUE(testing::pumpUntil([&] { return trigger_.count() == 1; }));
-  {
-    std::lock_guard<std::mutex> lock(library_.mu);
-    ASSERT_EQ(library_.lookupTimes.size(), 2u);
-    EXPECT_EQ(library_.lookupTimes[1] - start, 1200ms);
-  }
+  const std::vector<Clock::TimePoint> lookupTimes = library_.lookupTimes();
+  ASSERT_EQ(lookupTimes.size(), 2u);
+  EXPECT_EQ(lookupTimes[1] - start, 1200ms);
   EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
   EXPECT_TRUE(logged("setting current longitude to 2.34999990463257, latitude to 48.8499984741211 (from the positioning server, accuracy 30 m)"));
   // The first lookup's late answer is dropped, and the second lookup's 7.0 s
@@ -149,7 +143,7 @@ TEST_F(TelluroSensorTest, QuickCheckTimedOutThenReachableLooksUpOnceAfterAFifthO
   EXPECT_EQ(trigger_.count(), 1u);
   EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
   EXPECT_EQ(library_.lookupCount(), 2u);
-  EXPECT_EQ(fetcher_.urls.size(), 0u);
+  EXPECT_EQ(fetcher_.fetchCount(), 0u);
 }
 
 TEST_F(TelluroSensorTest, NetworkDownForFifteenSecondsGivesUpWithoutALookup) {
@@ -179,14 +173,15 @@ TEST_F(TelluroSensorTest, FailedReachabilityChecksAreRetriedHalfASecondApart) {
 
 TEST_F(TelluroSensorTest, FailedLookupFallsBackToTheIPLocationPage) {
   makeSensor("http://iplocation.test/");
-  fetcher_.body = "<html><tr><td>Latitude/Longitude:</td>\n<td class=output align=left>45.5/-73.6</td></tr>";
+  fetcher_.setBody("<html><tr><td>Latitude/Longitude:</td>\n<td class=output align=left>45.5/-73.6</td></tr>");
   sensor_->triggerSensor(std::nullopt);
   // The page is read on the worker and its position handed to the main loop.
   ASSERT_TRUE(testing::pumpUntil([&] { return trigger_.count() == 1; }));
   EXPECT_TRUE(logged("performing ip location"));
-  ASSERT_EQ(fetcher_.urls.size(), 1u);
-  EXPECT_EQ(fetcher_.urls[0], "http://iplocation.test/app/locate_my_ip");
-  EXPECT_EQ(fetcher_.timeouts[0], 10000ms);
+  const std::vector<std::string> urls = fetcher_.urls();
+  ASSERT_EQ(urls.size(), 1u);
+  EXPECT_EQ(urls[0], "http://iplocation.test/app/locate_my_ip");
+  EXPECT_EQ(fetcher_.timeouts()[0], 10000ms);
   EXPECT_DOUBLE_EQ(*sensor_->currentLongitude(), -73.6);
   EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 45.5);
   EXPECT_EQ(trigger_.count(), 1u);
@@ -196,15 +191,15 @@ TEST_F(TelluroSensorTest, WithoutAPageTheLibrarysIpLocationIsAskedOnceAndMarked)
   makeSensor();
   sensor_->triggerSensor(std::nullopt);
   finishIPLocationCheck();
-  EXPECT_EQ(library_.ipLookups, 1);
+  EXPECT_EQ(library_.ipLookups(), 1);
   EXPECT_FALSE(sensor_->currentLongitude());
   EXPECT_EQ(trigger_.count(), 0u);
 
-  library_.locateIp = [](double* lon, double* lat) { return at(lon, lat, 13.4, 52.5); };
+  library_.setLocateIp([](double* lon, double* lat) { return at(lon, lat, 13.4, 52.5); });
   sensor_->triggerSensor(std::nullopt);
   finishIPLocationCheck();
-  EXPECT_EQ(library_.ipLookups, 2);
-  EXPECT_TRUE(fetcher_.urls.empty());
+  EXPECT_EQ(library_.ipLookups(), 2);
+  EXPECT_TRUE(fetcher_.urls().empty());
   ASSERT_TRUE(sensor_->currentLatitude());
   EXPECT_DOUBLE_EQ(*sensor_->currentLatitude(), 52.5);
   ASSERT_TRUE(sensor_->currentQuality());
@@ -222,7 +217,7 @@ TEST_F(TelluroSensorTest, WithoutAPageTheLibrarysIpLocationIsAskedOnceAndMarked)
 }
 
 TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecondsApart) {
-  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  library_.setLocate([](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); });
   makeSensor("http://iplocation.test");
   ASSERT_TRUE(sensor_->currentLongitude());
   sensor_->triggerSensor(std::nullopt);
@@ -230,11 +225,12 @@ TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecond
   EXPECT_FALSE(sensor_->currentLatitude());
   finishIPLocationCheck();
   EXPECT_EQ(trigger_.count(), 0u);
-  ASSERT_EQ(fetcher_.times.size(), 10u);
-  for (size_t i = 1; i < fetcher_.times.size(); ++i) EXPECT_EQ(fetcher_.times[i] - fetcher_.times[i - 1], 30000ms);
+  const std::vector<Clock::TimePoint> times = fetcher_.times();
+  ASSERT_EQ(times.size(), 10u);
+  for (size_t i = 1; i < times.size(); ++i) EXPECT_EQ(times[i] - times[i - 1], 30000ms);
 
   // A page without the expected text gives nothing either.
-  fetcher_.body = "<html>nothing here</html>";
+  fetcher_.setBody("<html>nothing here</html>");
   EXPECT_FALSE(sensor_->performIPLocationCheck());
 }
 
@@ -246,16 +242,16 @@ TEST_F(TelluroSensorTest, PageFailuresGiveNoPositionAfterTenAttemptsThirtySecond
 // (a second delivery would start a second fallback: a third request).
 TEST_F(TelluroSensorTest, RefreshTimeOutWhileTheFallbackWaitsForThePageLeavesTheMainLoopRunning) {
   Gate lookupFails;
-  library_.locate = [&](double*, double*) {
+  library_.setLocate([&](double*, double*) {
     lookupFails.wait();
     return WPS_ERROR;
-  };
+  });
   Gate firstPageRefused;
-  fetcher_.script = [&](size_t attempt) -> std::optional<std::string> {
+  fetcher_.setScript([&](size_t attempt) -> std::optional<std::string> {
     if (attempt > 1) return "<td>Latitude/Longitude:</td><td class=output>35.7/139.7</td>";
     firstPageRefused.wait();
     return std::nullopt;
-  };
+  });
   struct OpenAtEnd {
     Gate& a;
     Gate& b;
@@ -284,7 +280,8 @@ TEST_F(TelluroSensorTest, RefreshTimeOutWhileTheFallbackWaitsForThePageLeavesThe
   ASSERT_TRUE(testing::pumpUntil([&] { return !sensor_->ipLocationCheckRunning(); }));
   testing::advanceMainLoop(clock_, 1000ms);
   EXPECT_EQ(fetcher_.fetchCount(), 2u);
-  EXPECT_GE(fetcher_.times[1] - fetcher_.times[0], 30000ms);  // the pause, after the refused page
+  const std::vector<Clock::TimePoint> times = fetcher_.times();
+  EXPECT_GE(times[1] - times[0], 30000ms);  // the pause, after the refused page
   EXPECT_EQ(trigger_.count(), 1u);
 }
 
@@ -299,7 +296,7 @@ TEST_F(TelluroSensorTest, ChecksAskedForDuringACheckWaitWithoutBlockingTheCaller
   ASSERT_FALSE(sensor_->ready());
   sensor_->performLocationCheck();  // returns although the first has not ended
   EXPECT_EQ(library_.lookupCount(), 1u);
-  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); };
+  library_.setLocate([](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); });
   testing::advanceMainLoop(clock_, 9800ms);
   EXPECT_EQ(library_.lookupCount(), 1u);
   // The first check gives up at 10 s; the waiting one then looks up. Time
@@ -355,7 +352,7 @@ TEST(TelluroSensorFlags, ConnectedWithoutTransientRequiredOrIntervention) {
 // have travelled. The look-up finds the place it woke up in.
 TEST_F(TelluroSensorTest, WakingAfterThreeWholeMinutesClearsThePositionAndLooksAgain) {
   makeSensor();
-  library_.locate = [](double* lon, double* lat) { return at(lon, lat, 139.69, 35.69); };
+  library_.setLocate([](double* lon, double* lat) { return at(lon, lat, 139.69, 35.69); });
   struct Case {
     std::chrono::milliseconds slept;
     bool kept;

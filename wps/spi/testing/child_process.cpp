@@ -10,10 +10,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <utility>
+
+#include "wps/spi/concurrent.h"
 
 extern char** environ;
 
@@ -28,10 +31,10 @@ struct ChildProcess::Capture {
   int wake[2] = {-1, -1};
   int mirror = -1;
   std::thread reader;
-  mutable std::mutex mu;
-  mutable std::condition_variable grew;
-  std::string text;
-  bool ended = false;  // the reader has finished
+  mutable WPS::SPI::StdMutex mu;
+  mutable std::condition_variable_any grew;
+  std::string text WPS_GUARDED_BY(mu);
+  bool ended WPS_GUARDED_BY(mu) = false;  // the reader has finished
 
   ~Capture() {
     if (reader.joinable()) {
@@ -44,7 +47,7 @@ struct ChildProcess::Capture {
 
   void run() {
     read();
-    std::lock_guard<std::mutex> lock(mu);
+    WPS::SPI::StdMutexLock lock(mu);
     ended = true;
     grew.notify_all();
   }
@@ -63,7 +66,7 @@ struct ChildProcess::Capture {
         const ssize_t n = ::read(fd, buffer, sizeof buffer);
         if (n > 0) {
           if (mirror >= 0) (void)!::write(mirror, buffer, static_cast<size_t>(n));
-          std::lock_guard<std::mutex> lock(mu);
+          WPS::SPI::StdMutexLock lock(mu);
           text.append(buffer, static_cast<size_t>(n));
           grew.notify_all();
           continue;
@@ -76,8 +79,21 @@ struct ChildProcess::Capture {
   }
 
   bool waitFor(const std::string& part, std::chrono::milliseconds timeout, size_t from) const {
-    std::unique_lock<std::mutex> lock(mu);
-    return grew.wait_for(lock, timeout, [&] { return text.size() > from && text.find(part, from) != std::string::npos; });
+    WPS::SPI::StdMutexLock lock(mu);
+    return grew.wait_for(mu, timeout, [&]() WPS_REQUIRES(mu) {
+      return text.size() > from && text.find(part, from) != std::string::npos;
+    });
+  }
+
+  // Waits until the reader has finished or `deadline` passed; true when it has.
+  bool waitForEnd(std::chrono::steady_clock::time_point deadline) const {
+    WPS::SPI::StdMutexLock lock(mu);
+    return grew.wait_until(mu, deadline, [this]() WPS_REQUIRES(mu) { return ended; });
+  }
+
+  std::string snapshot() const {
+    WPS::SPI::StdMutexLock lock(mu);
+    return text;
   }
 };
 
@@ -314,23 +330,18 @@ int ChildProcess::terminate(std::chrono::milliseconds grace) {
 bool ChildProcess::signal(int signal) { return !status_ && pid_ > 0 && ::kill(pid_, signal) == 0; }
 
 std::string ChildProcess::capturedOut() const {
-  if (!out_) return "";
-  std::lock_guard<std::mutex> lock(out_->mu);
-  return out_->text;
+  return out_ ? out_->snapshot() : "";
 }
 
 std::string ChildProcess::capturedErr() const {
-  if (!err_) return "";
-  std::lock_guard<std::mutex> lock(err_->mu);
-  return err_->text;
+  return err_ ? err_->snapshot() : "";
 }
 
 bool ChildProcess::waitForEndOfOutput(std::chrono::milliseconds timeout) const {
   const auto end = std::chrono::steady_clock::now() + timeout;
   for (const Capture* c : {out_.get(), err_.get()}) {
     if (!c || !c->reader.joinable()) continue;
-    std::unique_lock<std::mutex> lock(c->mu);
-    if (!c->grew.wait_until(lock, end, [c] { return c->ended; })) return false;
+    if (!c->waitForEnd(end)) return false;
   }
   return true;
 }

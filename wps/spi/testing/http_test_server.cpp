@@ -401,7 +401,7 @@ HttpTestServer::HttpTestServer(Handler handler) : handler_(std::move(handler)), 
 
 HttpTestServer::~HttpTestServer() {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    WPS::SPI::StdMutexLock lock(mu_);
     stopping_ = true;
   }
   changed_.notify_all();
@@ -411,7 +411,7 @@ HttpTestServer::~HttpTestServer() {
   if (acceptor_.joinable()) acceptor_.join();
   std::list<std::unique_ptr<Connection>> connections;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    WPS::SPI::StdMutexLock lock(mu_);
     connections.swap(live_);
   }
   // Unblocks a connection thread stuck sending to a client that does not read.
@@ -430,58 +430,58 @@ std::string HttpTestServer::authority() const { return "127.0.0.1:" + std::to_st
 std::string HttpTestServer::url(const std::string& path) const { return "http://" + authority() + path; }
 
 void HttpTestServer::enqueue(HttpResponse response) {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   queue_.push_back(std::move(response));
 }
 
 void HttpTestServer::setHandler(Handler handler) {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   handler_ = std::move(handler);
 }
 
 void HttpTestServer::setDefaultResponse(HttpResponse response) {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   default_ = std::move(response);
 }
 
 size_t HttpTestServer::pendingResponses() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   return queue_.size();
 }
 
 void HttpTestServer::clearQueue() {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   queue_.clear();
 }
 
 std::vector<HttpRequest> HttpTestServer::requests() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   return requests_;
 }
 
 size_t HttpTestServer::requestCount() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   return requests_.size();
 }
 
 std::optional<HttpRequest> HttpTestServer::lastRequest() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   if (requests_.empty()) return std::nullopt;
   return requests_.back();
 }
 
 bool HttpTestServer::waitForRequests(size_t n, std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(mu_);
-  return changed_.wait_for(lock, timeout, [&] { return requests_.size() >= n; });
+  WPS::SPI::StdMutexLock lock(mu_);
+  return changed_.wait_for(mu_, timeout, [&]() WPS_REQUIRES(mu_) { return requests_.size() >= n; });
 }
 
 void HttpTestServer::clearRequests() {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   requests_.clear();
 }
 
 uint64_t HttpTestServer::connectionCount() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  WPS::SPI::StdMutexLock lock(mu_);
   return connections_;
 }
 
@@ -498,7 +498,7 @@ void HttpTestServer::acceptLoop() {
     Connection* raw = connection.get();
     std::list<std::unique_ptr<Connection>> finished;
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      WPS::SPI::StdMutexLock lock(mu_);
       if (stopping_) return;  // `connection` closes the socket
       connection->number = ++connections_;
       // Collect connections whose threads have ended, to join them below.
@@ -519,14 +519,14 @@ void HttpTestServer::acceptLoop() {
 }
 
 bool HttpTestServer::waitDelay(std::chrono::milliseconds delay) {
-  std::unique_lock<std::mutex> lock(mu_);
-  return !changed_.wait_for(lock, delay, [&] { return stopping_; });
+  WPS::SPI::StdMutexLock lock(mu_);
+  return !changed_.wait_for(mu_, delay, [&]() WPS_REQUIRES(mu_) { return stopping_; });
 }
 
 HttpResponse HttpTestServer::scriptedResponse(const HttpRequest& request) {
   Handler handler;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    WPS::SPI::StdMutexLock lock(mu_);
     if (!queue_.empty()) {
       HttpResponse r = std::move(queue_.front());
       queue_.pop_front();
@@ -535,7 +535,7 @@ HttpResponse HttpTestServer::scriptedResponse(const HttpRequest& request) {
     if (!handler_) return default_;
     handler = handler_;
   }
-  std::lock_guard<std::mutex> serial(handlerMu_);
+  WPS::SPI::StdMutexLock serial(handlerMu_);
   return handler(request);
 }
 
@@ -591,7 +591,7 @@ void HttpTestServer::serve(Connection* connection) {
       break;
     }
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      WPS::SPI::StdMutexLock lock(mu_);
       requests_.push_back(request);
     }
     changed_.notify_all();

@@ -73,11 +73,12 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "wps/spi/concurrent.h"
 
 namespace zonara::testing {
 
@@ -195,17 +196,17 @@ class HttpTestServer {
   int wakeFd_[2] = {-1, -1};  // a pipe: written once at shutdown, wakes every poll
   uint16_t port_ = 0;
 
-  mutable std::mutex mu_;
-  mutable std::condition_variable changed_;  // new request recorded, or stopping
-  bool stopping_ = false;
-  std::deque<HttpResponse> queue_;
-  Handler handler_;
-  HttpResponse default_;
-  std::vector<HttpRequest> requests_;
-  uint64_t connections_ = 0;
-  std::list<std::unique_ptr<Connection>> live_;
+  mutable WPS::SPI::StdMutex mu_;
+  mutable std::condition_variable_any changed_;  // new request recorded, or stopping
+  bool stopping_ WPS_GUARDED_BY(mu_) = false;
+  std::deque<HttpResponse> queue_ WPS_GUARDED_BY(mu_);
+  Handler handler_ WPS_GUARDED_BY(mu_);
+  HttpResponse default_ WPS_GUARDED_BY(mu_);
+  std::vector<HttpRequest> requests_ WPS_GUARDED_BY(mu_);
+  uint64_t connections_ WPS_GUARDED_BY(mu_) = 0;
+  std::list<std::unique_ptr<Connection>> live_ WPS_GUARDED_BY(mu_);
 
-  std::mutex handlerMu_;  // serializes handler calls
+  WPS::SPI::StdMutex handlerMu_;  // serializes handler calls
   std::thread acceptor_;
 };
 
