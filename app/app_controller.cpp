@@ -119,8 +119,8 @@ std::unique_ptr<AppController> AppController::create(Services services) {
         kShutdownNotification, [self](const DistributedNotification&) { self->zonaraHelperShouldShutdown(); });
   }
   std::map<std::string, BusNameServer::PropertyGetter> properties = self->statusProperties();
-  properties["DetectedTimezone"] = [self] { return self->detectedTimezone().value_or(""); };
-  properties["CurrentLocation"] = [self] { return self->currentLocation(); };
+  properties[kDetectedTimezoneProperty] = [self] { return self->detectedTimezone().value_or(""); };
+  properties[kCurrentLocationProperty] = [self] { return self->currentLocation(); };
   const bool registered = self->services_.server->start(properties, {{kUndoMethod, [self] { return self->undo(); }}});
   if (!registered) {
     if (self->shutdownObserver_) self->services_.distributedCenter->removeObserver(self->shutdownObserver_);
@@ -241,7 +241,7 @@ void AppController::timezoneLookedUp(const Lookup& lookup) {
   record(std::move(entry));
   // The description depends on the position, which has just changed.
   services_.server->propertiesChanged(
-      {}, {"CurrentLocation", kLastPositionProperty, kZoneFoundProperty, kBorderDistanceProperty});
+      {}, {kCurrentLocationProperty, kLastPositionProperty, kZoneFoundProperty, kBorderDistanceProperty});
 }
 
 AppController::Outcome AppController::actOn(const Lookup& lookup) {
@@ -447,7 +447,7 @@ bool AppController::applyAndAnnounce(const std::string& name) {
   }
 
   detectedTimezone_ = name;
-  services_.server->propertiesChanged({{"DetectedTimezone", name}}, {});
+  services_.server->propertiesChanged({{kDetectedTimezoneProperty, name}}, {});
   return true;
 }
 

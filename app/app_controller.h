@@ -78,14 +78,6 @@ class AppController {
   static constexpr const char* kCalendarDomain = "com.apple.iCal";
   // Preference: offer a change instead of making it (default false).
   static constexpr const char* kAskBeforeChangeKey = "AskBeforeChange";
-  // Bus properties for `zonara status` ("" while unknown).
-  static constexpr const char* kLastPositionProperty = "LastPosition";
-  static constexpr const char* kZoneFoundProperty = "ZoneFound";
-  static constexpr const char* kBorderDistanceProperty = "BorderDistance";
-  static constexpr const char* kLastDecisionProperty = "LastDecision";
-  static constexpr const char* kLastDecisionReasonProperty = "LastDecisionReason";
-  // Bus method: undoes the last change (as the notification's "Undo").
-  static constexpr const char* kUndoMethod = "Undo";
 
   // What the controller works with. Everything is borrowed and must outlive
   // the controller; `location` may be null (no position known yet).

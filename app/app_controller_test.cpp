@@ -447,8 +447,8 @@ TEST_F(AppControllerTest, NoZoneFoundChangesNothingButTheLocation) {
   EXPECT_TRUE(logged("foundtimezone for (48.85, 2.35) = (null)"));
   EXPECT_EQ(server_.events, (std::vector<std::string>{"LastDecision?", "LastDecisionReason?", "CurrentLocation?",
                                                       "LastPosition?", "ZoneFound?", "BorderDistance?"}));
-  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionProperty)(), "no change");
-  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionReasonProperty)(), "no zone found at the position");
+  EXPECT_EQ(server_.properties.at(kLastDecisionProperty)(), "no change");
+  EXPECT_EQ(server_.properties.at(kLastDecisionReasonProperty)(), "no zone found at the position");
   EXPECT_FALSE(fs::exists(root_ / "commands"));
 }
 
@@ -514,7 +514,7 @@ TEST_F(AppControllerTest, UndoRestoresThePreviousZoneAndHoldsItUntilTheNetworkOr
   lookUp(48.8566, 2.3522);  // the same answer: held
   EXPECT_EQ(commands().size(), 2u);
   EXPECT_TRUE(log_.contains("not setting Europe/Paris: the change to Europe/Paris was undone"));
-  const BusNameServer::MethodResult nothing = server_.methods.at(AppController::kUndoMethod)();
+  const BusNameServer::MethodResult nothing = server_.methods.at(kUndoMethod)();
   EXPECT_FALSE(nothing.ok);
   EXPECT_EQ(nothing.text, "there is no time-zone change to undo");
 
@@ -524,7 +524,7 @@ TEST_F(AppControllerTest, UndoRestoresThePreviousZoneAndHoldsItUntilTheNetworkOr
 
   lookUp(35.7, 139.7);
   EXPECT_FALSE(notifier_.choose(parisMessage, "undo"));  // answered before
-  const BusNameServer::MethodResult undone = server_.methods.at(AppController::kUndoMethod)();
+  const BusNameServer::MethodResult undone = server_.methods.at(kUndoMethod)();
   EXPECT_TRUE(undone.ok);
   EXPECT_EQ(undone.text, "Time zone changed back to Europe/Paris");
   lookUp(35.7, 139.7);  // held
@@ -583,8 +583,8 @@ TEST_F(AppControllerTest, AskingFirstAppliesOnlyOnChangeAndRemembersKeepUntilThe
 TEST_F(AppControllerTest, DecisionsAreKeptInTheHistoryAndServedForTheStatus) {
   auto controller = start();
   RunLoop::main().runOnce();
-  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionProperty)(), "");
-  EXPECT_EQ(server_.properties.at(AppController::kLastPositionProperty)(), "");
+  EXPECT_EQ(server_.properties.at(kLastDecisionProperty)(), "");
+  EXPECT_EQ(server_.properties.at(kLastPositionProperty)(), "");
   location_.set(48.8566, 2.3522, {25, PositionSource::DeviceTiles});
   center_.post(kSensorNotification);
   settle(*controller);
@@ -603,12 +603,12 @@ TEST_F(AppControllerTest, DecisionsAreKeptInTheHistoryAndServedForTheStatus) {
   EXPECT_EQ(lines[2].substr(20), "\t-\t-\t-\tUTC\t-\tundone\tthe user undid the change to Europe/Paris");
   EXPECT_EQ(lines[0].substr(0, 20), "2026-01-15T00:00:00Z");
 
-  EXPECT_EQ(server_.properties.at(AppController::kLastPositionProperty)(),
+  EXPECT_EQ(server_.properties.at(kLastPositionProperty)(),
             "48.85660, 2.35220 (accuracy 25 m, from the device tiles)");
-  EXPECT_EQ(server_.properties.at(AppController::kZoneFoundProperty)(), "Europe/Paris");
-  EXPECT_EQ(server_.properties.at(AppController::kBorderDistanceProperty)(), "");  // no boundary data here
-  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionProperty)(), "undone UTC");
-  EXPECT_EQ(server_.properties.at(AppController::kLastDecisionReasonProperty)(),
+  EXPECT_EQ(server_.properties.at(kZoneFoundProperty)(), "Europe/Paris");
+  EXPECT_EQ(server_.properties.at(kBorderDistanceProperty)(), "");  // no boundary data here
+  EXPECT_EQ(server_.properties.at(kLastDecisionProperty)(), "undone UTC");
+  EXPECT_EQ(server_.properties.at(kLastDecisionReasonProperty)(),
             "the user undid the change to Europe/Paris");
 }
 

@@ -31,4 +31,16 @@ inline constexpr const char* kSensorNotification = "TelluroSensorNotification";
 // location check that follows).
 inline constexpr const char* kNetworkChangedNotification = "ZonaraNetworkChanged";
 
+// The helper's object on the session bus: its string properties, read by
+// `zonara status` and announced through PropertiesChanged, and its methods.
+inline constexpr const char* kDetectedTimezoneProperty = "DetectedTimezone";
+inline constexpr const char* kCurrentLocationProperty = "CurrentLocation";
+inline constexpr const char* kLastPositionProperty = "LastPosition";
+inline constexpr const char* kZoneFoundProperty = "ZoneFound";
+inline constexpr const char* kBorderDistanceProperty = "BorderDistance";
+inline constexpr const char* kLastDecisionProperty = "LastDecision";
+inline constexpr const char* kLastDecisionReasonProperty = "LastDecisionReason";
+// Undoes the last change, as the notification's "Undo" does.
+inline constexpr const char* kUndoMethod = "Undo";
+
 }  // namespace zonara

@@ -289,11 +289,11 @@ void printLastDecision(const Bus& bus) {
     std::printf("%s: %s\n", label,
                 !value ? ("unavailable (" + why + ")").c_str() : value->empty() ? "none yet" : value->c_str());
   };
-  show("Last position", "LastPosition");
-  show("Zone found", "ZoneFound");
-  show("Distance to the nearest border", "BorderDistance");
-  show("Last decision", "LastDecision");
-  show("Reason", "LastDecisionReason");
+  show("Last position", kLastPositionProperty);
+  show("Zone found", kZoneFoundProperty);
+  show("Distance to the nearest border", kBorderDistanceProperty);
+  show("Last decision", kLastDecisionProperty);
+  show("Reason", kLastDecisionReasonProperty);
 }
 
 int statusCommand() {
@@ -308,10 +308,10 @@ int statusCommand() {
     std::printf("Session bus: unavailable (%s)\n", bus.error().c_str());
   } else if (serving) {
     std::string why;
-    std::optional<std::string> zone = bus.helperProperty("DetectedTimezone", 5000, &why);
+    std::optional<std::string> zone = bus.helperProperty(kDetectedTimezoneProperty, 5000, &why);
     std::printf("Detected time zone: %s\n",
                 !zone ? ("unavailable (" + why + ")").c_str() : zone->empty() ? "none yet" : zone->c_str());
-    std::optional<std::string> location = bus.helperProperty("CurrentLocation", 5000, &why);
+    std::optional<std::string> location = bus.helperProperty(kCurrentLocationProperty, 5000, &why);
     std::printf("Current location: %s\n", location ? location->c_str() : ("unavailable (" + why + ")").c_str());
     printLastDecision(bus);
   } else if (isRunning) {
@@ -340,7 +340,7 @@ int undoCommand() {
     return 3;
   }
   std::string why;
-  std::optional<std::string> answer = bus.callHelper("Undo", 30000, &why);
+  std::optional<std::string> answer = bus.callHelper(kUndoMethod, 30000, &why);
   if (!answer) return fail(why);
   std::printf("%s\n", answer->c_str());
   return 0;

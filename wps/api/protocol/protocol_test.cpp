@@ -253,13 +253,17 @@ TEST(ResponseParsers, PositionsOutsideTheEarthAreRefused) {
     EXPECT_EQ(parseLocationRS(response("<location nap='3'>" + position + "<hpe>" + c.hpe + "</hpe></location>"), loc),
               c.ok)
         << c.name;
-    if (!c.ok) EXPECT_EQ(loc, Location()) << c.name;
+    if (!c.ok) {
+      EXPECT_EQ(loc, Location()) << c.name;
+    }
     // The IP answer carries no error estimate: its position alone decides.
     const bool ipOk = c.ok || std::string(c.name).rfind("hpe", 0) == 0;
     IPLocation ip;
     EXPECT_EQ(parseIPLocationRS(response("<ip-location><ip>192.0.2.1</ip>" + position + "</ip-location>"), ip), ipOk)
         << c.name;
-    if (!ipOk) EXPECT_EQ(ip, IPLocation()) << c.name;
+    if (!ipOk) {
+      EXPECT_EQ(ip, IPLocation()) << c.name;
+    }
     EXPECT_EQ(log.containsFragment("Refusing the server's"), !c.ok) << c.name;
   }
 }
