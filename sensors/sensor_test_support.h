@@ -204,15 +204,26 @@ class FakeReachability final : public Reachability {
  public:
   bool checkReachabilityByName(const std::string& host, uint32_t* out) override {
     ++checks;
-    lastHost = host;
+    {
+      MutexLock lock(mu_);
+      lastHost_ = host;
+    }
     if (fails) return false;
     *out = flags;
     return true;
   }
+  // The host of the last check ("" before any).
+  [[nodiscard]] std::string lastHost() const {
+    MutexLock lock(mu_);
+    return lastHost_;
+  }
   std::atomic<bool> fails{false};
   std::atomic<uint32_t> flags{kReachable};
   std::atomic<int> checks{0};
-  std::string lastHost;
+
+ private:
+  mutable Mutex mu_;
+  std::string lastHost_ ZONARA_GUARDED_BY(mu_);
 };
 
 // Pages as a test scripts them; records each request's URL, time-out and

@@ -90,7 +90,7 @@ class TelluroSensorTest : public ::testing::Test {
 TEST_F(TelluroSensorTest, StartsWithASilentRefreshThatStoresWithoutTriggering) {
   library_.setLocate([](double* lon, double* lat) { return at(lon, lat, 2.35, 48.85); });
   makeSensor();
-  EXPECT_EQ(reachability_.lastHost, "positioning.test");
+  EXPECT_EQ(reachability_.lastHost(), "positioning.test");
   EXPECT_FLOAT_EQ(*sensor_->currentLongitude(), 2.35f);
   EXPECT_FLOAT_EQ(*sensor_->currentLatitude(), 48.85f);
   EXPECT_EQ(trigger_.count(), 0u);
