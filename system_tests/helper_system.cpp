@@ -4,8 +4,10 @@
 #include <gio/gio.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -60,6 +62,14 @@ bool NetworkNamespace::enterAtStart() {
 }
 
 bool NetworkNamespace::available() { return g_namespace; }
+
+int NetworkNamespace::runTests(int argc, char** argv, const char* leftOut) {
+  // Before anything starts a thread.
+  const bool isolated = enterAtStart();
+  ::testing::InitGoogleTest(&argc, argv);
+  if (!isolated) std::fprintf(stderr, "note: no network namespace here; %s\n", leftOut);
+  return RUN_ALL_TESTS();
+}
 
 // ---------------------------------------------------------------- cities
 

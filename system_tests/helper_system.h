@@ -75,6 +75,10 @@ struct NetworkNamespace {
   // machine does not allow it.
   static bool enterAtStart();
   [[nodiscard]] static bool available();
+  // The whole main() of a whole-system test program: enters the namespace,
+  // runs the tests, and says on stderr what is left out (`leftOut`, e.g.
+  // "network-change scenarios are skipped") when the namespace is missing.
+  static int runTests(int argc, char** argv, const char* leftOut);
 };
 
 class HelperSystem {

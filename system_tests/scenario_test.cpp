@@ -532,9 +532,5 @@ TEST(ScenarioTest, GeolocationApiServerUnavailableIsAskedOnce) {
 }  // namespace zonara
 
 int main(int argc, char** argv) {
-  // Before anything starts a thread.
-  const bool isolated = zonara::testing::NetworkNamespace::enterAtStart();
-  ::testing::InitGoogleTest(&argc, argv);
-  if (!isolated) std::fprintf(stderr, "note: no network namespace here; network-change scenarios are skipped\n");
-  return RUN_ALL_TESTS();
+  return zonara::testing::NetworkNamespace::runTests(argc, argv, "network-change scenarios are skipped");
 }

@@ -56,9 +56,5 @@ TEST(SoakTest, ManyNetworkChangesDoNotMakeTheHelperGrow) {
 }  // namespace zonara
 
 int main(int argc, char** argv) {
-  // Before anything starts a thread.
-  const bool isolated = zonara::testing::NetworkNamespace::enterAtStart();
-  ::testing::InitGoogleTest(&argc, argv);
-  if (!isolated) std::fprintf(stderr, "note: no network namespace here; the soak run is skipped\n");
-  return RUN_ALL_TESTS();
+  return zonara::testing::NetworkNamespace::runTests(argc, argv, "the soak run is skipped");
 }

@@ -152,9 +152,5 @@ TEST(UndoScenarioTest, AskingFirstKeepThenChange) {
 }  // namespace zonara
 
 int main(int argc, char** argv) {
-  // Before anything starts a thread.
-  const bool isolated = zonara::testing::NetworkNamespace::enterAtStart();
-  ::testing::InitGoogleTest(&argc, argv);
-  if (!isolated) std::fprintf(stderr, "note: no network namespace here; the network-change steps are left out\n");
-  return RUN_ALL_TESTS();
+  return zonara::testing::NetworkNamespace::runTests(argc, argv, "the network-change steps are left out");
 }
